@@ -1,0 +1,90 @@
+// clipward-cli: the same run as the window's Start button, printed to stdout line by line.
+
+#include "finalize/FinalizeRun.h"
+#include "finalize/LogText.h"
+
+#include <QCoreApplication>
+#include <QStringList>
+
+#include <cstdio>
+
+namespace {
+
+const int kExitOk = 0;
+const int kExitUnrecoverable = 1;
+const int kExitUsage = 2;
+
+void printLine(const QString& text)
+{
+    const QByteArray bytes = logLineText(text).toUtf8();
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
+    std::fputc('\n', stdout);
+}
+
+// Every library and procedure message reaches the output, whatever its type, as in the window.
+void messageToStdout(QtMsgType, const QMessageLogContext&, const QString& message)
+{
+    printLine(message);
+}
+
+const char* const kUsage =
+    "Usage: clipward-cli [--scan-only] PATH\n"
+    "Finds recordings left unfinished on PATH (a drive or folder) and finalizes them,\n"
+    "printing the same report as the Clipward window.\n"
+    "\n"
+    "  --scan-only   only list the files that need finalizing; change nothing\n"
+    "  --help        show this text\n"
+    "  --version     show the version\n"
+    "\n"
+    "Exit status: 0 no file unrecoverable, 1 at least one file unrecoverable,\n"
+    "2 PATH missing or wrong arguments.\n";
+
+int usageError(const QString& reason)
+{
+    std::fprintf(stderr, "clipward-cli: %s\n%s", reason.toUtf8().constData(), kUsage);
+    return kExitUsage;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName("Clipward");
+    QCoreApplication::setApplicationVersion(CLIPWARD_VERSION);
+    QCoreApplication::setOrganizationName("Clipward");
+
+    bool scanOnly = false;
+    QStringList paths;
+    const QStringList args = QCoreApplication::arguments().mid(1);
+    for (const QString& arg : args) {
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(kUsage, stdout);
+            return kExitOk;
+        }
+        if (arg == "--version") {
+            std::printf("clipward-cli %s\n", CLIPWARD_VERSION);
+            return kExitOk;
+        }
+        if (arg == "--scan-only")
+            scanOnly = true;
+        else if (arg.startsWith("--"))
+            return usageError(QString("unknown option %1").arg(arg));
+        else
+            paths.append(arg);
+    }
+    if (paths.size() != 1)
+        return usageError(paths.isEmpty() ? "no PATH given" : "give exactly one PATH");
+
+    qInstallMessageHandler(messageToStdout);
+    FinalizeRun run(scanOnly);
+    QObject::connect(&run, &FinalizeRun::output, &printLine);
+    const FinalizeRun::Summary summary = run.run(paths.first());
+    std::fflush(stdout);
+
+    if (!summary.pathExists) {
+        std::fprintf(stderr, "clipward-cli: path does not exist: %s\n", paths.first().toUtf8().constData());
+        return kExitUsage;
+    }
+    return summary.badCount != 0 ? kExitUnrecoverable : kExitOk;
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+// One press of Start: the report header, the driver's walk and the summary, as a sequence of
+// texts on `output`. The window and the command line both present exactly this sequence.
+// Library messages logged meanwhile go through the installed message handler, in time order.
+class FinalizeRun : public QObject
+{
+    Q_OBJECT
+
+public:
+    struct Summary
+    {
+        bool pathExists = false;
+        int goodCount = 0;
+        int badCount = 0;
+    };
+
+    explicit FinalizeRun(bool scanOnly);
+
+    Summary run(const QString& path);
+
+    // First two characters of the absolute path of the folder holding `path` ("/V" for /Volumes/CARD).
+    static QString driveOf(const QString& path);
+
+signals:
+    void output(const QString& text);
+
+private:
+    bool m_scanOnly;
+};

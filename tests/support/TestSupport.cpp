@@ -1,0 +1,80 @@
+#include "support/TestSupport.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QMap>
+#include <QProcess>
+
+namespace TestSupport {
+
+QByteArray hex(const char* text)
+{
+    QByteArray digits(text);
+    digits.replace(' ', "").replace('\n', "");
+    return QByteArray::fromHex(digits);
+}
+
+bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return false;
+    return file.write(bytes) == bytes.size();
+}
+
+QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QByteArray();
+    return file.readAll();
+}
+
+QMap<QString, QByteArray> snapshotTree(const QString& root)
+{
+    QMap<QString, QByteArray> files;
+    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    const QDir base(root);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        files.insert(base.relativeFilePath(path), readFile(path));
+    }
+    return files;
+}
+
+int runCli(const QStringList& args, QStringList* stdoutLines, QString* stderrText)
+{
+    QProcess process;
+    process.start(CLIPWARD_CLI_PATH, args);
+    process.waitForFinished(-1);
+    const QString out = QString::fromUtf8(process.readAllStandardOutput());
+    if (stdoutLines) {
+        QStringList lines = out.split('\n');
+        if (!lines.isEmpty() && lines.last().isEmpty())
+            lines.removeLast(); // the final newline ends the last line, it does not start another
+        *stdoutLines = lines;
+    }
+    if (stderrText)
+        *stderrText = QString::fromUtf8(process.readAllStandardError());
+    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
+
+FailingBuffer::FailingBuffer(qint64 limit)
+    : m_limit(limit)
+{
+}
+
+qint64 FailingBuffer::writeData(const char* data, qint64 len)
+{
+    if (m_accepted + len > m_limit)
+        return -1;
+    const qint64 written = QBuffer::writeData(data, len);
+    if (written > 0)
+        m_accepted += written;
+    return written;
+}
+
+} // namespace TestSupport

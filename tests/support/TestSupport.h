@@ -1,0 +1,40 @@
+#pragma once
+
+#include <QBuffer>
+#include <QByteArray>
+#include <QMap>
+#include <QString>
+#include <QStringList>
+
+namespace TestSupport {
+
+// Bytes from a hex string; blanks and newlines are ignored ("00 00 00 14 'f' ..." is not supported,
+// write the letters as hex so the expectation is readable byte by byte).
+QByteArray hex(const char* text);
+
+// Writes `bytes` to `path`, creating parent folders. Returns false on failure.
+bool writeFile(const QString& path, const QByteArray& bytes);
+QByteArray readFile(const QString& path);
+
+// Every file below `root` (relative path -> content), to prove a run changed nothing.
+QMap<QString, QByteArray> snapshotTree(const QString& root);
+
+// Runs clipward-cli with `args`; returns its exit code and fills stdout lines and stderr text.
+int runCli(const QStringList& args, QStringList* stdoutLines, QString* stderrText = nullptr);
+
+// A buffer whose writes fail once `limit` bytes have been accepted: drives every write-error path.
+class FailingBuffer : public QBuffer
+{
+public:
+    explicit FailingBuffer(qint64 limit);
+    qint64 accepted() const { return m_accepted; }
+
+protected:
+    qint64 writeData(const char* data, qint64 len) override;
+
+private:
+    qint64 m_limit;
+    qint64 m_accepted = 0;
+};
+
+} // namespace TestSupport
