@@ -1,0 +1,90 @@
+#include "movie/QuickTimeBufferDevice.h"
+
+#include <QtDebug>
+
+#include <cstring>
+
+namespace Tern {
+
+QuickTimeBufferDevice::QuickTimeBufferDevice(QIODevice* target, QObject* parent)
+    : QIODevice(parent)
+    , m_buffer(s_bufferSize, '\0')
+    , m_bufferSize(s_bufferSize)
+    , m_fill(0)
+    , m_target(target)
+{
+}
+
+QuickTimeBufferDevice::~QuickTimeBufferDevice()
+{
+    flushBuffer();
+}
+
+void QuickTimeBufferDevice::flushBuffer()
+{
+    if (m_fill <= 0)
+        return;
+    if (m_target->write(m_buffer.constData(), m_fill) < 0) {
+        logDeviceError("*** QuickTime***BufferDevice encountered HDD error, dumping subsequent writes (%d)");
+        m_fill = -1;
+        return;
+    }
+    m_fill = 0;
+}
+
+void QuickTimeBufferDevice::logDeviceError(const char* format) const
+{
+    // The message, then the target's own error text in quotes.
+    qWarning() << qPrintable(QString::asprintf(format, m_fill)) << m_target->errorString();
+}
+
+qint64 QuickTimeBufferDevice::pos() const
+{
+    return m_target->pos() + m_fill;
+}
+
+char* QuickTimeBufferDevice::bufferData()
+{
+    return m_buffer.data(); // non-const access detaches a shared buffer
+}
+
+void QuickTimeBufferDevice::addToFill(int bytes)
+{
+    if (m_fill >= 0)
+        m_fill += bytes;
+}
+
+qint64 QuickTimeBufferDevice::readData(char*, qint64)
+{
+    return -1; // write only
+}
+
+qint64 QuickTimeBufferDevice::writeData(const char* data, qint64 len)
+{
+    if (m_fill < 0)
+        return -1;
+    if (quint32(len) == 0)
+        return len;
+
+    char* buffer = m_buffer.data();
+    qint64 remaining = len;
+    while (remaining > 0) {
+        const int piece = int(qMin(remaining, qint64(m_bufferSize - m_fill)));
+        std::memcpy(buffer + m_fill, data, size_t(piece));
+        data += piece;
+        remaining -= piece;
+        m_fill += piece;
+        if (m_fill == m_bufferSize) {
+            m_fill = 0;
+            if (m_target->write(m_buffer.constData(), m_bufferSize) < 0) {
+                logDeviceError(
+                    "!!! QuickTimeBufferDevice encountered HDD error, dumping subsequent writes (%d)");
+                m_fill = -1;
+                return -1;
+            }
+        }
+    }
+    return len;
+}
+
+} // namespace Tern

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <QByteArray>
+#include <QIODevice>
+
+namespace Tern {
+
+// Write-only device that gathers the movie index into 128 KiB blocks before they reach the file. The
+// first failed write to the target latches the device (fill -1): that error is logged once and every
+// later write is dropped, so the caller learns of the failure only from fill() at the end.
+class QuickTimeBufferDevice : public QIODevice
+{
+    Q_OBJECT
+
+public:
+    static constexpr int s_bufferSize = 131072;
+
+    explicit QuickTimeBufferDevice(QIODevice* target, QObject* parent = nullptr);
+    ~QuickTimeBufferDevice() override;
+
+    // Writes the bytes held so far to the target.
+    void flushBuffer();
+
+    // Position in the target, counting the bytes still held here.
+    qint64 pos() const override;
+
+    int fill() const { return m_fill; }
+    int bufferSize() const { return m_bufferSize; }
+    bool errorLatched() const { return m_fill < 0; }
+
+    // For the table writers, which fill the buffer in place after a flush: the buffer's own storage,
+    // detached from any sharer, and the step that counts what they put there.
+    char* bufferData();
+    void addToFill(int bytes);
+
+protected:
+    qint64 readData(char* data, qint64 maxSize) override;
+    qint64 writeData(const char* data, qint64 len) override;
+
+private:
+    void logDeviceError(const char* format) const;
+
+    QByteArray m_buffer;
+    int m_bufferSize;
+    int m_fill; // bytes held; -1 once a write to the target has failed
+    QIODevice* m_target;
+};
+
+} // namespace Tern

@@ -1,0 +1,330 @@
+#include "movie/SampleDescriptions.h"
+
+#include "movie/MovieFamily.h"
+#include "movie/QuickTimeFile.h"
+
+#include <cstring>
+
+namespace Tern {
+
+namespace {
+// Frame size assumed when a description is built without a movie.
+const quint16 s_defaultWidth = 1920;
+const quint16 s_defaultHeight = 1080;
+
+// ProRes extensions: 'colr' 18, 'fiel' 10, 'pasp' 16 and the closing zero word; 'clap' 40 when written.
+const quint32 s_colourAtomSize = 18;
+const quint32 s_fieldAtomSize = 10;
+const quint32 s_aspectAtomSize = 16;
+const quint32 s_cleanApertureAtomSize = 40;
+const quint32 s_terminatorSize = 4;
+const quint32 s_proResVendor = fourCC("appl");
+const quint32 s_proResSpatialQuality = 1023;
+
+// Avid extensions: 'ACLR' 24, 'APRG' 24, 'ARES' 120 and the closing zero word.
+const quint32 s_avidTagAtomSize = 24;
+const quint32 s_avidResolutionAtomSize = 120;
+const quint32 s_avidVersion = fourCC("0001");
+const quint32 s_avidVendor = fourCC("hldn");
+const quint32 s_avidQuality = 512;
+const int s_avidReservedWords = 10;
+const quint32 s_avidFormatInterlaced = 4;
+const quint32 s_avidFormat1080 = 5;
+const quint32 s_avidFormatOther = 6;
+const char s_avidCompressorName[] = "DNxHD Codec";
+
+const quint32 s_soundEntrySize = 82;
+const quint32 s_waveAtomSize = 30;
+const quint32 s_formatAtomSize = 12;
+const quint32 s_endianAtomSize = 10;
+const quint32 s_defaultBytesPerSample = 4;
+const quint8 s_defaultLittleEndian = 1;
+
+const quint32 s_timecodeEntrySize = 34;
+
+const quint32 s_proRes4444Family = 2;
+const quint32 s_fieldOrderingBottomFirst = 9; // bottom field displayed first, top field stored first
+
+// 'stsd' payload before the entries: the 32-bit entry count.
+const quint32 s_entryCountSize = 4;
+} // namespace
+
+// ---------------------------------------------------------------------------------------------------------
+// Common part
+
+QuickTimeSampleDescription::QuickTimeSampleDescription(quint32 payloadSize, quint32 format)
+    : dataFormat(format)
+    , size(payloadSize + s_commonSize)
+{
+}
+
+QuickTimeSampleDescription::~QuickTimeSampleDescription() = default;
+
+void QuickTimeSampleDescription::write(QDataStream& stream)
+{
+    stream << size << dataFormat;
+    stream.writeRawData(reinterpret_cast<const char*>(reserved), sizeof reserved);
+    stream << dataReferenceIndex;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Video
+
+QuickTimeVideoSampleDescription::QuickTimeVideoSampleDescription(QuickTimeFile* movie, quint32 extensionsSize,
+                                                                 quint32 format)
+    : QuickTimeSampleDescription(s_videoSize - s_commonSize + extensionsSize, format)
+    , movieFile(movie)
+    , width(movie ? movie->width : s_defaultWidth)
+    , height(movie ? movie->height : s_defaultHeight)
+{
+}
+
+void QuickTimeVideoSampleDescription::setCompressorName(const char* name)
+{
+    std::memset(compressorName, 0, sizeof compressorName);
+    const size_t length = qMin<size_t>(std::strlen(name), s_compressorNameSize - 1);
+    compressorName[0] = quint8(length);
+    std::memcpy(compressorName + 1, name, length);
+}
+
+void QuickTimeVideoSampleDescription::write(QDataStream& stream)
+{
+    QuickTimeSampleDescription::write(stream);
+    stream << version << revisionLevel << vendor << temporalQuality << spatialQuality << width << height
+           << horizontalResolution << verticalResolution << dataSize << frameCount;
+    stream.writeRawData(reinterpret_cast<const char*>(compressorName), s_compressorNameSize);
+    stream << depth << colorTableId;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// ProRes
+
+// clang-format off
+// width, height, spacing h:v, clean width, clean height, horizontal offset, vertical offset (n, d each)
+const QuickTimeImageInfo QuickTimeProResVideoSampleDescription::m_imageInfoTable[s_imageInfoRows] = {
+    {720, 480, 10, 11, 704, 1, 480, 1, 0, 1, 0, 1},
+    {720, 486, 10, 11, 704, 1, 480, 1, 0, 1, 0, 1},
+    {720, 576, 59, 54, 41472, 59, 576, 1, 0, 1, 0, 1},
+    {960, 720, 1, 1, 936, 1, 702, 1, 0, 1, 0, 1},
+    {1280, 720, 1, 1, 1248, 1, 702, 1, 0, 1, 0, 1},
+    {1296, 720, 1, 1, 1248, 1, 702, 1, 0, 1, 0, 1},
+    {1280, 1080, 1, 1, 3776, 3, 1062, 1, 0, 1, 0, 1},
+    {1440, 1080, 1, 1, 1416, 1, 1062, 1, 0, 1, 0, 1},
+    {1920, 1080, 1, 1, 1888, 1, 1062, 1, 0, 1, 0, 1},
+    {3840, 2160, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0},
+    {4096, 2160, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0},
+};
+// clang-format on
+
+namespace {
+const MovieFamily& familyOf(const QuickTimeFile* movie)
+{
+    return movie ? movie->family() : ternFamily;
+}
+
+quint32 proResExtensionsSize(const QuickTimeFile* movie)
+{
+    quint32 extensions = s_colourAtomSize + s_fieldAtomSize + s_aspectAtomSize + s_terminatorSize;
+    if (familyOf(movie).proResCleanAperture)
+        extensions += s_cleanApertureAtomSize;
+    return extensions;
+}
+} // namespace
+
+QuickTimeProResVideoSampleDescription::QuickTimeProResVideoSampleDescription(QuickTimeFile* movie)
+    : QuickTimeVideoSampleDescription(movie, proResExtensionsSize(movie), 0)
+    , cleanAperture(familyOf(movie).proResCleanAperture)
+{
+    const quint32 codecType = movie ? movie->videoCodecType : quint32(quicktime_codec_prores422);
+    const quint32 variant = movie ? movie->proResVariant : 0;
+    const ProResName name = familyOf(movie).proResName(codecType, variant);
+    dataFormat = name.dataFormat;
+    setCompressorName(name.compressorName);
+    vendor = s_proResVendor;
+    spatialQuality = s_proResSpatialQuality;
+
+    // Standard-definition sizes carry SMPTE 170M (480 lines) or EBU (576 lines) colour primaries.
+    if (height == 480 || height == 486) {
+        colorPrimaries = 6;
+        transferFunction = 1;
+        colorMatrix = 6;
+    } else if (height == 576) {
+        colorPrimaries = 5;
+        transferFunction = 1;
+        colorMatrix = 6;
+    } else {
+        colorPrimaries = 1;
+        transferFunction = 1;
+        colorMatrix = 1;
+    }
+
+    // An interlaced recording is described as two fields only while its ninth user-data value is 0.
+    const bool twoFields = movie && movie->interlaced != 0 && movie->userData[8] == 0;
+    fieldCount = twoFields ? 2 : 1;
+    fieldOrdering = twoFields ? s_fieldOrderingBottomFirst : 0;
+
+    for (const QuickTimeImageInfo& row : m_imageInfoTable) {
+        if (row.width != width || row.height != height)
+            continue;
+        horizontalSpacing = row.horizontalSpacing;
+        verticalSpacing = row.verticalSpacing;
+        cleanWidthN = row.cleanWidthN;
+        cleanWidthD = row.cleanWidthD;
+        cleanHeightN = row.cleanHeightN;
+        cleanHeightD = row.cleanHeightD;
+        horizontalOffsetN = row.horizontalOffsetN;
+        horizontalOffsetD = row.horizontalOffsetD;
+        verticalOffsetN = row.verticalOffsetN;
+        verticalOffsetD = row.verticalOffsetD;
+        break;
+    }
+}
+
+void QuickTimeProResVideoSampleDescription::write(QDataStream& stream)
+{
+    QuickTimeVideoSampleDescription::write(stream);
+    stream << s_colourAtomSize << fourCC("colr") << fourCC("nclc") << colorPrimaries << transferFunction
+           << colorMatrix;
+    stream << s_fieldAtomSize << fourCC("fiel") << fieldCount << fieldOrdering;
+    stream << s_aspectAtomSize << fourCC("pasp") << horizontalSpacing << verticalSpacing;
+    if (cleanAperture) {
+        stream << s_cleanApertureAtomSize << fourCC("clap") << cleanWidthN << cleanWidthD << cleanHeightN
+               << cleanHeightD << horizontalOffsetN << horizontalOffsetD << verticalOffsetN
+               << verticalOffsetD;
+    }
+    stream << quint32(0);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// DNxHD
+
+QuickTimeAvidVideoSampleDescription::QuickTimeAvidVideoSampleDescription(QuickTimeFile* movie)
+    : QuickTimeVideoSampleDescription(
+        movie, 2 * s_avidTagAtomSize + s_avidResolutionAtomSize + s_terminatorSize, fourCC("AVdn"))
+{
+    vendor = s_avidVendor;
+    temporalQuality = s_avidQuality;
+    spatialQuality = s_avidQuality;
+    setCompressorName(s_avidCompressorName);
+
+    const bool interlaced = movie && movie->interlaced != 0;
+    if (movie)
+        compressionId = movie->videoCodecId;
+    resolutionWidth = width;
+    resolutionHeight = interlaced ? height / 2 : height;
+    resolutionFieldCount = interlaced ? 2 : 1;
+    if (interlaced)
+        formatCode = s_avidFormatInterlaced;
+    else
+        formatCode = height == 1080 ? s_avidFormat1080 : s_avidFormatOther;
+}
+
+void QuickTimeAvidVideoSampleDescription::write(QDataStream& stream)
+{
+    QuickTimeVideoSampleDescription::write(stream);
+    stream << s_avidTagAtomSize << fourCC("ACLR") << fourCC("ACLR") << s_avidVersion << quint32(1)
+           << quint32(0);
+    stream << s_avidTagAtomSize << fourCC("APRG") << fourCC("APRG") << s_avidVersion << quint32(1)
+           << quint32(0);
+    stream << s_avidResolutionAtomSize << fourCC("ARES") << fourCC("ARES") << s_avidVersion << compressionId
+           << resolutionWidth << resolutionHeight << resolutionFieldCount << quint32(0) << formatCode;
+    for (int i = 0; i < s_avidReservedWords; ++i)
+        stream << quint64(0);
+    stream << quint32(0);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Sound
+
+quint32 SoundResolutionToFormat(int bytesPerSample)
+{
+    switch (bytesPerSample) {
+    case 2:
+        return fourCC("twos");
+    case 3:
+        return fourCC("in24");
+    default:
+        return fourCC("in32");
+    }
+}
+
+QuickTimeSoundSampleDescription::QuickTimeSoundSampleDescription(QuickTimeFile* movie, quint32 soundVendor,
+                                                                 quint32 rate)
+    : QuickTimeSampleDescription(
+        s_soundEntrySize - s_commonSize,
+        SoundResolutionToFormat(int(movie ? movie->audioBytesPerSample : s_defaultBytesPerSample)))
+    , movieFile(movie)
+    , vendor(soundVendor)
+    , sampleRate(rate << 16)
+    , bytesPerPacket(movie ? movie->audioBytesPerSample : s_defaultBytesPerSample)
+    , bytesPerFrame(bytesPerPacket)
+    , littleEndian(movie ? movie->audioLittleEndian : s_defaultLittleEndian)
+{
+}
+
+void QuickTimeSoundSampleDescription::write(QDataStream& stream)
+{
+    QuickTimeSampleDescription::write(stream);
+    stream << version << revisionLevel << vendor << channels << sampleSize << compressionId << packetSize
+           << sampleRate << samplesPerPacket << bytesPerPacket << bytesPerFrame << bytesPerSample;
+    stream << s_waveAtomSize << fourCC("wave");
+    stream << s_formatAtomSize << fourCC("frma") << dataFormat;
+    stream << s_endianAtomSize << fourCC("enda") << littleEndian;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Timecode
+
+QuickTimeTimecodeSampleDescription::QuickTimeTimecodeSampleDescription(QuickTimeFile* movie)
+    : QuickTimeSampleDescription(s_timecodeEntrySize - s_commonSize, fourCC("tmcd"))
+    , movieFile(movie)
+{
+    if (!movie)
+        return;
+    flags = (movie->dropFrame ? s_dropFrameFlag : 0) | (movie->counter ? s_counterFlag : 0);
+    timeScale = movie->timeScale;
+    frameDuration = movie->sampleDuration;
+    // Whole frames per second, rounded up (29.97 counts as 30); one byte wide.
+    if (frameDuration != 0)
+        numberOfFrames = quint8((timeScale + frameDuration - 1) / frameDuration);
+}
+
+void QuickTimeTimecodeSampleDescription::write(QDataStream& stream)
+{
+    QuickTimeSampleDescription::write(stream);
+    stream << reserved1 << flags << timeScale << frameDuration << numberOfFrames << reserved2;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// 'stsd'
+
+QuickTimeSampleDescriptionAtom::QuickTimeSampleDescriptionAtom(QuickTimeFile* movie)
+    : QuickTimeVersionFlagsAtom(fourCC("stsd"), s_entryCountSize, 0, 0, 0)
+    , movieFile(movie)
+{
+    file = movie;
+}
+
+QuickTimeSampleDescriptionAtom::~QuickTimeSampleDescriptionAtom()
+{
+    qDeleteAll(descriptions);
+    descriptions.clear();
+}
+
+void QuickTimeSampleDescriptionAtom::addDescription(QuickTimeSampleDescription* description)
+{
+    addSize(description->size);
+    descriptions.append(description);
+    ++entryCount;
+}
+
+void QuickTimeSampleDescriptionAtom::write(QDataStream& stream)
+{
+    QuickTimeVersionFlagsAtom::writeHeader(stream);
+    stream << entryCount;
+    for (QuickTimeSampleDescription* description : descriptions)
+        description->write(stream);
+    writeChildren(stream);
+}
+
+} // namespace Tern

@@ -1,0 +1,310 @@
+#include "movie/SampleTables.h"
+
+#include "movie/QuickTimeBufferDevice.h"
+#include "movie/QuickTimeFile.h"
+
+#include <QtDebug>
+#include <QtEndian>
+
+namespace Tern {
+
+namespace {
+
+const quint32 s_countFieldBytes = 4;
+const quint32 s_stscEntryBytes = 12;
+const quint32 s_stszFixedBytes = 8; // sample size and count
+const int s_sizeEntryBytes = 4;
+const int s_offsetEntryBytes = 4;
+const int s_offset64EntryBytes = 8;
+
+// Walks the frame map in file order. In the video-only mode of a movie read from elsewhere there is no
+// map: every frame is a video frame of length 0.
+class FrameWalk
+{
+public:
+    explicit FrameWalk(const QuickTimeFile& file)
+        : m_map(file.frameMap)
+        , m_total(file.totalFrames())
+        , m_videoOnly(file.importMode && !file.writtenByRecorder)
+    {
+    }
+
+    // The end of the list is looked at only between batches (see the writers); the end of the map's
+    // storage stops every walk.
+    bool listEnded() const { return m_index >= m_total || storageEnded(); }
+    bool storageEnded() const
+    {
+        return !m_videoOnly && (!m_map || m_index >= QuickTimeFile::s_frameMapEntries);
+    }
+
+    // Type and byte length of the next frame; false once the storage has ended.
+    bool next(quint32* frameKind, quint32* length)
+    {
+        if (storageEnded())
+            return false;
+        if (m_videoOnly) {
+            ++m_index;
+            *frameKind = quicktime_frametype_video;
+            *length = 0;
+            return true;
+        }
+        const quint16 entry = m_map[m_index++];
+        *frameKind = entry >> QuickTimeFile::s_frameTypeShift;
+        *length = quint32(entry & QuickTimeFile::s_blockCountMask) << QuickTimeFile::s_blockShift;
+        return true;
+    }
+
+private:
+    const quint16* m_map;
+    quint32 m_index = 0;
+    quint32 m_total;
+    bool m_videoOnly;
+};
+
+// Receives the entries of a big table in batches. Through the library's buffered device the batch is
+// built in the device's own buffer and flushed, with no stream call per entry; any other device gets
+// each batch from a scratch buffer of the same size.
+class BatchSink
+{
+public:
+    BatchSink(QDataStream& stream, int entryBytes)
+        : m_stream(stream)
+        , m_device(qobject_cast<QuickTimeBufferDevice*>(stream.device()))
+        , m_entryBytes(entryBytes)
+    {
+        if (m_device) {
+            m_device->flushBuffer();
+            m_slots = m_device->bufferData();
+            m_capacity = m_device->bufferSize() / entryBytes;
+        } else {
+            m_scratch.resize(QuickTimeBufferDevice::s_bufferSize);
+            m_slots = m_scratch.data();
+            m_capacity = m_scratch.size() / entryBytes;
+        }
+    }
+
+    int capacity() const { return m_capacity; }
+
+    void put32(int slot, quint32 value) { qToBigEndian<quint32>(value, m_slots + slot * m_entryBytes); }
+    void put64(int slot, quint64 value) { qToBigEndian<quint64>(value, m_slots + slot * m_entryBytes); }
+
+    void endBatch(int entries)
+    {
+        const int bytes = entries * m_entryBytes;
+        if (m_device) {
+            m_device->addToFill(bytes); // not once the device has latched an error
+            m_device->flushBuffer();
+        } else {
+            m_stream.writeRawData(m_scratch.constData(), bytes);
+        }
+    }
+
+private:
+    QDataStream& m_stream;
+    QuickTimeBufferDevice* m_device;
+    QByteArray m_scratch;
+    char* m_slots = nullptr;
+    int m_entryBytes;
+    int m_capacity = 0;
+};
+
+// Position of the next byte the stream writes, unflushed bytes of the buffered device included.
+qint64 streamPosition(QDataStream& stream)
+{
+    return stream.device() ? stream.device()->pos() : -1;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------------------
+// 'stts'
+
+QuickTimeTimeToSampleAtom::QuickTimeTimeToSampleAtom(QuickTimeFile* movieFile, quint32 samples,
+                                                     quint32 duration)
+    : QuickTimeVersionFlagsAtom(fourCC("stts"), 3 * s_countFieldBytes, 0, 0, 0)
+    , sampleCount(samples)
+    , sampleDuration(duration)
+{
+    file = movieFile;
+}
+
+void QuickTimeTimeToSampleAtom::write(QDataStream& stream)
+{
+    QuickTimeVersionFlagsAtom::write(stream);
+    stream << entryCount << sampleCount << sampleDuration;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// 'stsc'
+
+QuickTimeSampleToChunkAtom::QuickTimeSampleToChunkAtom(QuickTimeFile* movieFile, quint32 chunkSamples,
+                                                       quint32 lastChunkIndex, quint32 lastSamples,
+                                                       quint32 firstSamples)
+    : QuickTimeVersionFlagsAtom(fourCC("stsc"), s_countFieldBytes, 0, 0, 0)
+    , entryCount(1 + (lastSamples != 0 ? 1 : 0) + (firstSamples != 0 ? 1 : 0))
+    , samplesPerChunk(chunkSamples)
+    , lastChunk(lastChunkIndex)
+    , lastChunkSamples(lastSamples)
+    , firstChunkSamples(firstSamples)
+{
+    file = movieFile;
+    size += s_stscEntryBytes * entryCount;
+}
+
+void QuickTimeSampleToChunkAtom::write(QDataStream& stream)
+{
+    QuickTimeVersionFlagsAtom::write(stream);
+    stream << entryCount;
+    if (firstChunkSamples != 0) {
+        stream << firstChunk << firstChunkSamples << descriptionId;
+        ++firstChunk;
+    }
+    stream << firstChunk << samplesPerChunk << descriptionId;
+    if (lastChunkSamples != 0)
+        stream << lastChunk << lastChunkSamples << descriptionId;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// 'stsz'
+
+QuickTimeSampleSizeAtom::QuickTimeSampleSizeAtom(QuickTimeFile* movieFile, quint32 tableFrameType,
+                                                 quint32 samples, quint32 constantSize)
+    : QuickTimeVersionFlagsAtom(fourCC("stsz"), s_stszFixedBytes, 0, 0, 0)
+    , frameType(tableFrameType)
+    , sampleCount(samples)
+    , sampleSize(constantSize)
+{
+    file = movieFile;
+    if (sampleSize == 0)
+        size += s_sizeEntryBytes * sampleCount;
+}
+
+void QuickTimeSampleSizeAtom::write(QDataStream& stream)
+{
+    QuickTimeVersionFlagsAtom::write(stream);
+    stream << sampleSize << sampleCount;
+    if (sampleSize != 0 || !file)
+        return;
+
+    FrameWalk walk(*file);
+    BatchSink sink(stream, s_sizeEntryBytes);
+    quint32 written = 0;
+    // The end of the list is checked between batches only: the caller's count never exceeds the frames
+    // of this type, so within a batch the count is the bound.
+    while (written < sampleCount && !walk.listEnded()) {
+        int entries = 0;
+        quint32 frameKind = 0;
+        quint32 length = 0;
+        while (entries < sink.capacity() && written < sampleCount && walk.next(&frameKind, &length)) {
+            if (frameKind == frameType) {
+                sink.put32(entries++, length);
+                ++written;
+            }
+        }
+        sink.endBatch(entries);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// 'stco'
+
+QuickTimeChunkOffsetAtom::QuickTimeChunkOffsetAtom(QuickTimeFile* movieFile, quint32 tableFrameType,
+                                                   quint32 entries, quint32 bias)
+    : QuickTimeVersionFlagsAtom(fourCC("stco"), s_countFieldBytes, 0, 0, 0)
+    , frameType(tableFrameType)
+    , entryCount(entries)
+    , offsetBias(bias)
+{
+    file = movieFile;
+    size += s_offsetEntryBytes * entryCount;
+}
+
+void QuickTimeChunkOffsetAtom::write(QDataStream& stream)
+{
+    QuickTimeVersionFlagsAtom::write(stream);
+    stream << entryCount;
+    qDebug("stream %d entries", int(entryCount));
+    if (!file)
+        return;
+
+    // Offsets wrap at 4 GiB. In the video-only mode frames have no known length, so the running offset
+    // does not advance there: every entry is the start of the movie data plus the bias.
+    FrameWalk walk(*file);
+    quint32 offset = quint32(QuickTimeFile::s_movieDataStartOffset);
+    quint32 written = 0;
+    quint32 frameKind = 0;
+    quint32 length = 0;
+    const quint32 frames = file->totalFrames();
+    for (quint32 frame = 0; frame < frames && written < entryCount; ++frame) {
+        if (!walk.next(&frameKind, &length))
+            break;
+        if (frameKind == frameType) {
+            stream << quint32(offsetBias + offset);
+            ++written;
+        }
+        offset += length;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// 'co64'
+
+QuickTimeChunkOffset64Atom::QuickTimeChunkOffset64Atom(QuickTimeFile* movieFile, quint32 tableFrameType,
+                                                       quint32 samples, quint64 bias, quint32 chunkSamples,
+                                                       quint64 lastBias, quint64 firstBias)
+    : QuickTimeVersionFlagsAtom(fourCC("co64"), s_countFieldBytes, 0, 0, 0)
+    , frameType(tableFrameType)
+    , sampleCount(samples)
+    , offsetBias(bias)
+    , samplesPerChunk(chunkSamples)
+    , lastOffsetBias(lastBias)
+    , firstOffsetBias(firstBias)
+    , entryCount(chunkSamples != 0 ? quint32((quint64(samples) + chunkSamples - 1) / chunkSamples) : 0)
+{
+    file = movieFile;
+    size += s_offset64EntryBytes * entryCount;
+}
+
+void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
+{
+    QuickTimeVersionFlagsAtom::write(stream);
+    stream << entryCount;
+    if (!file)
+        return;
+
+    const bool logs = file->family().logsChunkOffsetProgress;
+    FrameWalk walk(*file);
+    if (logs && entryCount != 0 && !walk.listEnded()) {
+        const auto tableStart = static_cast<unsigned long long>(streamPosition(stream));
+        qDebug("stream %d entries (%llx)", int(entryCount), tableStart);
+    }
+
+    BatchSink sink(stream, s_offset64EntryBytes);
+    quint64 offset = quint64(QuickTimeFile::s_movieDataStartOffset);
+    quint64 lastChunkStart = 0;
+    quint32 countdown = 1; // samples of this type until the next chunk begins
+    quint32 written = 0;
+    while (written < entryCount && !walk.listEnded()) {
+        int entries = 0;
+        quint32 frameKind = 0;
+        quint32 length = 0;
+        while (entries < sink.capacity() && written < entryCount && walk.next(&frameKind, &length)) {
+            if (frameKind == frameType && --countdown == 0) {
+                sink.put64(entries++, offsetBias + offset);
+                lastChunkStart = offset;
+                ++written;
+                countdown = samplesPerChunk;
+            }
+            offset += length;
+        }
+        // The final chunk of the table takes lastOffsetBias in place of offsetBias.
+        const bool lastBatch = written == entryCount || walk.listEnded();
+        if (lastBatch && entries > 0 && lastOffsetBias != 0)
+            sink.put64(entries - 1, lastChunkStart + lastOffsetBias);
+        sink.endBatch(entries);
+    }
+    if (logs)
+        qDebug("done streaming %d entries", int(written));
+}
+
+} // namespace Tern
