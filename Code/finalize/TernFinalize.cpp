@@ -1,0 +1,119 @@
+// Finishing one interrupted Tern movie: check the in-progress layout, load the recorder's settings,
+// configure the movie object from them, rebuild the index, and rename the file.
+
+#include "finalize/Finalize.h"
+#include "movie/QuickTimeFile.h"
+
+#include <QDebug>
+#include <QFile>
+
+namespace {
+
+const unsigned int kFinalized = 0;
+const unsigned int kUnrecoverable = 31;
+
+bool settingsUsable(const Tern::RecoverySettings& s)
+{
+    // Tested in this order; the first zero stops the checks.
+    return s.videoFramesPerChunk != 0 && s.frameRate != 0 && s.width != 0 && s.height != 0;
+}
+
+QString reelNameOf(const Tern::RecoverySettings& s)
+{
+    return QString::fromLatin1(s.reelName, int(qstrnlen(s.reelName, sizeof s.reelName)));
+}
+
+void configureMovie(Tern::QuickTimeFile& movie, const Tern::RecoverySettings& s)
+{
+    movie.setTimecode(s.timecode, s.dropFrame, false, true); // store only: recovery never appends media
+    movie.setUserData(s.userData1, s.userData2, s.frameRate, s.dropFrame, s.userData5, s.audioTracks,
+                      s.audioBytesPerSample * 8, s.audioSampleRate, s.userData9);
+    movie.width = s.width;
+    movie.height = s.height;
+    movie.interlaced = s.interlaced;
+    movie.videoCodecId = s.videoCodecId;
+    // The record holds the field rate of interlaced video; the movie runs at the frame rate.
+    movie.setFrameRate(s.interlaced != 0 ? s.frameRate >> 1 : s.frameRate);
+    movie.videoCodecType = s.videoCodecType;
+    movie.proResVariant = s.proResVariant;
+    movie.audioTracks = s.audioTracks;
+    movie.setAudioSamplesPerFrame(int(s.audioSamplesPerChunk));
+    movie.setAudioBytesPerSample(s.audioBytesPerSample);
+    movie.setAudioSampleRate(s.audioSampleRate);
+    movie.videoFramesPerChunk = s.videoFramesPerChunk;
+    movie.reelName = reelNameOf(s);
+    movie.lastChunkSamples = s.lastChunkSamples;
+    movie.firstChunkSamples = s.firstChunkSamples;
+    movie.recordedEndPosition = s.recordedEndPosition;
+    movie.InitQuickTimeFileInfo();
+}
+
+} // namespace
+
+unsigned int Finalize::ternDoFinalize(QString path)
+{
+    QFile file(path);
+    isTern = 1;
+    qDebug("doing tern finalize");
+
+    if (!path.toLower().endsWith(".zqv"))
+        return kFinalized;
+
+    const QByteArray name = path.toLocal8Bit();
+    unsigned int result = kUnrecoverable;
+    bool rebuildFailed = false;
+    Tern::QuickTimeFile* movie = nullptr;
+
+    if (!file.open(QIODevice::ReadWrite)) {
+        qDebug("********************* %s recovery failed, can't open the file!\n", name.constData());
+    } else {
+        movie = new Tern::QuickTimeFile(file);
+        if (!movie->verifyHeader()) {
+            qDebug("********************* %s recovery failed, corrupted file!\n", name.constData());
+        } else {
+            qDebug("********************* %s needs to be restored!\n", name.constData());
+            movie->initFile(nullptr);
+            Tern::RecoverySettings* settings = movie->loadSavedSettings();
+            if (!settings) {
+                qDebug("********************* %s recovery failed, couldn't get any recovery settings!\n",
+                       name.constData());
+            } else if (!settingsUsable(*settings)) {
+                qDebug("********************* %s recovery failed, invalid recovery settings!\n",
+                       name.constData());
+            } else {
+                configureMovie(*movie, *settings);
+                if (movie->recover()) {
+                    result = kFinalized;
+                    file.flush();
+                } else {
+                    qDebug("********************* %s recovery failed, no frame map or finalization failed!\n",
+                           name.constData());
+                    rebuildFailed = true;
+                }
+            }
+        }
+    }
+    delete movie;
+    if (file.isOpen())
+        file.close();
+
+    // Only a failed rebuild gives the file up; a file that could not even be read is named finished,
+    // unchanged. An old ".nrv" is replaced, an old ".mov" is not.
+    outputFileName = "Invalid output file.";
+    if (!QFile::exists(path) || !path.endsWith(".zqv"))
+        return result;
+    QString newName = path;
+    if (rebuildFailed) {
+        newName.replace(".zqv", ".nrv");
+        if (QFile::exists(newName))
+            QFile::remove(newName);
+    } else {
+        newName.replace(".zqv", ".mov");
+    }
+    if (!QFile::rename(path, newName)) {
+        // The logging stream's layout: each item followed by a blank, strings quoted.
+        qDebug().noquote() << QString("Failed to rename file:  \"%1\"  ->  \"%2\"").arg(path, newName);
+    }
+    outputFileName = newName;
+    return result;
+}

@@ -1,0 +1,127 @@
+// The recovery half of the movie file: recognising an unfinished recording, reading back the settings
+// record and frame map the recorder kept in the reserved region, and finishing the file from them.
+// Every access here is a raw seek and block transfer; the atom parser is not involved.
+
+#include "movie/QuickTimeFile.h"
+
+#include <QIODevice>
+#include <QtEndian>
+
+namespace Tern {
+
+namespace {
+// The 'mdat' header of an unfinished recording: extended-size marker, type, and a size of header only.
+const quint32 kExtendedSizeMarker = 1;
+const qint64 kUnclosedMovieDataSize = 16;
+} // namespace
+
+bool QuickTimeFile::verifyHeader()
+{
+    if (device.size() <= s_movieDataStartOffset)
+        return false;
+    if (!device.seek(s_datPos))
+        return false;
+    stream.resetStatus();
+    quint32 sizeMarker = 0;
+    quint32 atomType = 0;
+    qint64 movieDataSize = 0;
+    stream >> sizeMarker >> atomType >> movieDataSize;
+    const bool unclosed = stream.status() == QDataStream::Ok && sizeMarker == kExtendedSizeMarker
+                       && atomType == fourCC("mdat") && movieDataSize == kUnclosedMovieDataSize;
+    stream.resetStatus();
+    return unclosed;
+}
+
+bool QuickTimeFile::readRecoveryRecord(QByteArray* record)
+{
+    if (!device.seek(family().recoverySettingsPos))
+        return false;
+    *record = device.read(family().recoverySettingsSize);
+    return record->size() == family().recoverySettingsSize;
+}
+
+QuickTimeFile::RecoverySettings* QuickTimeFile::loadSavedSettings()
+{
+    QByteArray record;
+    if (!readRecoveryRecord(&record) || !settings.fromBytes(record))
+        return nullptr;
+    return &settings;
+}
+
+QByteArray QuickTimeFile::recoveryRecordBytes() const
+{
+    return settings.toBytes();
+}
+
+void QuickTimeFile::saveRecoverySettings()
+{
+    const qint64 resumeAt = device.pos();
+    if (device.seek(family().recoverySettingsPos))
+        device.write(recoveryRecordBytes());
+    device.seek(resumeAt);
+}
+
+void QuickTimeFile::periodicFrameMapSave()
+{
+    if (!movieData || !frameMap)
+        return;
+    const quint32 entries = videoFrameCount + soundChunks + timecodeSamples;
+    if (entries <= savedFrameMapEntries || entries >= s_frameMapEntries)
+        return;
+    frameMap[entries] = 0; // keeps the copy on disk terminated
+
+    // The new entries and the terminator, in the recorder's little-endian order.
+    const quint32 count = entries - savedFrameMapEntries + 1;
+    QByteArray bytes(int(2 * count), '\0');
+    uchar* out = reinterpret_cast<uchar*>(bytes.data());
+    for (quint32 i = 0; i < count; ++i)
+        qToLittleEndian<quint16>(frameMap[savedFrameMapEntries + i], out + 2 * i);
+
+    const qint64 resumeAt = device.pos();
+    if (device.seek(family().recoveryFrameMapPos + 2 * qint64(savedFrameMapEntries)))
+        device.write(bytes);
+    device.seek(resumeAt);
+    savedFrameMapEntries = entries;
+}
+
+bool QuickTimeFile::recover()
+{
+    if (!frameMap || !movieData)
+        return false;
+    if (!device.seek(family().recoveryFrameMapPos))
+        return false;
+    char* mapBytes = reinterpret_cast<char*>(frameMap);
+    if (device.read(mapBytes, s_frameMapBytes) != s_frameMapBytes)
+        return false;
+    for (quint32 i = 0; i < s_frameMapEntries; ++i)
+        frameMap[i] = qFromLittleEndian<quint16>(reinterpret_cast<const uchar*>(mapBytes) + 2 * i);
+
+    for (quint32 i = 0; i < s_frameMapEntries && frameMap[i] != 0; ++i) {
+        switch (frameMap[i] >> 14) {
+        case quicktime_frametype_sound:
+            ++soundChunks;
+            break;
+        case quicktime_frametype_video:
+            ++videoFrameCount;
+            break;
+        case quicktime_frametype_timecode:
+            ++timecodeSamples;
+            break;
+        default:
+            break; // unknown chunks are not counted but still occupy their blocks
+        }
+    }
+    if (videoFrameCount + soundChunks + timecodeSamples < family().minimumChunks)
+        return false;
+
+    InitQuickTimeFileInfo();
+
+    // Media past the recorded end (a chunk begun but not committed) stays outside 'mdat'.
+    const qint64 end = recordedEndPosition != 0 ? qint64(recordedEndPosition) : device.size();
+    movieData->dataSize += quint64(end - s_movieDataStartOffset);
+    if (!device.seek(end))
+        return false;
+    return closeFile();
+}
+
+} // namespace Tern

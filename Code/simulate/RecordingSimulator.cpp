@@ -1,0 +1,178 @@
+#include "simulate/RecordingSimulator.h"
+
+#include "movie/QuickTimeFile.h"
+
+#include <QFile>
+#include <QtEndian>
+
+#include <cstring>
+
+namespace {
+
+const int kBlock = 512;
+// The recorder writes 1,024 bytes of its own behind every frame; the frame map counts them.
+const int kFrameTrailer = 1024;
+
+int paddedToBlock(int bytes)
+{
+    return (bytes + kBlock - 1) / kBlock * kBlock;
+}
+
+// Samples per track of every sound chunk, first to last.
+QVector<quint32> soundChunkLengths(quint32 totalSamples, quint32 perChunk, quint32 firstChunk)
+{
+    QVector<quint32> lengths;
+    quint32 left = totalSamples;
+    if (firstChunk != 0 && left > 0) {
+        lengths << qMin(firstChunk, left);
+        left -= lengths.last();
+    }
+    while (left > 0) {
+        lengths << qMin(perChunk, left);
+        left -= lengths.last();
+    }
+    return lengths;
+}
+
+// One sound chunk, planar: track i's samples start i strides in. A short first chunk keeps the full
+// stride (players address it like a full one); a short last chunk is packed at its own length.
+QByteArray soundChunk(const RecordingPlan& plan, quint32 firstSample, quint32 samples, quint32 stride)
+{
+    const int bps = int(plan.audioBytesPerSample);
+    QByteArray chunk(paddedToBlock(plan.audioTracks.size() * int(stride) * bps), '\0');
+    for (int t = 0; t < plan.audioTracks.size(); ++t) {
+        std::memcpy(chunk.data() + t * int(stride) * bps, plan.audioTracks[t].constData() + firstSample * bps,
+                    size_t(samples) * size_t(bps));
+    }
+    return chunk;
+}
+
+void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan)
+{
+    s.userData1 = plan.userData1;
+    s.timecode = plan.timecode;
+    s.dropFrame = plan.dropFrame ? 1 : 0;
+    s.userData2 = plan.userData2;
+    s.frameRate = plan.frameRate;
+    s.userData5 = plan.userData5;
+    s.audioTracks = quint32(plan.audioTracks.size());
+    s.audioBytesPerSample = plan.audioBytesPerSample;
+    s.audioSampleRate = plan.audioSampleRate;
+    s.userData9 = plan.userData9;
+    s.width = plan.width;
+    s.height = plan.height;
+    s.interlaced = plan.interlaced;
+    s.videoCodecId = plan.videoCodecId;
+    s.videoCodecType = plan.videoCodecType;
+    s.proResVariant = plan.proResVariant;
+    s.firstChunkSamples = plan.firstChunkSamples;
+    s.audioSamplesPerChunk = plan.audioSamplesPerChunk;
+    s.videoFramesPerChunk = plan.videoFramesPerChunk;
+    const QByteArray reel = plan.reelName.toLatin1().left(Tern::RecoverySettings::s_reelNameSize - 1);
+    std::memset(s.reelName, 0, sizeof s.reelName);
+    std::memcpy(s.reelName, reel.constData(), size_t(reel.size()));
+}
+
+} // namespace
+
+QByteArray syntheticFrame(int index, int bytes)
+{
+    QByteArray frame(bytes, '\0');
+    quint32 state = 0x9E3779B9u * quint32(index + 1);
+    for (int i = 0; i < bytes; ++i) {
+        state = state * 1664525u + 1013904223u;
+        frame[i] = char(state >> 24);
+    }
+    return frame;
+}
+
+QByteArray syntheticPcm(int track, int samples, int bytesPerSample)
+{
+    QByteArray pcm(samples * bytesPerSample, '\0');
+    for (int i = 0; i < samples; ++i) {
+        const quint32 value = quint32(i * 37 + track * 100003);
+        for (int b = 0; b < bytesPerSample; ++b)
+            pcm[i * bytesPerSample + b] = char(value >> (8 * b));
+    }
+    return pcm;
+}
+
+RecordingResult writeInterruptedRecording(const QString& path, const RecordingPlan& plan)
+{
+    RecordingResult result;
+    const quint32 G = plan.videoFramesPerChunk;
+    const quint32 bps = plan.audioBytesPerSample;
+    if (G == 0 || bps == 0 || plan.audioSamplesPerChunk == 0) {
+        result.error = "frames per chunk, bytes per sample and samples per chunk must not be 0";
+        return result;
+    }
+    const int trackBytes = plan.audioTracks.isEmpty() ? 0 : plan.audioTracks.first().size();
+    for (const QByteArray& track : plan.audioTracks) {
+        if (track.size() != trackBytes || track.size() % int(bps) != 0) {
+            result.error = "every sound track must hold the same whole number of samples";
+            return result;
+        }
+    }
+
+    QFile file(path);
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Truncate)) {
+        result.error = file.errorString();
+        return result;
+    }
+    Tern::QuickTimeFile movie(file);
+    movie.initFile(&file);
+    file.seek(Tern::QuickTimeFile::s_movieDataStartOffset);
+    storeSettings(movie.settings, plan);
+    movie.saveRecoverySettings();
+    movie.setTimecode(plan.timecode, plan.dropFrame, false, false); // writes the first timecode sample
+
+    const QVector<quint32> sound =
+        soundChunkLengths(quint32(trackBytes) / bps, plan.audioSamplesPerChunk, plan.firstChunkSamples);
+    // A chunk that is both first and short is described by its first-chunk count, not as a last chunk.
+    const bool lastIsOwnChunk = sound.size() > 1 || plan.firstChunkSamples == 0;
+    const quint32 lastSamples =
+        !sound.isEmpty() && lastIsOwnChunk && sound.last() != plan.audioSamplesPerChunk ? sound.last() : 0;
+    const int videoChunks = (plan.videoFrames.size() + int(G) - 1) / int(G);
+    const int chunkRounds = qMax(videoChunks, sound.size());
+
+    int frame = 0;
+    quint32 soundSample = 0;
+    int chunksSinceSave = 0;
+    for (int round = 0; round < chunkRounds; ++round) {
+        for (quint32 g = 0; g < G && frame < plan.videoFrames.size(); ++g, ++frame) {
+            QByteArray bytes = plan.videoFrames[frame];
+            QByteArray trailer(paddedToBlock(bytes.size()) - bytes.size() + kFrameTrailer, '\0');
+            movie.addMovieVideoData(bytes, trailer);
+        }
+        if (round < sound.size()) {
+            const bool shortLast = round == sound.size() - 1 && lastSamples != 0;
+            QByteArray chunk = soundChunk(plan, soundSample, sound[round],
+                                          shortLast ? lastSamples : plan.audioSamplesPerChunk);
+            movie.addMovieSoundData(chunk);
+            soundSample += sound[round];
+        }
+        if (++chunksSinceSave >= plan.frameMapSaveInterval) {
+            movie.periodicFrameMapSave();
+            chunksSinceSave = 0;
+        }
+    }
+    movie.periodicFrameMapSave();
+
+    result.recordedEndPosition = file.pos();
+    movie.settings.lastChunkSamples = lastSamples;
+    movie.settings.recordedEndPosition = plan.storeRecordedEndPosition ? quint64(result.recordedEndPosition) : 0;
+    movie.saveRecoverySettings();
+    if (plan.tornTailBytes > 0)
+        file.write(syntheticFrame(-1, plan.tornTailBytes));
+
+    result.videoFrames = movie.videoFrames();
+    result.soundChunks = movie.audioFrames();
+    result.timecodeSamples = movie.timecodeSamples;
+    result.lastChunkSamples = lastSamples;
+    result.fileSize = file.size();
+    result.ok = file.error() == QFileDevice::NoError;
+    if (!result.ok)
+        result.error = file.errorString();
+    file.close(); // stopped without closing the movie: no index, 'mdat' still unsized
+    return result;
+}

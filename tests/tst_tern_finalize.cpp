@@ -1,0 +1,266 @@
+// The Tern finalize procedure: its messages, its validation and every renaming rule.
+
+#include "finalize/Finalize.h"
+#include "finalize/LogText.h"
+#include "simulate/RecordingSimulator.h"
+#include "support/AtomWalker.h"
+#include "support/TestSupport.h"
+
+#include <QDir>
+#include <QTemporaryDir>
+#include <QtEndian>
+#include <QtTest>
+
+using namespace TestSupport;
+
+namespace {
+
+QStringList* g_log = nullptr;
+void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message)
+{
+    if (g_log)
+        g_log->append(logLineText(message));
+}
+
+// Everything one driver run says, library messages and driver lines in time order.
+struct Run
+{
+    QStringList lines;
+    int good = 0;
+    int bad = 0;
+};
+
+Run runDriver(const QString& folder)
+{
+    Run run;
+    g_log = &run.lines;
+    const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
+    Finalize driver;
+    QObject::connect(&driver, &Finalize::textOutput, [&run](const QString& t) { run.lines << logLineText(t); });
+    driver.finalizeFolders({folder});
+    qInstallMessageHandler(previous);
+    g_log = nullptr;
+    run.good = driver.goodCount;
+    run.bad = driver.badCount;
+    return run;
+}
+
+RecordingPlan smallPlan(int frames = 30)
+{
+    RecordingPlan plan;
+    plan.width = 1280;
+    plan.height = 720;
+    for (int i = 0; i < frames; ++i)
+        plan.videoFrames << syntheticFrame(i, 2000);
+    plan.audioTracks << syntheticPcm(0, frames * 1920, 3);
+    plan.audioSamplesPerChunk = 5760;
+    return plan;
+}
+
+bool record(const QString& path, const RecordingPlan& plan = smallPlan())
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    return writeInterruptedRecording(path, plan).ok;
+}
+
+void patchLe32(const QString& path, int offset, quint32 value)
+{
+    QByteArray bytes = readFile(path);
+    qToLittleEndian<quint32>(value, reinterpret_cast<uchar*>(bytes.data()) + offset);
+    writeFile(path, bytes);
+}
+
+// Settings record offsets of the fields the tests spoil.
+const int kRecord = 36;
+const int kFrameRate = kRecord + 16;
+const int kWidthHeight = kRecord + 40;
+
+QString stars(const QString& path, const char* what)
+{
+    return QString("********************* %1 %2").arg(path, what);
+}
+
+} // namespace
+
+class TestTernFinalize : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void healthyRecordingBecomesMov();
+    void zeroFrameRateIsInvalidAndRenamedMov();
+    void validationStopsAtTheFirstZero();
+    void corruptedFileIsRenamedMovUnchanged();
+    void unopenableFileIsReportedAndRenamed();
+    void failedRebuildBecomesNrvReplacingAnOldOne();
+    void existingMovBlocksTheRename();
+    void upperCaseNameIsRepairedButNotRenamed();
+    void folderNamedLikeARecordingFailsTheRename();
+    void nonMovieNameIsLeftAlone();
+};
+
+void TestTernFinalize::healthyRecordingBecomesMov()
+{
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    const QString mov = tmp.filePath("A001.mov");
+    QVERIFY(record(zqv));
+    const Run run = runDriver(tmp.path());
+    QVERIFY(!QFile::exists(zqv));
+    const QByteArray movie = readFile(mov);
+
+    // Where the streamed tables begin, read back independently from the finished file.
+    using namespace AtomWalker;
+    const Atom moov = find(movie, "moov");
+    const auto tablePos = [&](int trak) { return find(movie, QString("moov/trak:%1/mdia/minf/stbl/co64").arg(trak)).offset + 16; };
+    const QString hexPos = "%1";
+    QCOMPARE(run.lines,
+             QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize", stars(zqv, "needs to be restored!"),
+                          "stream 1 entries (" + hexPos.arg(tablePos(1), 0, 16) + ")", "done streaming 1 entries",
+                          "stream 10 entries (" + hexPos.arg(tablePos(2), 0, 16) + ")", "done streaming 10 entries",
+                          "stream 10 entries (" + hexPos.arg(tablePos(3), 0, 16) + ")", "done streaming 10 entries",
+                          QString("Recorded FILE Last Position Start:%1 End:%2 Size:%3")
+                              .arg(moov.offset)
+                              .arg(moov.end())
+                              .arg(moov.size),
+                          "     " + mov + " (Tern) Finalized"}));
+    QCOMPARE(run.good, 1);
+    QCOMPARE(run.bad, 0);
+}
+
+void TestTernFinalize::zeroFrameRateIsInvalidAndRenamedMov()
+{
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    QVERIFY(record(zqv));
+    patchLe32(zqv, kFrameRate, 0);
+    const QByteArray before = readFile(zqv);
+    const Run run = runDriver(tmp.path());
+    const QString mov = tmp.filePath("A001.mov");
+    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
+                                     stars(zqv, "needs to be restored!"),
+                                     stars(zqv, "recovery failed, invalid recovery settings!"),
+                                     "     " + mov + " (Tern) Unrecoverable"}));
+    QCOMPARE(run.bad, 1);
+    QCOMPARE(readFile(mov), before);
+}
+
+void TestTernFinalize::validationStopsAtTheFirstZero()
+{
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    QVERIFY(record(zqv));
+    patchLe32(zqv, kFrameRate, 0);
+    patchLe32(zqv, kWidthHeight, 0); // width and height 0 as well: still one message
+    const Run run = runDriver(tmp.path());
+    QCOMPARE(run.lines.filter("recovery failed").size(), 1);
+}
+
+void TestTernFinalize::corruptedFileIsRenamedMovUnchanged()
+{
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    const QByteArray bytes = hex("00000014 66747970") + QByteArray(1000, 'x');
+    QVERIFY(writeFile(zqv, bytes));
+    const Run run = runDriver(tmp.path());
+    const QString mov = tmp.filePath("A001.mov");
+    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
+                                     stars(zqv, "recovery failed, corrupted file!"),
+                                     "     " + mov + " (Tern) Unrecoverable"}));
+    QCOMPARE(readFile(mov), bytes);
+}
+
+void TestTernFinalize::unopenableFileIsReportedAndRenamed()
+{
+    // A folder cannot be opened as a file; the procedure still renames what stands at the path.
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    QVERIFY(QDir().mkpath(zqv));
+    QStringList lines;
+    g_log = &lines;
+    const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
+    Finalize driver;
+    const unsigned int result = driver.ternDoFinalize(zqv);
+    qInstallMessageHandler(previous);
+    g_log = nullptr;
+    QCOMPARE(result, 31u);
+    QCOMPARE(driver.isTern, 1);
+    QCOMPARE(lines, QStringList({"doing tern finalize", stars(zqv, "recovery failed, can't open the file!")}));
+    QCOMPARE(driver.outputFileName, tmp.filePath("A001.mov"));
+    QVERIFY(QFileInfo(tmp.filePath("A001.mov")).isDir());
+}
+
+void TestTernFinalize::failedRebuildBecomesNrvReplacingAnOldOne()
+{
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    const QString nrv = tmp.filePath("A001.nrv");
+    RecordingPlan plan = smallPlan(20);
+    plan.audioTracks.clear();
+    plan.videoFramesPerChunk = 1; // 20 frames + 1 timecode sample: fewer than 30 chunks
+    QVERIFY(record(zqv, plan));
+    QVERIFY(writeFile(nrv, "older give-up"));
+    const QByteArray before = readFile(zqv);
+    const Run run = runDriver(tmp.path());
+    // The old ".nrv" is listed first (name order) and reported; the new one replaces it.
+    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "     " + nrv + " Unrecoverable",
+                                     "doing tern finalize", stars(zqv, "needs to be restored!"),
+                                     stars(zqv, "recovery failed, no frame map or finalization failed!"),
+                                     "     " + nrv + " (Tern) Unrecoverable"}));
+    QCOMPARE(run.bad, 2);
+    QCOMPARE(readFile(nrv), before);
+    QVERIFY(!QFile::exists(zqv));
+}
+
+void TestTernFinalize::existingMovBlocksTheRename()
+{
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    const QString mov = tmp.filePath("A001.mov");
+    QVERIFY(record(zqv));
+    QVERIFY(writeFile(mov, "an older take"));
+    const Run run = runDriver(tmp.path());
+    QVERIFY(run.lines.contains(QString("Failed to rename file:  \"%1\"  ->  \"%2\"").arg(zqv, mov)));
+    QCOMPARE(run.lines.last(), "     " + mov + " (Tern) Finalized");
+    QCOMPARE(readFile(mov), QByteArray("an older take"));
+    QVERIFY(AtomWalker::find(readFile(zqv), "moov").valid());
+}
+
+void TestTernFinalize::upperCaseNameIsRepairedButNotRenamed()
+{
+    QTemporaryDir tmp;
+    const QString path = tmp.filePath("A001.ZQV");
+    QVERIFY(record(path));
+    const Run run = runDriver(tmp.path());
+    QCOMPARE(run.lines.last(), "     " + tmp.path() + "/Invalid output file. (Tern) Finalized");
+    QVERIFY(AtomWalker::find(readFile(path), "moov").valid());
+}
+
+void TestTernFinalize::folderNamedLikeARecordingFailsTheRename()
+{
+    QTemporaryDir tmp;
+    const QString folder = tmp.filePath("day1.zqv.backup");
+    const QString zqv = folder + "/A001.zqv";
+    QVERIFY(record(zqv));
+    const Run run = runDriver(folder);
+    const QString target = tmp.filePath("day1.mov.backup/A001.mov");
+    QVERIFY(run.lines.contains(QString("Failed to rename file:  \"%1\"  ->  \"%2\"").arg(zqv, target)));
+    QCOMPARE(run.lines.last(), "     " + target + " (Tern) Finalized");
+    QVERIFY(QFile::exists(zqv));
+}
+
+void TestTernFinalize::nonMovieNameIsLeftAlone()
+{
+    QTemporaryDir tmp;
+    const QString path = tmp.filePath("B001.zqa");
+    QVERIFY(writeFile(path, "RIFF"));
+    Finalize driver;
+    driver.outputFileName = "previous";
+    QCOMPARE(driver.ternDoFinalize(path), 0u);
+    QCOMPARE(driver.outputFileName, QString("previous"));
+    QCOMPARE(driver.isTern, 1);
+    QCOMPARE(readFile(path), QByteArray("RIFF"));
+}
+
+QTEST_GUILESS_MAIN(TestTernFinalize)
+#include "tst_tern_finalize.moc"
