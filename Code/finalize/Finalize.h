@@ -1,11 +1,11 @@
 #pragma once
 
+#include "movie/HeronQuickTimeFile.h"
+
 #include <QDir>
 #include <QObject>
 #include <QString>
 #include <QStringList>
-
-class QuickTimeFile;
 
 // Driver of one run: walks the start folders depth-first, picks out the recorder's in-progress
 // files by name and either reports them (scan-only) or hands each to its family's procedure.
@@ -29,6 +29,7 @@ public:
     unsigned int doFinalize(QString path);
     unsigned int ternDoFinalize(QString path);
     unsigned int heronDoFinalize(QString path);
+    void setQuickTimeFileInfo(QuickTimeFile::RecoverySettings* settings, QuickTimeFile* movie);
 
     unsigned short* workBuffer;
     QString outputFileName;

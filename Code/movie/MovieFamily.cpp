@@ -1,6 +1,7 @@
 #include "movie/MovieFamily.h"
 
 #include "movie/QuickTimeAtom.h"
+#include "movie/HeronQuickTimeFile.h"
 #include "movie/QuickTimeFile.h"
 #include "movie/RecoverySettings.h"
 
@@ -11,10 +12,6 @@ namespace {
 // Tern refuses to finish a recording with fewer frame-map entries than this.
 const quint32 s_ternMinimumChunks = 30;
 
-// Heron's reserved region: the oversized 'ftyp' header, then its 108-byte settings record, then the map.
-const qint64 s_heronRecoverySettingsPos = 20;
-const qint64 s_heronRecoveryFrameMapPos = 128;
-const int s_heronRecoverySettingsSize = 108;
 const quint32 s_heronMinimumChunks = 0; // Heron finishes a recording whatever its entry count
 
 const quint32 s_proRes4444Family = 2;
@@ -67,7 +64,7 @@ const MovieFamily ternFamily = {
     "Tern",
     QuickTimeFile::s_recoverySettingsPos,
     QuickTimeFile::s_recoveryFrameMapPos,
-    RecoverySettings::s_size,
+    &RecoverySettings::s_ternLayout,
     true, // regionInUserData
     s_ternMinimumChunks,
     false, // closeAppendsTimecodeSample
@@ -81,9 +78,9 @@ const MovieFamily ternFamily = {
 
 const MovieFamily heronFamily = {
     "Heron",
-    s_heronRecoverySettingsPos,
-    s_heronRecoveryFrameMapPos,
-    s_heronRecoverySettingsSize,
+    ::QuickTimeFile::s_recoverySettingsPos,
+    ::QuickTimeFile::s_recoveryFrameMapPos,
+    &RecoverySettings::s_heronLayout,
     false, // regionInUserData
     s_heronMinimumChunks,
     true,  // closeAppendsTimecodeSample

@@ -4,6 +4,8 @@
 
 namespace Tern {
 
+struct RecoveryRecordLayout;
+
 // How a ProRes sample description names the codec for one family: data format and compressor name
 // chosen from the codec type (2 = 4444 family, anything else = 422 family) and the recorder's variant.
 struct ProResName
@@ -22,7 +24,7 @@ struct MovieFamily
     // Reserved region at the start of an unfinished recording.
     qint64 recoverySettingsPos;
     qint64 recoveryFrameMapPos;
-    int recoverySettingsSize;
+    const RecoveryRecordLayout* recoveryRecord; // size and tail layout of the settings record
     bool regionInUserData; // Tern: 'ftyp' + 'udta'/'urec'; Heron: one oversized 'ftyp' spanning the region
 
     // Finishing the index.

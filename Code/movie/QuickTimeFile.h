@@ -188,11 +188,6 @@ protected:
     // For a family that keeps its frame map in caller storage (not owned, never freed).
     QuickTimeFile(QIODevice& device, const MovieFamily& family, quint16* callerFrameMap);
 
-    // Reads the family's settings record (raw bytes) from the reserved region; false when short.
-    bool readRecoveryRecord(QByteArray* record);
-    // The settings record as the family stores it on disk.
-    virtual QByteArray recoveryRecordBytes() const;
-
 private:
     // The family's reserved region, from offset 0 and zero-filled up to the 'mdat' header.
     void writeReservedRegion(QIODevice* target);

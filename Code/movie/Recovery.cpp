@@ -32,32 +32,21 @@ bool QuickTimeFile::verifyHeader()
     return unclosed;
 }
 
-bool QuickTimeFile::readRecoveryRecord(QByteArray* record)
-{
-    if (!device.seek(family().recoverySettingsPos))
-        return false;
-    *record = device.read(family().recoverySettingsSize);
-    return record->size() == family().recoverySettingsSize;
-}
-
 QuickTimeFile::RecoverySettings* QuickTimeFile::loadSavedSettings()
 {
-    QByteArray record;
-    if (!readRecoveryRecord(&record) || !settings.fromBytes(record))
+    const RecoveryRecordLayout& layout = *family().recoveryRecord;
+    if (!device.seek(family().recoverySettingsPos))
+        return nullptr;
+    if (!settings.fromBytes(device.read(layout.size), layout))
         return nullptr;
     return &settings;
-}
-
-QByteArray QuickTimeFile::recoveryRecordBytes() const
-{
-    return settings.toBytes();
 }
 
 void QuickTimeFile::saveRecoverySettings()
 {
     const qint64 resumeAt = device.pos();
     if (device.seek(family().recoverySettingsPos))
-        device.write(recoveryRecordBytes());
+        device.write(settings.toBytes(*family().recoveryRecord));
     device.seek(resumeAt);
 }
 

@@ -28,14 +28,9 @@ enum Offset {
     ProResVariant = 56,
     LastChunkSamples = 60,
     FirstChunkSamples = 64,
-    RecordedEndPosition = 72,
     AudioSamplesPerChunk = 80,
     VideoFramesPerChunk = 84,
-    ReelName = 88,
 };
-
-static_assert(ReelName + RecoverySettings::s_reelNameSize == RecoverySettings::s_size,
-              "the reel name closes the record");
 
 template <typename T>
 T field(const uchar* record, int offset)
@@ -51,9 +46,14 @@ void setField(uchar* record, int offset, T value)
 
 } // namespace
 
-bool RecoverySettings::fromBytes(const QByteArray& record)
+// Tern: end position at 72 (after 4 reserved bytes), chunk counts, reel name at 88.
+const RecoveryRecordLayout RecoverySettings::s_ternLayout = {s_size, 72, 88, true};
+// Heron: the end position follows at 68 unaligned, then the reel name; no chunk counts.
+const RecoveryRecordLayout RecoverySettings::s_heronLayout = {108, 68, 76, false};
+
+bool RecoverySettings::fromBytes(const QByteArray& record, const RecoveryRecordLayout& layout)
 {
-    if (record.size() < s_size)
+    if (record.size() < layout.size)
         return false;
     const uchar* in = reinterpret_cast<const uchar*>(record.constData());
     userData1 = field<quint32>(in, UserData1);
@@ -74,17 +74,19 @@ bool RecoverySettings::fromBytes(const QByteArray& record)
     proResVariant = field<quint32>(in, ProResVariant);
     lastChunkSamples = field<quint32>(in, LastChunkSamples);
     firstChunkSamples = field<quint32>(in, FirstChunkSamples);
-    recordedEndPosition = field<quint64>(in, RecordedEndPosition);
-    audioSamplesPerChunk = field<quint32>(in, AudioSamplesPerChunk);
-    videoFramesPerChunk = field<quint32>(in, VideoFramesPerChunk);
+    recordedEndPosition = field<quint64>(in, layout.recordedEndPosition);
+    if (layout.hasChunkCounts) {
+        audioSamplesPerChunk = field<quint32>(in, AudioSamplesPerChunk);
+        videoFramesPerChunk = field<quint32>(in, VideoFramesPerChunk);
+    }
     // Kept as stored; reelNameText() bounds the text to the field.
-    std::memcpy(reelName, in + ReelName, s_reelNameSize);
+    std::memcpy(reelName, in + layout.reelName, s_reelNameSize);
     return true;
 }
 
-QByteArray RecoverySettings::toBytes() const
+QByteArray RecoverySettings::toBytes(const RecoveryRecordLayout& layout) const
 {
-    QByteArray record(s_size, '\0');
+    QByteArray record(layout.size, '\0');
     uchar* out = reinterpret_cast<uchar*>(record.data());
     setField<quint32>(out, UserData1, userData1);
     setField<quint32>(out, Timecode, timecode);
@@ -104,11 +106,13 @@ QByteArray RecoverySettings::toBytes() const
     setField<quint32>(out, ProResVariant, proResVariant);
     setField<quint32>(out, LastChunkSamples, lastChunkSamples);
     setField<quint32>(out, FirstChunkSamples, firstChunkSamples);
-    setField<quint64>(out, RecordedEndPosition, recordedEndPosition);
-    setField<quint32>(out, AudioSamplesPerChunk, audioSamplesPerChunk);
-    setField<quint32>(out, VideoFramesPerChunk, videoFramesPerChunk);
+    setField<quint64>(out, layout.recordedEndPosition, recordedEndPosition);
+    if (layout.hasChunkCounts) {
+        setField<quint32>(out, AudioSamplesPerChunk, audioSamplesPerChunk);
+        setField<quint32>(out, VideoFramesPerChunk, videoFramesPerChunk);
+    }
     // At most 31 characters, so a reader that runs to the first zero stays inside the field.
-    std::memcpy(out + ReelName, reelName, qstrnlen(reelName, s_reelNameSize - 1));
+    std::memcpy(out + layout.reelName, reelName, qstrnlen(reelName, s_reelNameSize - 1));
     return record;
 }
 

@@ -6,12 +6,23 @@
 
 namespace Tern {
 
-// The recorder's settings record of a Tern recording: 120 bytes, little-endian, stored at offset 36.
-// Read and written field by field so the program is right on any host byte order.
+// Where the tail fields of a family's settings record lie; the head (offsets 0-67) is common.
+struct RecoveryRecordLayout
+{
+    int size;
+    int recordedEndPosition;
+    int reelName;
+    bool hasChunkCounts; // audioSamplesPerChunk at 80 and videoFramesPerChunk at 84
+};
+
+// The recorder's settings record: little-endian, read and written field by field so the program is
+// right on any host byte order. The Tern record is 120 bytes at offset 36.
 struct RecoverySettings
 {
     static constexpr int s_size = 120;
     static constexpr int s_reelNameSize = 32;
+    static const RecoveryRecordLayout s_ternLayout;
+    static const RecoveryRecordLayout s_heronLayout;
 
     quint32 userData1 = 0;
     quint32 timecode = 0;
@@ -36,10 +47,10 @@ struct RecoverySettings
     quint32 videoFramesPerChunk = 0;
     char reelName[s_reelNameSize] = {};
 
-    // False when fewer than s_size bytes are given.
-    bool fromBytes(const QByteArray& record);
+    // False when fewer than the layout's size bytes are given.
+    bool fromBytes(const QByteArray& record, const RecoveryRecordLayout& layout = s_ternLayout);
     // The reserved bytes are written as zero; the reel name always ends with a zero inside its field.
-    QByteArray toBytes() const;
+    QByteArray toBytes(const RecoveryRecordLayout& layout = s_ternLayout) const;
 
     // The reel name as text, read no further than its 32 bytes; set from text, cut to 31 characters.
     QString reelNameText() const;

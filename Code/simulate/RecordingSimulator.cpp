@@ -1,17 +1,21 @@
 #include "simulate/RecordingSimulator.h"
 
-#include "movie/QuickTimeFile.h"
+#include "movie/HeronQuickTimeFile.h"
 
 #include <QFile>
 #include <QtEndian>
 
 #include <cstring>
+#include <memory>
 
 namespace {
 
 const int kBlock = 512;
 // The recorder writes 1,024 bytes of its own behind every frame; the frame map counts them.
 const int kFrameTrailer = 1024;
+// What the Heron recorder always uses; its settings record has no room for other values.
+const quint32 kHeronFramesPerChunk = 3;
+const quint32 kHeronSamplesPerChunk = 3072;
 
 int paddedToBlock(int bytes)
 {
@@ -106,6 +110,11 @@ RecordingResult writeInterruptedRecording(const QString& path, const RecordingPl
         result.error = "frames per chunk, bytes per sample and samples per chunk must not be 0";
         return result;
     }
+    if (plan.family == RecordingPlan::Heron
+        && (G != kHeronFramesPerChunk || plan.audioSamplesPerChunk != kHeronSamplesPerChunk)) {
+        result.error = "Heron recordings use 3 frames and 3072 samples per chunk";
+        return result;
+    }
     const int trackBytes = plan.audioTracks.isEmpty() ? 0 : plan.audioTracks.first().size();
     for (const QByteArray& track : plan.audioTracks) {
         if (track.size() != trackBytes || track.size() % int(bps) != 0) {
@@ -119,12 +128,21 @@ RecordingResult writeInterruptedRecording(const QString& path, const RecordingPl
         result.error = file.errorString();
         return result;
     }
-    Tern::QuickTimeFile movie(file);
+    QVector<quint16> heronFrameMap;
+    std::unique_ptr<Tern::QuickTimeFile> owner;
+    if (plan.family == RecordingPlan::Heron) {
+        heronFrameMap.resize(int(Tern::QuickTimeFile::s_frameMapEntries));
+        owner.reset(new QuickTimeFile(file, heronFrameMap.data()));
+    } else {
+        owner.reset(new Tern::QuickTimeFile(file));
+    }
+    Tern::QuickTimeFile& movie = *owner;
     movie.initFile(&file);
     file.seek(Tern::QuickTimeFile::s_movieDataStartOffset);
     storeSettings(movie.settings, plan);
     movie.saveRecoverySettings();
-    movie.setTimecode(plan.timecode, plan.dropFrame, false, false); // writes the first timecode sample
+    // Tern writes the first timecode sample now; Heron only stores the timecode.
+    movie.setTimecode(plan.timecode, plan.dropFrame, false, plan.family == RecordingPlan::Heron);
 
     const QVector<quint32> sound =
         soundChunkLengths(quint32(trackBytes) / bps, plan.audioSamplesPerChunk, plan.firstChunkSamples);

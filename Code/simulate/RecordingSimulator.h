@@ -10,6 +10,11 @@
 // the benchmarks.
 struct RecordingPlan
 {
+    // Tern writes its first timecode sample at the start; Heron stores the record at 20 and its map at
+    // 128, keeps no chunk counts (always 3 frames and 3,072 samples a chunk) and writes no timecode.
+    enum Family { Tern, Heron };
+    Family family = Tern;
+
     // Video: encoded frames, written G to a chunk, each followed by the recorder's own padding.
     QList<QByteArray> videoFrames;
     quint32 videoFramesPerChunk = 3;

@@ -3,6 +3,8 @@
 #include <QFile>
 #include <QtEndian>
 
+#include <cstring>
+
 namespace {
 
 const int kBextDescriptionSize = 256;
@@ -31,6 +33,13 @@ void appendChunk(QByteArray& out, const char* id, const QByteArray& payload, qui
 }
 
 } // namespace
+
+QByteArray defaultIXml()
+{
+    QByteArray text("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<BWFXML><IXML_VERSION>1.5</IXML_VERSION>"
+                    "<PROJECT>DEMO</PROJECT><SCENE>1</SCENE><TAKE>1</TAKE></BWFXML>");
+    return text + QByteArray(512 - text.size(), ' ');
+}
 
 QByteArray buildWav(const WavPlan& plan)
 {
@@ -61,6 +70,22 @@ QByteArray buildWav(const WavPlan& plan)
     QByteArray wav("RIFF");
     appendLe32(wav, plan.cutOff ? 0 : quint32(body.size()));
     return wav + body;
+}
+
+QByteArray interleavePcm(const QVector<QByteArray>& channels, int bytesPerSample)
+{
+    if (channels.isEmpty() || bytesPerSample <= 0)
+        return QByteArray();
+    const int samples = channels.first().size() / bytesPerSample;
+    QByteArray out(samples * channels.size() * bytesPerSample, '\0');
+    char* at = out.data();
+    for (int i = 0; i < samples; ++i) {
+        for (const QByteArray& channel : channels) {
+            std::memcpy(at, channel.constData() + i * bytesPerSample, size_t(bytesPerSample));
+            at += bytesPerSample;
+        }
+    }
+    return out;
 }
 
 bool writeWav(const QString& path, const WavPlan& plan)

@@ -1,7 +1,8 @@
 // clipward-simulate: writes an interrupted recording (no index, 'mdat' unsized) the way the recorder
-// leaves one when power fails, for demos and benchmarks. Frames are synthetic unless given.
+// leaves one when power fails, for demos and benchmarks. Frames and samples are synthetic.
 
 #include "simulate/RecordingSimulator.h"
+#include "simulate/WavSimulator.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -17,7 +18,8 @@ int main(int argc, char* argv[])
     QCoreApplication::setApplicationVersion(CLIPWARD_VERSION);
 
     QCommandLineParser parser;
-    parser.setApplicationDescription("Writes an interrupted Tern movie recording to OUTPUT.");
+    parser.setApplicationDescription("Writes an interrupted recording to OUTPUT: a Tern movie by default, a Heron\n"
+                                     "movie with --heron, a cut-off Broadcast WAV with --wav.");
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption frames("frames", "Video frames (0 for audio only).", "n", "75");
@@ -30,7 +32,10 @@ int main(int argc, char* argv[])
     const QCommandLineOption seconds("audio-seconds", "Sound length in seconds (default: the video's).", "s");
     const QCommandLineOption rate("rate", "Frame rate in hundredths.", "n", "2500");
     const QCommandLineOption torn("torn", "Bytes of an uncommitted chunk left past the end.", "n", "0");
-    parser.addOptions({frames, frameBytes, perChunk, tracks, bytesPerSample, samplesPerChunk, seconds, rate, torn});
+    const QCommandLineOption heron("heron", "Write a Heron movie (3 frames and 3072 samples per chunk).");
+    const QCommandLineOption wav("wav", "Write a cut-off Broadcast WAV of --tracks channels, --audio-seconds long.");
+    parser.addOptions(
+        {frames, frameBytes, perChunk, tracks, bytesPerSample, samplesPerChunk, seconds, rate, torn, heron, wav});
     parser.addPositionalArgument("OUTPUT", "The .zqv file to write.");
     parser.process(app);
     if (parser.positionalArguments().size() != 1) {
@@ -38,11 +43,40 @@ int main(int argc, char* argv[])
         return 2;
     }
 
+    const QString output = parser.positionalArguments().first();
+    QDir().mkpath(QFileInfo(output).absolutePath());
+    if (parser.isSet(wav)) {
+        WavPlan wavPlan;
+        wavPlan.channels = parser.value(tracks).toInt();
+        wavPlan.bitsPerSample = 8 * parser.value(bytesPerSample).toInt();
+        const int samples = int(parser.value(seconds).toDouble() * wavPlan.sampleRate);
+        QVector<QByteArray> channels;
+        for (int c = 0; c < wavPlan.channels; ++c)
+            channels << syntheticPcm(c, samples, wavPlan.bitsPerSample / 8);
+        wavPlan.pcm = interleavePcm(channels, wavPlan.bitsPerSample / 8);
+        wavPlan.bextDescription = "sSCENE=1\r\nsTAKE=1\r\n";
+        if (!writeWav(output, wavPlan)) {
+            std::fprintf(stderr, "clipward-simulate: cannot write %s\n", output.toUtf8().constData());
+            return 1;
+        }
+        std::printf("%s: %d samples of %d channels, sizes left 0\n", output.toUtf8().constData(), samples,
+                    wavPlan.channels);
+        return 0;
+    }
+
     RecordingPlan plan;
+    if (parser.isSet(heron)) {
+        plan.family = RecordingPlan::Heron;
+        plan.videoFramesPerChunk = 3;
+        plan.audioSamplesPerChunk = 3072;
+        plan.proResVariant = 0;
+    }
     plan.frameRate = parser.value(rate).toUInt();
-    plan.videoFramesPerChunk = parser.value(perChunk).toUInt();
+    if (!parser.isSet(heron)) {
+        plan.videoFramesPerChunk = parser.value(perChunk).toUInt();
+        plan.audioSamplesPerChunk = parser.value(samplesPerChunk).toUInt();
+    }
     plan.audioBytesPerSample = parser.value(bytesPerSample).toUInt();
-    plan.audioSamplesPerChunk = parser.value(samplesPerChunk).toUInt();
     plan.tornTailBytes = parser.value(torn).toInt();
     const int frameCount = parser.value(frames).toInt();
     for (int i = 0; i < frameCount; ++i)
@@ -53,8 +87,6 @@ int main(int argc, char* argv[])
     for (int t = 0; t < parser.value(tracks).toInt(); ++t)
         plan.audioTracks << syntheticPcm(t, samples, int(plan.audioBytesPerSample));
 
-    const QString output = parser.positionalArguments().first();
-    QDir().mkpath(QFileInfo(output).absolutePath());
     const RecordingResult result = writeInterruptedRecording(output, plan);
     if (!result.ok) {
         std::fprintf(stderr, "clipward-simulate: %s\n", result.error.toUtf8().constData());

@@ -1,5 +1,6 @@
-// Interrupted Tern recordings of real encoded frames and PCM, finalized by clipward-cli and checked with
-// ffmpeg as the independent reader: the stream list, the counts, every decoded frame and every sample.
+// Interrupted recordings of both recorder families, of real encoded frames and PCM, finalized by
+// clipward-cli and checked with ffmpeg as the independent reader: the stream list, the counts, every
+// decoded frame and every sample.
 
 #include "simulate/RecordingSimulator.h"
 #include "support/MediaTools.h"
@@ -17,6 +18,7 @@ const qint64 kDatPos = 5472240;
 
 struct Shape
 {
+    RecordingPlan::Family family = RecordingPlan::Tern;
     QStringList encoder;    // ffmpeg arguments of the video encoder
     int width = 1280;
     int height = 720;
@@ -50,7 +52,7 @@ QString audioCodec(quint32 bytesPerSample)
 
 Q_DECLARE_METATYPE(Shape)
 
-class TestTernMedia : public QObject
+class TestMedia : public QObject
 {
     Q_OBJECT
 
@@ -60,13 +62,13 @@ private slots:
     void finalizedMovieDecodesLikeItsSource();
 };
 
-void TestTernMedia::initTestCase()
+void TestMedia::initTestCase()
 {
     if (!MediaTools::available())
         QSKIP("ffmpeg and ffprobe are needed (the test command installs them)");
 }
 
-void TestTernMedia::finalizedMovieDecodesLikeItsSource_data()
+void TestMedia::finalizedMovieDecodesLikeItsSource_data()
 {
     QTest::addColumn<Shape>("shape");
     const QStringList proresHq{"-c:v", "prores_ks", "-profile:v", "3", "-pix_fmt", "yuv422p10le"};
@@ -153,15 +155,44 @@ void TestTernMedia::finalizedMovieDecodesLikeItsSource_data()
     Shape videoOnly = odd;
     videoOnly.tracks = 0;
     QTest::newRow("video only") << videoOnly;
+
+    // Heron: 3 frames and 3,072 samples a chunk, 422 variants numbered from 0, no edit lists.
+    Shape heron = odd;
+    heron.family = RecordingPlan::Heron;
+    heron.variant = 0;
+    heron.samplesPerChunk = 3072;
+    heron.frames = 24;
+    QTest::newRow("Heron ProRes 422 HQ, two 24-bit tracks") << heron;
+
+    Shape heron4444 = p4444;
+    heron4444.family = RecordingPlan::Heron;
+    heron4444.samplesPerChunk = 3072;
+    QTest::newRow("Heron ProRes 4444, 32-bit audio") << heron4444;
+
+    Shape heronDnx = dnx;
+    heronDnx.family = RecordingPlan::Heron;
+    heronDnx.samplesPerChunk = 3072;
+    heronDnx.tracks = 4;
+    QTest::newRow("Heron DNxHD 1080p25, four tracks") << heronDnx;
+
+    Shape heronShort = heron;
+    heronShort.frames = 6; // 2 video chunks and 2 sound chunks: Heron has no minimum
+    QTest::newRow("Heron with fewer than 30 chunks") << heronShort;
+
+    Shape heronAudio = heron;
+    heronAudio.frames = 0;
+    heronAudio.samplesPerTrack = 3072 * 5 + 100;
+    QTest::newRow("Heron audio only") << heronAudio;
 }
 
-void TestTernMedia::finalizedMovieDecodesLikeItsSource()
+void TestMedia::finalizedMovieDecodesLikeItsSource()
 {
     QFETCH(Shape, shape);
     QTemporaryDir tmp;
     const QString source = tmp.filePath("source.mov");
 
     RecordingPlan plan;
+    plan.family = shape.family;
     plan.videoCodecType = shape.codecType;
     plan.proResVariant = shape.variant;
     plan.width = quint16(shape.width);
@@ -201,20 +232,28 @@ void TestTernMedia::finalizedMovieDecodesLikeItsSource()
     QStringList out;
     QCOMPARE(runCli({card}, &out), 0);
     const QString mov = card + "/A001C001.mov";
-    QVERIFY(out.contains("     " + mov + " (Tern) Finalized"));
+    const bool heron = shape.family == RecordingPlan::Heron;
+    QVERIFY(out.contains("     " + mov + (heron ? " (Heron) Finalized" : " (Tern) Finalized")));
     const QByteArray after = readFile(mov);
 
     // The reserved region and the media are untouched; only the 'mdat' header changed before the end.
     const int end = int(recording.recordedEndPosition);
     QCOMPARE(after.left(int(kDatPos)), before.left(int(kDatPos)));
     QCOMPARE(after.mid(int(kDatPos), 8), before.mid(int(kDatPos), 8));
-    QCOMPARE(qFromBigEndian<quint64>(after.constData() + kDatPos + 8), quint64(end - kDatPos));
+    // Heron closes its media with one more timecode sample: the start timecode, big-endian.
+    const int timecodeBytes = heron ? 512 : 0;
+    QCOMPARE(qFromBigEndian<quint64>(after.constData() + kDatPos + 8), quint64(end + timecodeBytes - kDatPos));
+    if (heron) {
+        QCOMPARE(after.mid(end, 4), hex("01000000"));
+        QCOMPARE(after.mid(end + 4, 508), QByteArray(508, '\0'));
+    }
     QCOMPARE(after.mid(int(kDatPos) + 16, end - int(kDatPos) - 16), before.mid(int(kDatPos) + 16, end - int(kDatPos) - 16));
 
     const QList<MediaTools::Stream> streams = MediaTools::streams(mov);
     QCOMPARE(streams.size(), 1 + (shape.frames > 0 ? 1 : 0) + shape.tracks);
     QCOMPARE(streams[0].type, QString("data"));
     QCOMPARE(streams[0].tag, QString("tmcd"));
+    QCOMPARE(streams[0].frames, qint64(1));
     int next = 1;
     if (shape.frames > 0) {
         const MediaTools::Stream& video = streams[next++];
@@ -235,11 +274,11 @@ void TestTernMedia::finalizedMovieDecodesLikeItsSource()
         // Without video the movie and track durations are 0 (they count video frames), so the edit lists
         // are empty; the sound media itself is whole and is read past them.
         const QByteArray decoded =
-            MediaTools::decodeAudio(mov, t, rawFormat(shape.bytesPerSample), shape.frames == 0);
+            MediaTools::decodeAudio(mov, t, rawFormat(shape.bytesPerSample), shape.frames == 0 && !heron);
         QCOMPARE(decoded.size(), plan.audioTracks[t].size());
         QVERIFY2(decoded == plan.audioTracks[t], qPrintable(QString("sound track %1 differs").arg(t)));
     }
 }
 
-QTEST_GUILESS_MAIN(TestTernMedia)
-#include "tst_tern_media.moc"
+QTEST_GUILESS_MAIN(TestMedia)
+#include "tst_media.moc"

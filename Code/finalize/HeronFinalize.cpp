@@ -1,0 +1,89 @@
+// Finishing one in-progress file of the older Heron recorder: a movie is rebuilt with the shared movie
+// library run as the Heron family, an audio file has its WAV sizes repaired. Only the result and the new
+// name tell the outcome; nothing is logged beyond the first line.
+
+#include "audio/AudioFile.h"
+#include "finalize/Finalize.h"
+
+#include <QDebug>
+#include <QFile>
+
+namespace {
+
+const unsigned int kFinalized = 0;
+const unsigned int kUnrecoverable = 31;
+
+// The Heron record has no chunk counts: its recorder always writes these.
+const int kHeronAudioSamplesPerChunk = 3072;
+const quint32 kHeronVideoFramesPerChunk = 3;
+
+} // namespace
+
+void Finalize::setQuickTimeFileInfo(QuickTimeFile::RecoverySettings* s, QuickTimeFile* movie)
+{
+    movie->setTimecode(s->timecode, s->dropFrame, false);
+    movie->setUserData(s->userData1, s->userData2, s->frameRate, s->dropFrame, s->userData5, s->audioTracks,
+                       s->audioBytesPerSample * 8, s->audioSampleRate, s->userData9);
+    movie->width = s->width;
+    movie->height = s->height;
+    movie->interlaced = s->interlaced;
+    movie->videoCodecId = s->videoCodecId;
+    movie->setFrameRate(s->interlaced != 0 ? s->frameRate >> 1 : s->frameRate);
+    movie->videoCodecType = s->videoCodecType;
+    movie->proResVariant = s->proResVariant;
+    movie->audioTracks = s->audioTracks;
+    movie->setAudioSamplesPerFrame(kHeronAudioSamplesPerChunk);
+    movie->setAudioBytesPerSample(s->audioBytesPerSample);
+    movie->setAudioSampleRate(s->audioSampleRate);
+    movie->videoFramesPerChunk = kHeronVideoFramesPerChunk;
+    movie->reelName = s->reelNameText();
+    movie->lastChunkSamples = s->lastChunkSamples;
+    movie->firstChunkSamples = s->firstChunkSamples;
+    movie->recordedEndPosition = s->recordedEndPosition;
+    movie->InitQuickTimeFileInfo();
+}
+
+unsigned int Finalize::heronDoFinalize(QString path)
+{
+    QFile file(path);
+    isTern = 0;
+    qDebug("doing heron finalize");
+    const QString lower = path.toLower();
+
+    if (lower.endsWith(".zqv")) {
+        if (!file.open(QIODevice::ReadWrite))
+            return kUnrecoverable;
+        unsigned int result = kUnrecoverable;
+        auto* movie = new QuickTimeFile(file, workBuffer);
+        if (movie->verifyHeader()) {
+            movie->initFile(nullptr);
+            if (QuickTimeFile::RecoverySettings* settings = movie->loadSavedSettings()) {
+                setQuickTimeFileInfo(settings, movie);
+                if (movie->recover())
+                    result = kFinalized;
+            }
+        }
+        delete movie;
+        file.close();
+        // Unlike Tern, every failure gives the movie up; an existing file of the new name is kept.
+        const QString newName = QString(path).replace(".zqv", result == kFinalized ? ".mov" : ".nrv");
+        file.rename(newName);
+        outputFileName = newName;
+        return result;
+    }
+
+    if (lower.endsWith(".zqa")) {
+        if (!file.open(QIODevice::ReadWrite))
+            return kUnrecoverable;
+        AudioFile audio(file);
+        unsigned int result = audio.ReadAudioFileInfo();
+        if (result == 0)
+            result = audio.VerifyHeader();
+        file.close();
+        const QString newName = QString(path).replace(".zqa", result == 0 ? ".wav" : ".nra");
+        file.rename(newName);
+        outputFileName = newName;
+        return result;
+    }
+    return kFinalized;
+}
