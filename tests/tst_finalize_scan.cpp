@@ -56,6 +56,8 @@ private slots:
     void folderMatchingAPatternIsListed();
     void skipFolderIsReportedAndNotEntered();
     void unreadableMovieInFinalizeModeKeepsStaleName();
+    void folderLinkLoopIsEnteredOnce();
+    void namesAreReportedVerbatim();
 };
 
 void TestFinalizeScan::constructionDefaults()
@@ -262,6 +264,36 @@ void TestFinalizeScan::unreadableMovieInFinalizeModeKeepsStaleName()
     QCOMPARE(lines.value(1), QString("     %1 (Heron) Unrecoverable\n").arg(tmp.path()));
     QCOMPARE(driver.badCount, 1);
     QCOMPARE(QFile::exists(path), true);
+}
+
+void TestFinalizeScan::folderLinkLoopIsEnteredOnce()
+{
+    QTemporaryDir tmp;
+    QVERIFY(writeFile(tmp.filePath("a/A001.zqa"), "x"));
+    QVERIFY(QFile::link(tmp.filePath("a"), tmp.filePath("a/back")));
+    QVERIFY(QFile::link(tmp.path(), tmp.filePath("a/up")));
+    const QString root = tmp.path();
+    const QStringList lines = runDriver({root}, true);
+    QCOMPARE(lines, QStringList({QString("Scanning folder: %1\n").arg(root),
+                                 QString("Scanning folder: %1/a\n").arg(root),
+                                 "     " + root + "/a/A001.zqa (heron) Requires finalize\n",
+                                 QString("Skipping folder: %1/a/back\n").arg(root),
+                                 QString("Skipping folder: %1/a/up\n").arg(root)}));
+}
+
+void TestFinalizeScan::namesAreReportedVerbatim()
+{
+    QTemporaryDir tmp;
+    const QStringList names{"clip%1 %2.zqa", "take \"one\" 'b'.zqa", "line\nbreak.zqa", "Ünïcødé 日本.zqa"};
+    QStringList expected{QString("Scanning folder: %1\n").arg(tmp.path())};
+    for (const QString& name : names)
+        QVERIFY(writeFile(tmp.filePath(name), "x"));
+    QStringList sorted = names;
+    std::sort(sorted.begin(), sorted.end(),
+              [](const QString& a, const QString& b) { return QString::compare(a, b, Qt::CaseInsensitive) < 0; });
+    for (const QString& name : sorted)
+        expected << "     " + tmp.filePath(name) + " (heron) Requires finalize\n";
+    QCOMPARE(runDriver({tmp.path()}, true), expected);
 }
 
 QTEST_GUILESS_MAIN(TestFinalizeScan)

@@ -40,6 +40,7 @@ bool Finalize::finalizeFolders(const QStringList& paths)
 
 bool Finalize::finalizeFolderTree(const QStringList& paths)
 {
+    m_walkedFolders.clear();
     for (const QString& path : paths) {
         QDir dir(QDir::toNativeSeparators(path));
         if (!dir.exists()) {
@@ -56,10 +57,12 @@ bool Finalize::finalizeFolderTree(const QStringList& paths)
 
 bool Finalize::finalizeFolderTree(QDir& dir)
 {
-    if (isSkipFolder(dir)) {
+    const QString resolved = dir.canonicalPath();
+    if (isSkipFolder(dir) || (!resolved.isEmpty() && m_walkedFolders.contains(resolved))) {
         emit textOutput(QString("Skipping folder: %1\n").arg(dir.absolutePath()));
         return true;
     }
+    m_walkedFolders.insert(resolved);
     finalizeFolder(dir);
 
     QStringList subfolders = dir.entryList(QDir::AllDirs);

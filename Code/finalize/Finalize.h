@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 
@@ -42,4 +43,9 @@ public:
 
 signals:
     void textOutput(const QString& text);
+
+private:
+    // Folders already walked in this run, by their resolved path: a folder link that leads back up the
+    // tree is entered once, so the walk always ends.
+    QSet<QString> m_walkedFolders;
 };

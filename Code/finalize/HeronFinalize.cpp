@@ -4,9 +4,11 @@
 
 #include "audio/AudioFile.h"
 #include "finalize/Finalize.h"
+#include "movie/StableStorage.h"
 
 #include <QDebug>
 #include <QFile>
+#include <QFileInfo>
 
 namespace {
 
@@ -16,6 +18,13 @@ const unsigned int kUnrecoverable = 31;
 // The Heron record has no chunk counts: its recorder always writes these.
 const int kHeronAudioSamplesPerChunk = 3072;
 const quint32 kHeronVideoFramesPerChunk = 3;
+
+// Renames the closed file and makes the new name durable.
+void renameDurably(QFile& file, const QString& newName)
+{
+    if (file.rename(newName))
+        StableStorage::syncFolder(QFileInfo(newName).absolutePath());
+}
 
 } // namespace
 
@@ -67,7 +76,7 @@ unsigned int Finalize::heronDoFinalize(QString path)
         file.close();
         // Unlike Tern, every failure gives the movie up; an existing file of the new name is kept.
         const QString newName = QString(path).replace(".zqv", result == kFinalized ? ".mov" : ".nrv");
-        file.rename(newName);
+        renameDurably(file, newName);
         outputFileName = newName;
         return result;
     }
@@ -79,9 +88,10 @@ unsigned int Finalize::heronDoFinalize(QString path)
         unsigned int result = audio.ReadAudioFileInfo();
         if (result == 0)
             result = audio.VerifyHeader();
+        StableStorage::sync(file); // the repaired sizes reach the disk before the finished name does
         file.close();
         const QString newName = QString(path).replace(".zqa", result == 0 ? ".wav" : ".nra");
-        file.rename(newName);
+        renameDurably(file, newName);
         outputFileName = newName;
         return result;
     }

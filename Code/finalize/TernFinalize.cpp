@@ -3,9 +3,11 @@
 
 #include "finalize/Finalize.h"
 #include "movie/QuickTimeFile.h"
+#include "movie/StableStorage.h"
 
 #include <QDebug>
 #include <QFile>
+#include <QFileInfo>
 
 namespace {
 
@@ -110,7 +112,9 @@ unsigned int Finalize::ternDoFinalize(QString path)
     } else {
         newName.replace(".zqv", ".mov");
     }
-    if (!QFile::rename(path, newName)) {
+    if (QFile::rename(path, newName)) {
+        StableStorage::syncFolder(QFileInfo(newName).absolutePath());
+    } else {
         // The logging stream's layout: each item followed by a blank, strings quoted.
         qDebug().noquote() << QString("Failed to rename file:  \"%1\"  ->  \"%2\"").arg(path, newName);
     }

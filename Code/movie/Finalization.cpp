@@ -6,6 +6,7 @@
 #include "movie/QuickTimeFile.h"
 #include "movie/SampleDescriptions.h"
 #include "movie/SampleTables.h"
+#include "movie/StableStorage.h"
 
 #include <QDebug>
 #include <QIODevice>
@@ -158,13 +159,16 @@ bool QuickTimeFile::closeFile()
     }
 
     const qint64 moovStart = moov->position;
-    const bool written = writeAtomList();
+    // The index must be on the disk before the header points at it: until the header is patched the
+    // file still reads as unfinished and a later attempt rewrites the index in the same place.
+    const bool written = writeAtomList() && StableStorage::sync(device);
     if (written) {
         const qint64 end = device.pos();
         device.seek(s_datPos);
         writeMovieDataHeader();
         device.seek(end);
         device.write(QByteArray(kClosingZeroBytes, '\0'));
+        StableStorage::sync(device);
         qDebug("Recorded FILE Last Position Start:%lld End:%lld Size:%lld", moovStart, end, end - moovStart);
     }
     return written;
