@@ -38,6 +38,32 @@ void writeMatrix(QDataStream& stream, const quint32* matrix)
     for (int i = 0; i < 9; ++i)
         stream << matrix[i];
 }
+
+void readMatrix(QDataStream& stream, quint32* matrix)
+{
+    for (int i = 0; i < 9; ++i)
+        stream >> matrix[i];
+}
+
+bool readRaw(QDataStream& stream, quint8* bytes, int n)
+{
+    return stream.readRawData(reinterpret_cast<char*>(bytes), n) == n;
+}
+
+// Handler subtypes of the media handler and the tracks they make.
+quicktime_frametype_t trackTypeOfHandler(quint32 subtype)
+{
+    switch (subtype) {
+    case fourCC("vide"):
+        return quicktime_frametype_video;
+    case fourCC("soun"):
+        return quicktime_frametype_sound;
+    case fourCC("tmcd"):
+        return quicktime_frametype_timecode;
+    default:
+        return quicktime_frametype_unknown;
+    }
+}
 } // namespace
 
 // ---------------------------------------------------------------------------------------------------------
@@ -121,6 +147,19 @@ void QuickTimeMovieHeaderAtom::write(QDataStream& stream)
            << currentTime << nextTrackId;
 }
 
+bool QuickTimeMovieHeaderAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining)
+        || !consume(remaining, s_movieHeaderSize - s_versionedHeaderSize))
+        return false;
+    stream >> creationTime >> modificationTime >> timeScale >> duration >> preferredRate >> preferredVolume;
+    readRaw(stream, reserved, sizeof reserved);
+    readMatrix(stream, matrix);
+    stream >> previewTime >> previewDuration >> posterTime >> selectionTime >> selectionDuration
+        >> currentTime >> nextTrackId;
+    return stream.status() == QDataStream::Ok;
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // 'tkhd'
 
@@ -155,6 +194,21 @@ void QuickTimeTrackHeaderAtom::write(QDataStream& stream)
     stream << (width << 16) << (height << 16);
 }
 
+bool QuickTimeTrackHeaderAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining)
+        || !consume(remaining, s_trackHeaderSize - s_versionedHeaderSize))
+        return false;
+    stream >> creationTime >> modificationTime >> trackId >> reserved1 >> duration;
+    readRaw(stream, reserved2, sizeof reserved2);
+    stream >> layer >> alternateGroup >> volume >> reserved3;
+    readMatrix(stream, matrix);
+    stream >> width >> height;
+    width >>= 16; // 16.16 on disk, whole pixels here
+    height >>= 16;
+    return stream.status() == QDataStream::Ok;
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // 'mdhd'
 
@@ -172,6 +226,19 @@ void QuickTimeMediaHeaderAtom::write(QDataStream& stream)
 {
     QuickTimeVersionFlagsAtom::write(stream);
     stream << creationTime << modificationTime << timeScale << duration << language << quality;
+}
+
+bool QuickTimeMediaHeaderAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining)
+        || !consume(remaining, s_mediaHeaderSize - s_versionedHeaderSize))
+        return false;
+    stream >> creationTime >> modificationTime >> timeScale >> duration >> language >> quality;
+    if (stream.status() != QDataStream::Ok)
+        return false;
+    if (file)
+        file->setCurrentTimeScale(timeScale);
+    return true;
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -204,6 +271,28 @@ void QuickTimeHandlerReferenceAtom::write(QDataStream& stream)
     stream << componentType << componentSubtype << componentManufacturer << componentFlags
            << componentFlagsMask;
     stream.writeRawData(reinterpret_cast<const char*>(componentName), 1 + componentName[0]);
+}
+
+bool QuickTimeHandlerReferenceAtom::read(QDataStream& stream, quint64* remaining)
+{
+    const quint32 fixedBytes = s_handlerReferenceSize - s_versionedHeaderSize + 1; // fields and length byte
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, fixedBytes))
+        return false;
+    quint8 nameLength = 0;
+    stream >> componentType >> componentSubtype >> componentManufacturer >> componentFlags
+        >> componentFlagsMask >> nameLength;
+    if (stream.status() != QDataStream::Ok || !consume(remaining, nameLength))
+        return false;
+    // The name is kept as far as the buffer holds it and otherwise passed over.
+    const quint8 kept = quint8(qMin<int>(nameLength, s_nameBufferSize - 1));
+    componentName[0] = kept;
+    if (!readRaw(stream, componentName + 1, kept) || !skipBytes(stream, nameLength - kept))
+        return false;
+
+    // The track's kind is learned from its media handler (the data handler inside 'minf' says nothing).
+    if (file && componentType == fourCC("mhlr"))
+        file->setCurrentTrackType(trackTypeOfHandler(componentSubtype));
+    return true;
 }
 
 // ---------------------------------------------------------------------------------------------------------

@@ -39,6 +39,7 @@ class QuickTimeMovieHeaderAtom : public QuickTimeVersionFlagsAtom
 public:
     explicit QuickTimeMovieHeaderAtom(QuickTimeFile* movie);
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     QuickTimeFile* movieFile;
     quint32 creationTime = s_quickTimeEpochOffset;
@@ -66,6 +67,7 @@ public:
                              quint32 height, quint16 volume);
     explicit QuickTimeTrackHeaderAtom(QuickTimeFile* movie);
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     quint32 creationTime = s_quickTimeEpochOffset;
     quint32 modificationTime = s_quickTimeEpochOffset;
@@ -88,6 +90,7 @@ class QuickTimeMediaHeaderAtom : public QuickTimeVersionFlagsAtom
 public:
     QuickTimeMediaHeaderAtom(QuickTimeFile* movie, quint32 timeScale, quint32 duration);
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     QuickTimeFile* movieFile;
     quint32 creationTime = s_quickTimeEpochOffset;
@@ -106,6 +109,7 @@ public:
 
     QuickTimeHandlerReferenceAtom(quint32 componentType, quint32 componentSubtype);
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     quint32 componentType;
     quint32 componentSubtype;

@@ -2,6 +2,8 @@
 
 #include "movie/QuickTimeFile.h"
 
+#include <QtEndian>
+
 #include <cstring>
 
 namespace Tern {
@@ -19,6 +21,14 @@ const quint32 s_dataReferenceSize = 28;
 const quint32 s_mediaInformationFlags = 0x000001; // "no lean ahead" on 'vmhd', 'smhd' and 'tcmi'
 const char s_timecodeFontName[] = "System";
 const int s_timecodeFontNameMaximum = 30;
+
+// Payloads the parser reads behind version and flags (or behind the header for 'fiel' and 'ARES').
+const quint32 s_videoInformationFields = 8;
+const quint32 s_soundInformationFields = 4;
+const quint32 s_dataReferenceFields = 16;
+const quint32 s_fieldAtomFields = 2;
+const quint32 s_avidResolutionFields = 32;
+const quint32 s_atomHeaderSize = 8;
 } // namespace
 
 // ---------------------------------------------------------------------------------------------------------
@@ -36,6 +46,14 @@ void QuickTimeVideoInformationAtom::write(QDataStream& stream)
     stream << graphicsMode << opcolor[0] << opcolor[1] << opcolor[2];
 }
 
+bool QuickTimeVideoInformationAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_videoInformationFields))
+        return false;
+    stream >> graphicsMode >> opcolor[0] >> opcolor[1] >> opcolor[2];
+    return stream.status() == QDataStream::Ok;
+}
+
 QuickTimeSoundInformationAtom::QuickTimeSoundInformationAtom()
     : QuickTimeVersionFlagsAtom(fourCC("smhd"), s_soundInformationSize - s_versionedHeaderSize, 0, 0,
                                 s_mediaInformationFlags)
@@ -46,6 +64,14 @@ void QuickTimeSoundInformationAtom::write(QDataStream& stream)
 {
     QuickTimeVersionFlagsAtom::write(stream);
     stream << balance << reserved;
+}
+
+bool QuickTimeSoundInformationAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_soundInformationFields))
+        return false;
+    stream >> balance >> reserved;
+    return stream.status() == QDataStream::Ok;
 }
 
 QuickTimeBaseMediaInformationAtom::QuickTimeBaseMediaInformationAtom()
@@ -98,6 +124,15 @@ void QuickTimeDataReferenceAtom::write(QDataStream& stream)
            << entryFlags[2];
 }
 
+bool QuickTimeDataReferenceAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_dataReferenceFields))
+        return false;
+    stream >> entryCount >> entrySize >> entryType >> entryVersion >> entryFlags[0] >> entryFlags[1]
+        >> entryFlags[2];
+    return stream.status() == QDataStream::Ok;
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // 'hldn'
 
@@ -133,6 +168,43 @@ void QuickTimeHaldenAtom::write(QDataStream& stream)
         stream << (map ? map[i] : quint16(0));
 }
 
+bool QuickTimeHaldenAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || *remaining < s_fixedPayloadSize)
+        return false;
+    stream >> constant >> interlaced >> frameCount >> videoFrames >> audioFrames >> timecodeFrames;
+    for (quint32& value : userData)
+        stream >> value;
+    stream >> marker;
+    if (!skipBytes(stream, s_reservedSize) || stream.status() != QDataStream::Ok)
+        return false;
+    const quint64 listBytes = 2 * quint64(frameCount);
+    if (*remaining - s_fixedPayloadSize < listBytes)
+        return false;
+    *remaining -= s_fixedPayloadSize + listBytes;
+
+    QuickTimeFile* movie = file;
+    if (!movie || !movie->ensureFrameMap())
+        return skipBytes(stream, listBytes);
+    // The list goes straight into the frame map, as far as the map reaches; the rest is passed over.
+    const quint32 kept = qMin(frameCount, QuickTimeFile::s_frameMapEntries);
+    char* target = reinterpret_cast<char*>(movie->frameMap);
+    const qint64 keptBytes = 2 * qint64(kept);
+    if (stream.readRawData(target, int(keptBytes)) != keptBytes || !skipBytes(stream, listBytes - keptBytes))
+        return false;
+    for (quint32 i = 0; i < kept; ++i)
+        movie->frameMap[i] = qFromBigEndian(movie->frameMap[i]);
+
+    movie->interlaced = interlaced;
+    movie->videoFrameCount = videoFrames;
+    movie->soundChunks = audioFrames;
+    movie->timecodeSamples = timecodeFrames;
+    std::memcpy(movie->userData, userData, sizeof userData);
+    movie->writtenByRecorder = true;
+    movie->haldenMarker = marker != 0;
+    return true;
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // 'uset'
 
@@ -162,11 +234,42 @@ QuickTimeFieldAtom::QuickTimeFieldAtom(QuickTimeFile* movie)
     file = movie;
 }
 
+bool QuickTimeFieldAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeAtom::read(stream, remaining) || !consume(remaining, s_fieldAtomFields))
+        return false;
+    stream >> fields >> ordering;
+    if (stream.status() != QDataStream::Ok)
+        return false;
+    // Once the maker atom has given the interlace flag, the description's field atom does not change it.
+    if (file && !file->writtenByRecorder)
+        file->interlaced = fields > 1 ? 1 : 0;
+    return true;
+}
+
 QuickTimeAvidResolutionAtom::QuickTimeAvidResolutionAtom(QuickTimeFile* movie)
     : QuickTimeAtom(fourCC("ARES"), 0, 0)
     , movieFile(movie)
 {
     file = movie;
+}
+
+bool QuickTimeAvidResolutionAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeAtom::read(stream, remaining) || !consume(remaining, s_avidResolutionFields))
+        return false;
+    stream >> repeatedType >> resolutionVersion >> compressionId >> width >> height >> fields >> value
+        >> formatCode;
+    if (stream.status() != QDataStream::Ok)
+        return false;
+    if (file)
+        file->interlaced = fields > 1 ? 1 : 0;
+    // The reserved words behind the fields, up to the atom's declared end.
+    const quint64 fieldsEnd = s_atomHeaderSize + s_avidResolutionFields;
+    const quint64 reserved = size64 > fieldsEnd ? size64 - fieldsEnd : 0;
+    if (!consume(remaining, reserved))
+        return false;
+    return skipBytes(stream, reserved);
 }
 
 } // namespace Tern

@@ -16,6 +16,7 @@ class QuickTimeVideoInformationAtom : public QuickTimeVersionFlagsAtom
 public:
     QuickTimeVideoInformationAtom();
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     quint16 graphicsMode = 0;
     quint16 opcolor[3] = {};
@@ -27,6 +28,7 @@ class QuickTimeSoundInformationAtom : public QuickTimeVersionFlagsAtom
 public:
     QuickTimeSoundInformationAtom();
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     quint16 balance = 0;
     quint16 reserved = 0;
@@ -69,6 +71,7 @@ class QuickTimeDataReferenceAtom : public QuickTimeVersionFlagsAtom
 public:
     QuickTimeDataReferenceAtom();
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     quint32 entryCount = 1;
     quint32 entrySize = 12;
@@ -87,6 +90,7 @@ public:
 
     explicit QuickTimeHaldenAtom(QuickTimeFile* movie);
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     QuickTimeFile* movieFile;
     quint32 constant = 1;
@@ -116,16 +120,28 @@ class QuickTimeFieldAtom : public QuickTimeAtom
 {
 public:
     explicit QuickTimeFieldAtom(QuickTimeFile* movie);
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     QuickTimeFile* movieFile;
+    quint8 fields = 1; // 2 for interlaced video
+    quint8 ordering = 0;
 };
 
 class QuickTimeAvidResolutionAtom : public QuickTimeAtom
 {
 public:
     explicit QuickTimeAvidResolutionAtom(QuickTimeFile* movie);
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     QuickTimeFile* movieFile;
+    quint32 repeatedType = 0;
+    quint32 resolutionVersion = 0;
+    quint32 compressionId = 0;
+    quint32 width = 0;
+    quint32 height = 0; // per field when interlaced
+    quint32 fields = 0;
+    quint32 value = 0;
+    quint32 formatCode = 0;
 };
 
 } // namespace Tern

@@ -48,6 +48,17 @@ public:
     static bool readNextAtom(QuickTimeFile* file, QuickTimeAtom** out, QDataStream& stream, quint64* remaining);
     bool readChildren(QDataStream& stream, quint64* remaining);
 
+    // Takes n bytes from a read budget; false (budget untouched) when fewer remain.
+    static bool consume(quint64* remaining, quint64 n);
+    // Moves the stream's device n bytes on without reading them; false when the device ends first (it is
+    // then left at its end).
+    static bool skipBytes(QDataStream& stream, quint64 n);
+    // Seeks to pos, or to the device's end when pos lies beyond it.
+    static bool seekWithin(QIODevice* device, qint64 pos);
+
+    // How deep the parser is in nested reads; 0 between top-level atoms.
+    static int nestingLevel;
+
     QuickTimeFile* file = nullptr;
     quint32 type = 0;
     quint32 size = 0;
@@ -62,6 +73,8 @@ public:
 protected:
     // Consumes the 8-byte header from *remaining and drops any children; false when fewer than 8 remain.
     bool readHeaderCount(quint64* remaining);
+    // The read of a container: the header, then the children up to the atom's end.
+    bool readContainer(QDataStream& stream, quint64* remaining);
 
 private:
     Q_DISABLE_COPY(QuickTimeAtom)
@@ -138,12 +151,14 @@ class QuickTimeMovieAtom : public QuickTimeAtom
 {
 public:
     QuickTimeMovieAtom() : QuickTimeAtom(fourCC("moov"), 0, 0) {}
+    bool read(QDataStream& stream, quint64* remaining) override;
 };
 
 class QuickTimeTrackAtom : public QuickTimeAtom
 {
 public:
     QuickTimeTrackAtom() : QuickTimeAtom(fourCC("trak"), 0, 0) {}
+    bool read(QDataStream& stream, quint64* remaining) override;
 };
 
 class QuickTimeEditAtom : public QuickTimeAtom
@@ -156,18 +171,21 @@ class QuickTimeMediaAtom : public QuickTimeAtom
 {
 public:
     QuickTimeMediaAtom() : QuickTimeAtom(fourCC("mdia"), 0, 0) {}
+    bool read(QDataStream& stream, quint64* remaining) override;
 };
 
 class QuickTimeMediaInformationAtom : public QuickTimeAtom
 {
 public:
     QuickTimeMediaInformationAtom() : QuickTimeAtom(fourCC("minf"), 0, 0) {}
+    bool read(QDataStream& stream, quint64* remaining) override;
 };
 
 class QuickTimeBaseInformationHeaderAtom : public QuickTimeAtom
 {
 public:
     QuickTimeBaseInformationHeaderAtom() : QuickTimeAtom(fourCC("gmhd"), 0, 0) {}
+    bool read(QDataStream& stream, quint64* remaining) override;
 };
 
 class QuickTimeTimecodeHeaderAtom : public QuickTimeAtom
@@ -180,18 +198,21 @@ class QuickTimeDataInformationAtom : public QuickTimeAtom
 {
 public:
     QuickTimeDataInformationAtom() : QuickTimeAtom(fourCC("dinf"), 0, 0) {}
+    bool read(QDataStream& stream, quint64* remaining) override;
 };
 
 class QuickTimeSampleTableAtom : public QuickTimeAtom
 {
 public:
     QuickTimeSampleTableAtom() : QuickTimeAtom(fourCC("stbl"), 0, 0) {}
+    bool read(QDataStream& stream, quint64* remaining) override;
 };
 
 class QuickTimeUserDataAtom : public QuickTimeAtom
 {
 public:
     QuickTimeUserDataAtom() : QuickTimeAtom(fourCC("udta"), 0, 0) {}
+    bool read(QDataStream& stream, quint64* remaining) override;
 };
 
 class QuickTimeRecoveryDataAtom : public QuickTimeAtom

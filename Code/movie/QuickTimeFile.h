@@ -116,6 +116,30 @@ public:
     quint32 totalFrames() const;
     quicktime_frametype_t getCurrentTrackType() const { return currentTrack.type; }
 
+    // Reading: the parser learns the tracks of an existing movie through these. Each setter stores into
+    // the current track record and then commits the record when it has become complete.
+    bool readFile();
+    bool closeFileRead();
+    void initCurrentTrackInfo();
+    void checkCurrentTrackInfo();
+    void setCurrentTrackType(quicktime_frametype_t trackType);
+    void setCurrentTimeScale(quint32 scale);
+    void setCurrentSampleDuration(quint32 duration);
+    void setCurrentAudioBytesPerSample(quint32 bytes);
+    void setCurrentAudioIsBigEndian(bool bigEndian);
+    void setCurrentAudioChannels(quint32 channels);
+    void setSTSCPos(quint64 pos);
+    void setSTSCEntries(quint32 entries);
+    void setSTSZPos(quint64 pos);
+    void setSTSZEntries(quint32 entries);
+    void setSTSZSampleSize(quint32 sampleSize);
+    void setSTCOPos(quint64 pos);
+    void setSTCOEntries(quint32 entries);
+    void setCO64Pos(quint64 pos);
+    void setCO64Entries(quint32 entries);
+    // The frame map a maker atom restores into: allocated here when the file owns it and has none yet.
+    bool ensureFrameMap();
+
     // Media and frame map (recorder side).
     int addMovieVideoData(QByteArray& frame, QByteArray& extra);
     int addMovieSoundData(QByteArray& chunk);
@@ -183,6 +207,8 @@ public:
     QuickTimeTrackInfo videoTrack;
     bool writtenByRecorder = false;
     bool importMode = false;
+    quint64 movieDataStart = 0; // first media byte of an 'mdat' read with the 64-bit size
+    bool haldenMarker = false; // the maker atom's marker was not 0
 
 protected:
     // For a family that keeps its frame map in caller storage (not owned, never freed).

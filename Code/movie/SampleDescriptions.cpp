@@ -3,6 +3,8 @@
 #include "movie/MovieFamily.h"
 #include "movie/QuickTimeFile.h"
 
+#include <QIODevice>
+
 #include <cstring>
 
 namespace Tern {
@@ -47,6 +49,58 @@ const quint32 s_fieldOrderingBottomFirst = 9; // bottom field displayed first, t
 
 // 'stsd' payload before the entries: the 32-bit entry count.
 const quint32 s_entryCountSize = 4;
+
+// Read side: the fields behind the common part of each kind of entry.
+const quint32 s_soundFields = 20; // version 0
+const quint32 s_soundVersion1Fields = 16; // samples per packet, bytes per packet, frame and sample
+const quint32 s_timecodeFields = 18;
+const quint32 s_atomHeaderSize = 8;
+const quint32 s_endianAtomMinimum = 10; // header and the 16-bit flag
+const quint16 s_recordedHeight = 486;
+const quint16 s_storedHeight = 480; // 486-line video is handled as 480 lines
+
+bool readRaw(QDataStream& stream, quint8* bytes, int n)
+{
+    return stream.readRawData(reinterpret_cast<char*>(bytes), n) == n;
+}
+
+// Where an entry that starts at `start` ends: its declared size, held within the caller's budget.
+qint64 entryEnd(qint64 start, quint32 size, quint64 budget)
+{
+    return start + qint64(qMin<quint64>(size, budget));
+}
+
+// What reading from `start` used of the budget, once the device is at the entry's end or before it.
+void settleBudget(QIODevice* device, qint64 start, quint64 budget, quint64* remaining)
+{
+    const quint64 used = quint64(qMax<qint64>(0, device->pos() - start));
+    *remaining = used < budget ? budget - used : 0;
+}
+
+// Looks through the atoms in [position, end) for 'enda', also inside a 'wave' atom; true with the flag
+// when found. Every other atom, the 'wave' terminator and 'frma' among them, is passed over.
+bool findEndianFlag(QDataStream& stream, qint64 end, quint16* littleEndian, bool insideWave)
+{
+    QIODevice* device = stream.device();
+    while (device->pos() + qint64(s_atomHeaderSize) <= end) {
+        const qint64 start = device->pos();
+        quint32 atomSize = 0;
+        quint32 atomType = 0;
+        stream >> atomSize >> atomType;
+        if (stream.status() != QDataStream::Ok || atomSize < s_atomHeaderSize || start + atomSize > end)
+            return false;
+        if (atomType == fourCC("enda") && atomSize >= s_endianAtomMinimum) {
+            stream >> *littleEndian;
+            return stream.status() == QDataStream::Ok;
+        }
+        if (atomType == fourCC("wave") && !insideWave
+            && findEndianFlag(stream, start + atomSize, littleEndian, true))
+            return true;
+        if (!QuickTimeAtom::seekWithin(device, start + atomSize))
+            return false;
+    }
+    return false;
+}
 } // namespace
 
 // ---------------------------------------------------------------------------------------------------------
@@ -65,6 +119,16 @@ void QuickTimeSampleDescription::write(QDataStream& stream)
     stream << size << dataFormat;
     stream.writeRawData(reinterpret_cast<const char*>(reserved), sizeof reserved);
     stream << dataReferenceIndex;
+}
+
+bool QuickTimeSampleDescription::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeAtom::consume(remaining, s_commonSize))
+        return false;
+    stream >> size >> dataFormat;
+    readRaw(stream, reserved, sizeof reserved);
+    stream >> dataReferenceIndex;
+    return stream.status() == QDataStream::Ok;
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -94,6 +158,39 @@ void QuickTimeVideoSampleDescription::write(QDataStream& stream)
            << horizontalResolution << verticalResolution << dataSize << frameCount;
     stream.writeRawData(reinterpret_cast<const char*>(compressorName), s_compressorNameSize);
     stream << depth << colorTableId;
+}
+
+bool QuickTimeVideoSampleDescription::read(QDataStream& stream, quint64* remaining)
+{
+    QIODevice* device = stream.device();
+    const qint64 start = device->pos();
+    const quint64 budget = *remaining;
+    if (!QuickTimeSampleDescription::read(stream, remaining)
+        || !QuickTimeAtom::consume(remaining, s_videoSize - s_commonSize))
+        return false;
+    stream >> version >> revisionLevel >> vendor >> temporalQuality >> spatialQuality >> width >> height
+        >> horizontalResolution >> verticalResolution >> dataSize >> frameCount;
+    readRaw(stream, compressorName, s_compressorNameSize);
+    stream >> depth >> colorTableId;
+    if (stream.status() != QDataStream::Ok)
+        return false;
+    if (movieFile) {
+        movieFile->width = width;
+        movieFile->height = height == s_recordedHeight ? s_storedHeight : height;
+    }
+
+    // 'fiel' and 'ARES' among the extensions give the interlace flag; the closing zero word ends the walk.
+    const qint64 end = entryEnd(start, size, budget);
+    for (;;) {
+        const qint64 pos = device->pos();
+        if (pos + qint64(s_atomHeaderSize) > end)
+            break;
+        quint64 left = quint64(end - pos);
+        if (!QuickTimeAtom::readNextAtom(movieFile, nullptr, stream, &left) || device->pos() <= pos)
+            break;
+    }
+    settleBudget(device, start, budget, remaining);
+    return true;
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -272,6 +369,43 @@ void QuickTimeSoundSampleDescription::write(QDataStream& stream)
     stream << s_endianAtomSize << fourCC("enda") << littleEndian;
 }
 
+bool QuickTimeSoundSampleDescription::read(QDataStream& stream, quint64* remaining)
+{
+    QIODevice* device = stream.device();
+    const qint64 start = device->pos();
+    const quint64 budget = *remaining;
+    if (!QuickTimeSampleDescription::read(stream, remaining)
+        || !QuickTimeAtom::consume(remaining, s_soundFields))
+        return false;
+    stream >> version >> revisionLevel >> vendor >> channels >> sampleSize >> compressionId >> packetSize
+        >> sampleRate;
+    const bool version1 = version == 1;
+    if (version1) {
+        if (!QuickTimeAtom::consume(remaining, s_soundVersion1Fields))
+            return false;
+        stream >> samplesPerPacket >> bytesPerPacket >> bytesPerFrame >> bytesPerSample;
+    }
+    if (stream.status() != QDataStream::Ok)
+        return false;
+
+    // Without an 'enda' atom the samples are in QuickTime's own order, big-endian.
+    quint16 little = 0;
+    const bool endianKnown = findEndianFlag(stream, entryEnd(start, size, budget), &little, false);
+    littleEndian = endianKnown ? little : 0;
+    QuickTimeAtom::seekWithin(device, entryEnd(start, size, budget));
+    settleBudget(device, start, budget, remaining);
+
+    if (movieFile) {
+        // Version 1 states the bytes of one channel's sample; version 0 only its bits.
+        const quint32 bytes = version1 && bytesPerPacket != 0 ? bytesPerPacket : sampleSize / 8u;
+        movieFile->setCurrentAudioBytesPerSample(bytes);
+        movieFile->setCurrentAudioIsBigEndian(littleEndian == 0);
+        movieFile->setCurrentAudioChannels(channels);
+        movieFile->audioSampleRate = sampleRate >> 16; // 16.16
+    }
+    return true;
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // Timecode
 
@@ -293,6 +427,21 @@ void QuickTimeTimecodeSampleDescription::write(QDataStream& stream)
 {
     QuickTimeSampleDescription::write(stream);
     stream << reserved1 << flags << timeScale << frameDuration << numberOfFrames << reserved2;
+}
+
+bool QuickTimeTimecodeSampleDescription::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeSampleDescription::read(stream, remaining)
+        || !QuickTimeAtom::consume(remaining, s_timecodeFields))
+        return false;
+    stream >> reserved1 >> flags >> timeScale >> frameDuration >> numberOfFrames >> reserved2;
+    if (stream.status() != QDataStream::Ok)
+        return false;
+    if (movieFile) {
+        movieFile->dropFrame = (flags & s_dropFrameFlag) != 0;
+        movieFile->counter = (flags & s_counterFlag) != 0;
+    }
+    return true;
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -325,6 +474,76 @@ void QuickTimeSampleDescriptionAtom::write(QDataStream& stream)
     for (QuickTimeSampleDescription* description : descriptions)
         description->write(stream);
     writeChildren(stream);
+}
+
+namespace {
+// The reading class of a data format; null for formats the family does not know.
+QuickTimeSampleDescription* descriptionOfFormat(QuickTimeFile* movie, quint32 format)
+{
+    const bool extendedFormats = familyOf(movie).readsExtendedFormats;
+    switch (format) {
+    case fourCC("ap4x"):
+        if (!extendedFormats)
+            return nullptr;
+        Q_FALLTHROUGH();
+    case fourCC("apch"):
+    case fourCC("apcn"):
+    case fourCC("apcs"):
+    case fourCC("apco"):
+    case fourCC("ap4h"):
+        return new QuickTimeProResVideoSampleDescription(movie);
+    case fourCC("AVdn"):
+        return new QuickTimeAvidVideoSampleDescription(movie);
+    case fourCC("in31"):
+        if (!extendedFormats)
+            return nullptr;
+        Q_FALLTHROUGH();
+    case fourCC("twos"):
+    case fourCC("in24"):
+    case fourCC("in32"):
+        return new QuickTimeSoundSampleDescription(movie, 0, 0);
+    case fourCC("tmcd"):
+        return new QuickTimeTimecodeSampleDescription(movie);
+    default:
+        return nullptr;
+    }
+}
+} // namespace
+
+bool QuickTimeSampleDescriptionAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_entryCountSize))
+        return false;
+    quint32 count = 0;
+    stream >> count;
+    if (stream.status() != QDataStream::Ok)
+        return false;
+    qDeleteAll(descriptions);
+    descriptions.clear();
+    entryCount = count;
+
+    // Every entry takes at least its 16-byte common part from the budget, so the count cannot run away.
+    QIODevice* device = stream.device();
+    for (quint32 i = 0; i < count; ++i) {
+        const qint64 start = device->pos();
+        quint32 entrySize = 0;
+        quint32 format = 0;
+        stream >> entrySize >> format;
+        if (stream.status() != QDataStream::Ok || entrySize < QuickTimeSampleDescription::s_commonSize
+            || entrySize > *remaining)
+            return false;
+        device->seek(start);
+        if (QuickTimeSampleDescription* description = descriptionOfFormat(file, format)) {
+            quint64 entryLeft = entrySize;
+            description->read(stream, &entryLeft);
+            descriptions.append(description);
+        }
+        // Whatever the description read, the next entry starts where this one says it ends.
+        *remaining -= entrySize;
+        if (!seekWithin(device, start + entrySize) || device->pos() != start + entrySize)
+            return false;
+    }
+    return true;
 }
 
 } // namespace Tern

@@ -20,6 +20,8 @@ public:
     QuickTimeSampleDescription(quint32 payloadSize, quint32 dataFormat);
     virtual ~QuickTimeSampleDescription();
     virtual void write(QDataStream& stream);
+    // Reads the entry from its first byte; *remaining is the entry's budget and shrinks by what is read.
+    virtual bool read(QDataStream& stream, quint64* remaining);
 
     quint32 dataFormat;
     quint32 size; // whole entry, extensions included
@@ -39,6 +41,8 @@ public:
 
     QuickTimeVideoSampleDescription(QuickTimeFile* movie, quint32 extensionsSize, quint32 dataFormat);
     void write(QDataStream& stream) override;
+    // The frame size goes to the movie; the extensions behind the 86 bytes are read as atoms.
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     // Stores the name as a counted string of at most 31 characters.
     void setCompressorName(const char* name);
@@ -120,6 +124,7 @@ class QuickTimeSoundSampleDescription : public QuickTimeSampleDescription
 public:
     explicit QuickTimeSoundSampleDescription(QuickTimeFile* movie, quint32 vendor, quint32 sampleRate);
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     QuickTimeFile* movieFile;
     quint16 version = 1;
@@ -147,6 +152,7 @@ public:
 
     explicit QuickTimeTimecodeSampleDescription(QuickTimeFile* movie);
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     QuickTimeFile* movieFile;
     quint32 reserved1 = 0;
@@ -167,6 +173,8 @@ public:
     // Takes ownership; the atom and its ancestors grow by the description's size.
     void addDescription(QuickTimeSampleDescription* description);
     void write(QDataStream& stream) override;
+    // Each entry is read by the description class of its data format; unknown formats are passed over.
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     QuickTimeFile* movieFile;
     quint32 entryCount = 0;

@@ -3,6 +3,7 @@
 #include "movie/QuickTimeBufferDevice.h"
 #include "movie/QuickTimeFile.h"
 
+#include <QIODevice>
 #include <QtDebug>
 #include <QtEndian>
 
@@ -16,6 +17,7 @@ const quint32 s_stszFixedBytes = 8; // sample size and count
 const int s_sizeEntryBytes = 4;
 const int s_offsetEntryBytes = 4;
 const int s_offset64EntryBytes = 8;
+const quint32 s_sttsEntryBytes = 8;
 
 // Walks the frame map in file order. In the video-only mode of a movie read from elsewhere there is no
 // map: every frame is a video frame of length 0.
@@ -134,6 +136,26 @@ void QuickTimeTimeToSampleAtom::write(QDataStream& stream)
     stream << entryCount << sampleCount << sampleDuration;
 }
 
+bool QuickTimeTimeToSampleAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_countFieldBytes))
+        return false;
+    stream >> entryCount;
+    if (stream.status() != QDataStream::Ok)
+        return false;
+    // Only the first run is looked at: the recorder's tracks have one duration for every sample.
+    if (entryCount == 0)
+        return true;
+    if (!consume(remaining, s_sttsEntryBytes))
+        return false;
+    stream >> sampleCount >> sampleDuration;
+    if (stream.status() != QDataStream::Ok)
+        return false;
+    if (file)
+        file->setCurrentSampleDuration(sampleDuration);
+    return true;
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // 'stsc'
 
@@ -162,6 +184,21 @@ void QuickTimeSampleToChunkAtom::write(QDataStream& stream)
     stream << firstChunk << samplesPerChunk << descriptionId;
     if (lastChunkSamples != 0)
         stream << lastChunk << lastChunkSamples << descriptionId;
+}
+
+bool QuickTimeSampleToChunkAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_countFieldBytes))
+        return false;
+    stream >> entryCount;
+    const quint64 tableBytes = quint64(s_stscEntryBytes) * entryCount;
+    if (stream.status() != QDataStream::Ok || !consume(remaining, tableBytes))
+        return false;
+    if (file) {
+        file->setSTSCPos(quint64(stream.device()->pos()));
+        file->setSTSCEntries(entryCount);
+    }
+    return skipBytes(stream, tableBytes);
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -205,6 +242,30 @@ void QuickTimeSampleSizeAtom::write(QDataStream& stream)
     }
 }
 
+bool QuickTimeSampleSizeAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_stszFixedBytes))
+        return false;
+    stream >> sampleSize >> sampleCount;
+    const quint64 tableBytes = sampleSize == 0 ? quint64(s_sizeEntryBytes) * sampleCount : 0;
+    if (stream.status() != QDataStream::Ok || !consume(remaining, tableBytes))
+        return false;
+    if (file) {
+        // The size goes in first: a track that the count completes is committed with it.
+        file->setSTSZSampleSize(sampleSize);
+        file->setSTSZPos(quint64(stream.device()->pos()));
+        file->setSTSZEntries(sampleCount);
+        // The maker atom's counts are those of the frame map (sound in chunks, not samples): they win.
+        if (!file->writtenByRecorder) {
+            if (file->getCurrentTrackType() == quicktime_frametype_video)
+                file->videoFrameCount = sampleCount;
+            else if (file->getCurrentTrackType() == quicktime_frametype_sound)
+                file->soundChunks = sampleCount;
+        }
+    }
+    return skipBytes(stream, tableBytes);
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // 'stco'
 
@@ -244,6 +305,21 @@ void QuickTimeChunkOffsetAtom::write(QDataStream& stream)
         }
         offset += length;
     }
+}
+
+bool QuickTimeChunkOffsetAtom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_countFieldBytes))
+        return false;
+    stream >> entryCount;
+    const quint64 tableBytes = quint64(s_offsetEntryBytes) * entryCount;
+    if (stream.status() != QDataStream::Ok || !consume(remaining, tableBytes))
+        return false;
+    if (file) {
+        file->setSTCOPos(quint64(stream.device()->pos()));
+        file->setSTCOEntries(entryCount);
+    }
+    return skipBytes(stream, tableBytes);
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -305,6 +381,21 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
     }
     if (logs)
         qDebug("done streaming %d entries", int(written));
+}
+
+bool QuickTimeChunkOffset64Atom::read(QDataStream& stream, quint64* remaining)
+{
+    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_countFieldBytes))
+        return false;
+    stream >> entryCount;
+    const quint64 tableBytes = quint64(s_offset64EntryBytes) * entryCount;
+    if (stream.status() != QDataStream::Ok || !consume(remaining, tableBytes))
+        return false;
+    if (file) {
+        file->setCO64Pos(quint64(stream.device()->pos()));
+        file->setCO64Entries(entryCount);
+    }
+    return skipBytes(stream, tableBytes);
 }
 
 } // namespace Tern

@@ -6,7 +6,8 @@ namespace Tern {
 
 // The sample tables of a track. The tables with an entry per sample or per chunk are never held in
 // memory: 'stsz', 'stco' and 'co64' compute their entries from the file's frame map while they are
-// written, so these objects keep only counts and parameters.
+// written, so these objects keep only counts and parameters. Read, they note where their entries start
+// and how many there are, and pass over the entries.
 
 // 'stts': every sample of the track has the same duration (one run).
 class QuickTimeTimeToSampleAtom : public QuickTimeVersionFlagsAtom
@@ -14,6 +15,7 @@ class QuickTimeTimeToSampleAtom : public QuickTimeVersionFlagsAtom
 public:
     QuickTimeTimeToSampleAtom(QuickTimeFile* movieFile, quint32 samples, quint32 duration);
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     quint32 entryCount = 1;
     quint32 sampleCount;
@@ -29,6 +31,7 @@ public:
                                quint32 lastSamples, quint32 firstSamples);
     // Written once: a short first chunk moves firstChunk on to 2 for the run behind it.
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     quint32 entryCount;
     quint32 firstChunk = 1;
@@ -46,6 +49,7 @@ public:
     QuickTimeSampleSizeAtom(QuickTimeFile* movieFile, quint32 tableFrameType, quint32 samples,
                             quint32 constantSize);
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     quint32 frameType;
     quint32 sampleCount;
@@ -58,6 +62,7 @@ class QuickTimeChunkOffsetAtom : public QuickTimeVersionFlagsAtom
 public:
     QuickTimeChunkOffsetAtom(QuickTimeFile* movieFile, quint32 tableFrameType, quint32 entries, quint32 bias);
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     quint32 frameType;
     quint32 entryCount;
@@ -73,6 +78,7 @@ public:
     QuickTimeChunkOffset64Atom(QuickTimeFile* movieFile, quint32 tableFrameType, quint32 samples,
                                quint64 bias, quint32 chunkSamples, quint64 lastBias, quint64 firstBias);
     void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
 
     quint32 frameType;
     quint32 sampleCount;
