@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs what the build and the tests need, builds, and runs every test. Exits non-zero on any failure.
+# Installs what the build and the tests need, builds, and runs every test twice: once as built for
+# users, once under AddressSanitizer and UndefinedBehaviorSanitizer. Exits non-zero on any failure or
+# sanitizer report.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -10,8 +12,19 @@ else
     install_missing_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
 fi
 
-build=build/tests
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j2
-cd "$build"
-ctest --output-on-failure -j2 --timeout 1200
+run_suite() {
+    local build="$1"
+    shift
+    cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+    cmake --build "$build" -j2
+    (cd "$build" && ctest --output-on-failure -j2 --timeout 1200)
+}
+
+echo "== Tests"
+run_suite build/tests
+
+echo "== Tests under AddressSanitizer and UndefinedBehaviorSanitizer"
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:detect_stack_use_after_return=1"
+export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
+export LSAN_OPTIONS="suppressions=$PWD/scripts/lsan.supp:print_suppressions=0"
+run_suite build/sanitize -DCLIPWARD_SANITIZE=ON

@@ -86,6 +86,7 @@ private slots:
     void otherNamesAreLeftAlone();
     void upperCaseGivenUpNameCountsAsFinalized();
     void workBufferIsTheFrameMapStorage();
+    void vanishedFilesAreNotCreated();
 };
 
 void TestHeronFinalize::cutOffWavBecomesWavAndPlays()
@@ -255,6 +256,16 @@ void TestHeronFinalize::workBufferIsTheFrameMapStorage()
     QCOMPARE(driver.workBuffer[0], quint16(0x4007));
     QCOMPARE(driver.workBuffer[3], quint16(0x0024));
     QCOMPARE(driver.workBuffer[10], quint16(0x8001));
+}
+
+void TestHeronFinalize::vanishedFilesAreNotCreated()
+{
+    QTemporaryDir tmp;
+    Finalize driver;
+    QCOMPARE(driver.heronDoFinalize(tmp.filePath("B001.zqv")), 31u);
+    QCOMPARE(driver.heronDoFinalize(tmp.filePath("B001.zqa")), 31u);
+    QCOMPARE(driver.getFileType(tmp.filePath("A001.zqv")), 2);
+    QCOMPARE(QDir(tmp.path()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries), QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestHeronFinalize)

@@ -97,6 +97,7 @@ private slots:
     void upperCaseNameIsRepairedButNotRenamed();
     void folderNamedLikeARecordingFailsTheRename();
     void nonMovieNameIsLeftAlone();
+    void vanishedFileIsNotCreated();
 };
 
 void TestTernFinalize::healthyRecordingBecomesMov()
@@ -260,6 +261,24 @@ void TestTernFinalize::nonMovieNameIsLeftAlone()
     QCOMPARE(driver.outputFileName, QString("previous"));
     QCOMPARE(driver.isTern, 1);
     QCOMPARE(readFile(path), QByteArray("RIFF"));
+}
+
+void TestTernFinalize::vanishedFileIsNotCreated()
+{
+    // Listed by the walk, gone by the time it is finished: reported, and nothing appears in its place.
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    QStringList lines;
+    g_log = &lines;
+    const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
+    Finalize driver;
+    const unsigned int result = driver.ternDoFinalize(zqv);
+    qInstallMessageHandler(previous);
+    g_log = nullptr;
+    QCOMPARE(result, 31u);
+    QCOMPARE(lines, QStringList({"doing tern finalize", stars(zqv, "recovery failed, can't open the file!")}));
+    QCOMPARE(driver.outputFileName, QString("Invalid output file."));
+    QCOMPARE(QDir(tmp.path()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries), QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestTernFinalize)

@@ -122,7 +122,7 @@ int Finalize::getFileType(QString path)
         return kFamilyHeron;
 
     QFile file(path);
-    if (!file.open(QIODevice::ReadWrite))
+    if (!file.open(QIODevice::ReadWrite | QIODevice::ExistingOnly)) // a vanished file is not recreated
         return kFamilyUnreadable;
     uchar firstWord[4];
     if (file.read(reinterpret_cast<char*>(firstWord), 4) < 4)

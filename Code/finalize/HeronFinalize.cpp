@@ -14,6 +14,9 @@ namespace {
 
 const unsigned int kFinalized = 0;
 const unsigned int kUnrecoverable = 31;
+// Read-write and unbuffered (a failing write fails where it happens, not in a hidden buffer flushed
+// later); a file that vanished since the walk listed it is not created anew.
+const QIODevice::OpenMode kOpenExisting = QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::ExistingOnly;
 
 // The Heron record has no chunk counts: its recorder always writes these.
 const int kHeronAudioSamplesPerChunk = 3072;
@@ -60,7 +63,7 @@ unsigned int Finalize::heronDoFinalize(QString path)
     const QString lower = path.toLower();
 
     if (lower.endsWith(".zqv")) {
-        if (!file.open(QIODevice::ReadWrite))
+        if (!file.open(kOpenExisting))
             return kUnrecoverable;
         unsigned int result = kUnrecoverable;
         auto* movie = new QuickTimeFile(file, workBuffer);
@@ -82,7 +85,7 @@ unsigned int Finalize::heronDoFinalize(QString path)
     }
 
     if (lower.endsWith(".zqa")) {
-        if (!file.open(QIODevice::ReadWrite))
+        if (!file.open(kOpenExisting))
             return kUnrecoverable;
         AudioFile audio(file);
         unsigned int result = audio.ReadAudioFileInfo();

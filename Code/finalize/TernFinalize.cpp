@@ -16,8 +16,11 @@ const unsigned int kUnrecoverable = 31;
 
 bool settingsUsable(const Tern::RecoverySettings& s)
 {
-    // Tested in this order; the first zero stops the checks.
-    return s.videoFramesPerChunk != 0 && s.frameRate != 0 && s.width != 0 && s.height != 0;
+    // Tested in this order; the first zero stops the checks. Then what no index can be built from:
+    // more sound tracks than a movie holds, sound without a sample size, an end inside the reserved region.
+    return s.videoFramesPerChunk != 0 && s.frameRate != 0 && s.width != 0 && s.height != 0
+        && Tern::QuickTimeFile::settingsAllowIndex(s.videoFramesPerChunk, s.audioTracks, s.audioBytesPerSample,
+                                                   s.recordedEndPosition);
 }
 
 QString reelNameOf(const Tern::RecoverySettings& s)
@@ -66,7 +69,9 @@ unsigned int Finalize::ternDoFinalize(QString path)
     bool rebuildFailed = false;
     Tern::QuickTimeFile* movie = nullptr;
 
-    if (!file.open(QIODevice::ReadWrite)) {
+    // Unbuffered: the index writer buffers itself, and a write that fails must fail where it happens,
+    // not in a hidden buffer flushed later. A file that vanished since the walk is not created anew.
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::ExistingOnly)) {
         qDebug("********************* %s recovery failed, can't open the file!\n", name.constData());
     } else {
         movie = new Tern::QuickTimeFile(file);

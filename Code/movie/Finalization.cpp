@@ -9,6 +9,7 @@
 #include "movie/StableStorage.h"
 
 #include <QDebug>
+#include <QFileDevice>
 #include <QIODevice>
 
 namespace Tern {
@@ -57,8 +58,16 @@ bool QuickTimeFile::closeFile()
 {
     if (!movieData)
         return false;
-    if (family().closeAppendsTimecodeSample)
+    // What a failed attempt appended is cut off again, so a retry finds the file as this one did.
+    m_sizeBeforeClose = device.size();
+    if (family().closeAppendsTimecodeSample) {
+        const quint64 before = movieData->dataSize;
         addMovieTimecodeData(timecode);
+        if (movieData->dataSize == before) {
+            restoreSizeBeforeClose();
+            return false; // the sample the index will name is not in the file
+        }
+    }
 
     const quint32 V = videoFrameCount;
     const quint32 A = soundChunks;
@@ -159,19 +168,55 @@ bool QuickTimeFile::closeFile()
     }
 
     const qint64 moovStart = moov->position;
-    // The index must be on the disk before the header points at it: until the header is patched the
-    // file still reads as unfinished and a later attempt rewrites the index in the same place.
-    const bool written = writeAtomList() && StableStorage::sync(device);
-    if (written) {
-        const qint64 end = device.pos();
-        device.seek(s_datPos);
-        writeMovieDataHeader();
-        device.seek(end);
-        device.write(QByteArray(kClosingZeroBytes, '\0'));
-        StableStorage::sync(device);
-        qDebug("Recorded FILE Last Position Start:%lld End:%lld Size:%lld", moovStart, end, end - moovStart);
+    if (!writeAtomList()) {
+        restoreSizeBeforeClose();
+        return false;
     }
-    return written;
+    if (!finishMovieData())
+        return false;
+    qDebug("Recorded FILE Last Position Start:%lld End:%lld Size:%lld", moovStart, m_indexEnd,
+           m_indexEnd - moovStart);
+    return true;
+}
+
+// Closes the file behind a written index: the 512 zero bytes, then the final 'mdat' header. Each step
+// reaches the disk before the next, so until the header is patched the file still reads as unfinished and
+// a later attempt writes the same index in the same place; the header is the last byte to change.
+bool QuickTimeFile::finishMovieData()
+{
+    m_indexEnd = device.pos();
+    const bool indexWritten = device.write(QByteArray(kClosingZeroBytes, '\0')) == kClosingZeroBytes
+                           && StableStorage::sync(device);
+    if (!indexWritten) {
+        restoreSizeBeforeClose();
+        return false;
+    }
+    const qint64 closedEnd = device.pos();
+    if (!device.seek(s_datPos)) {
+        restoreSizeBeforeClose();
+        return false;
+    }
+    // One write for the whole header, so it changes at once or not at all.
+    QByteArray header;
+    QDataStream headerStream(&header, QIODevice::WriteOnly);
+    movieData->write(headerStream);
+    if (device.write(header) != header.size()) {
+        // The header still reads as unfinished: take the index away again so a retry starts afresh.
+        restoreSizeBeforeClose();
+        return false;
+    }
+    // A failed sync leaves the header's fate to the disk; the index it may point at stays in place.
+    const bool patched = StableStorage::sync(device);
+    device.seek(closedEnd);
+    return patched;
+}
+
+void QuickTimeFile::restoreSizeBeforeClose()
+{
+    if (auto* file = qobject_cast<QFileDevice*>(&device)) {
+        if (file->size() > m_sizeBeforeClose)
+            file->resize(m_sizeBeforeClose);
+    }
 }
 
 } // namespace Tern

@@ -24,7 +24,8 @@ void QuickTimeBufferDevice::flushBuffer()
 {
     if (m_fill <= 0)
         return;
-    if (m_target->write(m_buffer.constData(), m_fill) < 0) {
+    // A short write is a failed one too: what did not fit (a full disk) is lost.
+    if (m_target->write(m_buffer.constData(), m_fill) != m_fill) {
         logDeviceError("*** QuickTime***BufferDevice encountered HDD error, dumping subsequent writes (%d)");
         m_fill = -1;
         return;
@@ -65,6 +66,13 @@ qint64 QuickTimeBufferDevice::writeData(const char* data, qint64 len)
         return -1;
     if (quint32(len) == 0)
         return len;
+    // The common case, a field of a few bytes with room to spare behind it: one copy and no flush. The
+    // index writes millions of these (the maker atom's frame list goes out entry by entry).
+    if (len < qint64(m_bufferSize - m_fill)) {
+        std::memcpy(m_buffer.data() + m_fill, data, size_t(len));
+        m_fill += int(len);
+        return len;
+    }
 
     char* buffer = m_buffer.data();
     qint64 remaining = len;
@@ -76,7 +84,7 @@ qint64 QuickTimeBufferDevice::writeData(const char* data, qint64 len)
         m_fill += piece;
         if (m_fill == m_bufferSize) {
             m_fill = 0;
-            if (m_target->write(m_buffer.constData(), m_bufferSize) < 0) {
+            if (m_target->write(m_buffer.constData(), m_bufferSize) != m_bufferSize) {
                 logDeviceError(
                     "!!! QuickTimeBufferDevice encountered HDD error, dumping subsequent writes (%d)");
                 m_fill = -1;

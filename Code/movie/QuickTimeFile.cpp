@@ -159,11 +159,6 @@ void QuickTimeFile::writeReservedRegion(QIODevice* target)
     }
 }
 
-void QuickTimeFile::writeMovieDataHeader()
-{
-    movieData->write(stream);
-}
-
 void QuickTimeFile::removeAllAtoms()
 {
     root.removeAllChildren();

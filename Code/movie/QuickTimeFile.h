@@ -163,6 +163,12 @@ public:
     void saveRecoverySettings();
     void periodicFrameMapSave();
     bool recover();
+    // False for settings an index cannot be built from without harm: chunking of 0 frames, more sound
+    // tracks than a movie can hold, sound without a sample size, or an end inside the reserved region.
+    bool settingsAllowIndex() const;
+    static bool settingsAllowIndex(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample,
+                                   quint64 endPosition);
+    static constexpr quint32 s_maxSoundTracks = s_maxTracks - 2; // beside the timecode and video tracks
 
     // Members, in the order of the recording's state.
     QIODevice& device;
@@ -215,10 +221,14 @@ protected:
     QuickTimeFile(QIODevice& device, const MovieFamily& family, quint16* callerFrameMap);
 
 private:
+    // Closing: the zero block and the final 'mdat' header behind a written index; undoing a failed close.
+    bool finishMovieData();
+    void restoreSizeBeforeClose();
+    qint64 m_sizeBeforeClose = 0;
+    qint64 m_indexEnd = 0;
+
     // The family's reserved region, from offset 0 and zero-filled up to the 'mdat' header.
     void writeReservedRegion(QIODevice* target);
-    // The 'mdat' header, through the file's stream at the device's current position.
-    void writeMovieDataHeader();
     // Stores the entry of the chunk being added at the next index of the frame map.
     void storeFrameMapEntry(quint16 entry);
 

@@ -5,6 +5,7 @@
 #include "movie/QuickTimeFile.h"
 
 #include <QIODevice>
+#include <QSysInfo>
 #include <QtEndian>
 
 namespace Tern {
@@ -73,6 +74,24 @@ void QuickTimeFile::periodicFrameMapSave()
     savedFrameMapEntries = entries;
 }
 
+bool QuickTimeFile::settingsAllowIndex(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample,
+                                       quint64 endPosition)
+{
+    if (framesPerChunk == 0)
+        return false;
+    // The track count is taken as signed, as the index builder does: "no sound track" below 1.
+    if (qint32(soundTracks) > qint32(s_maxSoundTracks))
+        return false;
+    if (qint32(soundTracks) > 0 && bytesPerSample == 0)
+        return false;
+    return endPosition == 0 || endPosition >= quint64(s_movieDataStartOffset);
+}
+
+bool QuickTimeFile::settingsAllowIndex() const
+{
+    return settingsAllowIndex(videoFramesPerChunk, audioTracks, audioBytesPerSample, recordedEndPosition);
+}
+
 bool QuickTimeFile::recover()
 {
     if (!frameMap || !movieData)
@@ -82,8 +101,11 @@ bool QuickTimeFile::recover()
     char* mapBytes = reinterpret_cast<char*>(frameMap);
     if (device.read(mapBytes, s_frameMapBytes) != s_frameMapBytes)
         return false;
-    for (quint32 i = 0; i < s_frameMapEntries; ++i)
-        frameMap[i] = qFromLittleEndian<quint16>(reinterpret_cast<const uchar*>(mapBytes) + 2 * i);
+    // The map is stored little-endian: on such a host the bytes read are the entries already.
+    if (QSysInfo::ByteOrder != QSysInfo::LittleEndian) {
+        for (quint32 i = 0; i < s_frameMapEntries; ++i)
+            frameMap[i] = qFromLittleEndian<quint16>(reinterpret_cast<const uchar*>(mapBytes) + 2 * i);
+    }
 
     for (quint32 i = 0; i < s_frameMapEntries && frameMap[i] != 0; ++i) {
         switch (frameMap[i] >> 14) {
@@ -104,6 +126,8 @@ bool QuickTimeFile::recover()
         return false;
 
     InitQuickTimeFileInfo();
+    if (!settingsAllowIndex())
+        return false;
 
     // Media past the recorded end (a chunk begun but not committed) stays outside 'mdat'.
     const qint64 end = recordedEndPosition != 0 ? qint64(recordedEndPosition) : device.size();

@@ -1,0 +1,316 @@
+// Failures while finishing a recording: a write that fails at every possible point, a process killed at
+// random moments, a full disk, and the order in which the finished index reaches the disk. Whatever
+// happens, the media and the recovery data are never changed, the 'mdat' header is either untouched or
+// final, and finishing the file again gives exactly the bytes of an undisturbed finish.
+
+#include "finalize/Finalize.h"
+#include "movie/HeronQuickTimeFile.h"
+#include "simulate/RecordingSimulator.h"
+#include "support/TestSupport.h"
+
+#include <QCryptographicHash>
+#include <QProcess>
+#include <QScopeGuard>
+#include <QRandomGenerator>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <memory>
+
+using namespace TestSupport;
+
+namespace {
+
+const qint64 kDatPos = 5472240;
+const qint64 kMediaStart = 5472256;
+const QByteArray kUnclosedHeader = hex("00000001 6d646174 0000000000000010");
+
+// A file whose n-th write fails (counting from 1), as a disk that dies or fills mid-write.
+class FailingFile : public QFile
+{
+public:
+    FailingFile(const QString& path, int failAt)
+        : QFile(path)
+        , m_failAt(failAt)
+    {
+    }
+    int writes() const { return m_writes; }
+
+protected:
+    qint64 writeData(const char* data, qint64 len) override
+    {
+        if (++m_writes == m_failAt)
+            return -1;
+        return QFile::writeData(data, len);
+    }
+
+private:
+    int m_failAt;
+    int m_writes = 0;
+};
+
+RecordingPlan plan(RecordingPlan::Family family, bool storeEnd, int frames = 45)
+{
+    RecordingPlan p;
+    p.family = family;
+    p.audioSamplesPerChunk = family == RecordingPlan::Heron ? 3072 : 1920;
+    p.width = 1280;
+    p.height = 720;
+    p.storeRecordedEndPosition = storeEnd;
+    for (int i = 0; i < frames; ++i)
+        p.videoFrames << syntheticFrame(i, 1500 + 13 * i);
+    p.audioTracks << syntheticPcm(0, frames * 1920, 3) << syntheticPcm(1, frames * 1920, 3);
+    return p;
+}
+
+// The finalizer's library calls on an already open file; true when the index was written.
+bool finish(QFile& file, RecordingPlan::Family family, QVector<quint16>& heronMap)
+{
+    std::unique_ptr<Tern::QuickTimeFile> movie;
+    if (family == RecordingPlan::Heron)
+        movie.reset(new QuickTimeFile(file, heronMap.data()));
+    else
+        movie.reset(new Tern::QuickTimeFile(file));
+    if (!movie->verifyHeader())
+        return false;
+    movie->initFile(nullptr);
+    Tern::RecoverySettings* s = movie->loadSavedSettings();
+    if (!s)
+        return false;
+    movie->setTimecode(s->timecode, s->dropFrame, false, true);
+    movie->width = s->width;
+    movie->height = s->height;
+    movie->videoCodecType = s->videoCodecType;
+    movie->proResVariant = s->proResVariant;
+    movie->setFrameRate(s->frameRate);
+    movie->audioTracks = s->audioTracks;
+    movie->setAudioSamplesPerFrame(family == RecordingPlan::Heron ? 3072 : int(s->audioSamplesPerChunk));
+    movie->setAudioBytesPerSample(s->audioBytesPerSample);
+    movie->setAudioSampleRate(s->audioSampleRate);
+    movie->videoFramesPerChunk = family == RecordingPlan::Heron ? 3 : s->videoFramesPerChunk;
+    movie->reelName = s->reelNameText();
+    movie->lastChunkSamples = s->lastChunkSamples;
+    movie->firstChunkSamples = s->firstChunkSamples;
+    movie->recordedEndPosition = s->recordedEndPosition;
+    movie->InitQuickTimeFileInfo();
+    return movie->recover();
+}
+
+// Finishes the file at `path`, failing its n-th write (0: none). Returns the number of writes made.
+int finishFile(const QString& path, RecordingPlan::Family family, int failAt, bool* finished)
+{
+    QVector<quint16> heronMap(2736000);
+    FailingFile file(path, failAt);
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered))
+        return -1;
+    *finished = finish(file, family, heronMap);
+    file.close();
+    return file.writes();
+}
+
+// The device-error messages are expected here by the hundred; keep the test log readable.
+void dropMessage(QtMsgType, const QMessageLogContext&, const QString&) {}
+
+QByteArray hashOf(const QByteArray& bytes, qint64 from, qint64 to)
+{
+    return QCryptographicHash::hash(bytes.mid(int(from), int(to - from)), QCryptographicHash::Sha1);
+}
+
+// The recording's own bytes are intact: the reserved region and everything up to the media end.
+void verifyUntouched(const QByteArray& before, const QByteArray& after, qint64 mediaEnd)
+{
+    QCOMPARE(hashOf(after, 0, kDatPos), hashOf(before, 0, kDatPos));
+    QCOMPARE(hashOf(after, kMediaStart, mediaEnd), hashOf(before, kMediaStart, mediaEnd));
+}
+
+} // namespace
+
+class TestFaults : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void everyFailingWriteLeavesARetryableFile_data();
+    void everyFailingWriteLeavesARetryableFile();
+    void killedAtRandomMomentsIsCompletedToTheSameBytes();
+    void fullDiskGivesUpAndCanBeRetried();
+    void indexReachesTheDiskBeforeTheHeaderAndTheName();
+};
+
+void TestFaults::everyFailingWriteLeavesARetryableFile_data()
+{
+    QTest::addColumn<int>("family");
+    QTest::addColumn<bool>("storeEnd");
+    QTest::newRow("Tern, recorded end") << int(RecordingPlan::Tern) << true;
+    QTest::newRow("Tern, end from the file size") << int(RecordingPlan::Tern) << false;
+    QTest::newRow("Heron, recorded end") << int(RecordingPlan::Heron) << true;
+    QTest::newRow("Heron, end from the file size") << int(RecordingPlan::Heron) << false;
+}
+
+void TestFaults::everyFailingWriteLeavesARetryableFile()
+{
+    QFETCH(int, family);
+    QFETCH(bool, storeEnd);
+    const auto kind = RecordingPlan::Family(family);
+    QTemporaryDir tmp;
+    const QString original = tmp.filePath("original.zqv");
+    const RecordingResult recording = writeInterruptedRecording(original, plan(kind, storeEnd));
+    QVERIFY(recording.ok);
+    const QByteArray before = readFile(original);
+
+    const QString reference = tmp.filePath("reference.zqv");
+    QVERIFY(writeFile(reference, before));
+    bool finished = false;
+    const int writes = finishFile(reference, kind, 0, &finished);
+    QVERIFY(finished);
+    QVERIFY(writes >= 4);
+    const QByteArray undisturbed = readFile(reference);
+    const QByteArray finalHeader = undisturbed.mid(int(kDatPos), 16);
+
+    const QtMessageHandler previous = qInstallMessageHandler(dropMessage);
+    const auto restoreHandler = qScopeGuard([previous] { qInstallMessageHandler(previous); });
+    for (int failAt = 1; failAt <= writes; ++failAt) {
+        const QString path = tmp.filePath(QString("fail%1.zqv").arg(failAt));
+        QVERIFY(writeFile(path, before));
+        finishFile(path, kind, failAt, &finished);
+        const QByteArray after = readFile(path);
+        verifyUntouched(before, after, recording.recordedEndPosition);
+        const QByteArray header = after.mid(int(kDatPos), 16);
+        QVERIFY2(header == kUnclosedHeader || header == finalHeader, qPrintable(QString::number(failAt)));
+        if (header == kUnclosedHeader) {
+            QVERIFY2(!finished, qPrintable(QString("write %1 failed unnoticed").arg(failAt)));
+            finishFile(path, kind, 0, &finished);
+            QVERIFY(finished);
+        }
+        QVERIFY2(readFile(path) == undisturbed, qPrintable(QString("after failing write %1").arg(failAt)));
+    }
+}
+
+void TestFaults::killedAtRandomMomentsIsCompletedToTheSameBytes()
+{
+    QTemporaryDir tmp;
+    const QString card = tmp.filePath("card");
+    QDir().mkpath(card);
+    const QString zqv = card + "/A001.zqv";
+    const QString mov = card + "/A001.mov";
+    const QString nrv = card + "/A001.nrv";
+    // Many small chunks make a long index, so the kills land while it is being written.
+    RecordingPlan p = plan(RecordingPlan::Tern, true, 0);
+    p.audioSamplesPerChunk = 80;
+    p.audioTracks = {syntheticPcm(0, 80 * 40000, 2)};
+    p.audioBytesPerSample = 2;
+    const RecordingResult recording = writeInterruptedRecording(zqv, p);
+    QVERIFY(recording.ok);
+    const QByteArray before = readFile(zqv);
+
+    QElapsedTimer clock;
+    clock.start();
+    QStringList out;
+    QCOMPARE(runCli({card}, &out), 0);
+    const qint64 undisturbedMs = qMax<qint64>(clock.elapsed(), 20);
+    const QByteArray undisturbed = readFile(mov);
+
+    QRandomGenerator random(20261122);
+    int interrupted = 0;
+    for (int round = 0; round < 50; ++round) {
+        QFile::remove(mov);
+        QVERIFY(writeFile(zqv, before));
+        QProcess cli;
+        cli.start(CLIPWARD_CLI_PATH, {card});
+        QVERIFY(cli.waitForStarted());
+        QThread::usleep(random.bounded(quint32(undisturbedMs * 1000)));
+        cli.kill();
+        cli.waitForFinished();
+
+        // Whatever name it has now, the recording's own bytes are intact.
+        const QString left = QFile::exists(mov) ? mov : QFile::exists(nrv) ? nrv : zqv;
+        const QByteArray after = readFile(left);
+        verifyUntouched(before, after, recording.recordedEndPosition);
+        const QByteArray header = after.mid(int(kDatPos), 16);
+        QVERIFY(header == kUnclosedHeader || header == undisturbed.mid(int(kDatPos), 16));
+        if (left != mov) {
+            ++interrupted;
+            if (left != zqv)
+                QVERIFY(QFile::rename(left, zqv));
+            runCli({card}, &out);
+        }
+        QVERIFY2(readFile(mov) == undisturbed, qPrintable(QString("round %1").arg(round)));
+    }
+    qInfo("%d of 50 runs were interrupted before the file was renamed", interrupted);
+}
+
+void TestFaults::fullDiskGivesUpAndCanBeRetried()
+{
+    // The size limit of a process stands in for a full disk: writes past it fail (EFBIG).
+    if (QStandardPaths::findExecutable("bash").isEmpty())
+        QSKIP("bash is needed to limit the file size");
+    QTemporaryDir tmp;
+    const QString card = tmp.filePath("card");
+    QDir().mkpath(card);
+    const QString zqv = card + "/A001.zqv";
+    const RecordingResult recording = writeInterruptedRecording(zqv, plan(RecordingPlan::Tern, false));
+    QVERIFY(recording.ok);
+    const QByteArray before = readFile(zqv);
+
+    const qint64 limitKb = before.size() / 1024 + 1; // room for a little of the index only
+    QProcess cli;
+    cli.start("bash", {"-c", QString("trap '' XFSZ; ulimit -f %1; exec \"%2\" \"%3\"")
+                                 .arg(limitKb)
+                                 .arg(CLIPWARD_CLI_PATH, card)});
+    QVERIFY(cli.waitForFinished(-1));
+    QCOMPARE(cli.exitCode(), 1);
+    const QString nrv = card + "/A001.nrv";
+    QVERIFY(QFile::exists(nrv));
+    // Given up with the file exactly as it was: the part of the index that fit is cut off again.
+    QCOMPARE(readFile(nrv), before);
+
+    QVERIFY(QFile::rename(nrv, zqv));
+    QStringList out;
+    QCOMPARE(runCli({card}, &out), 0);
+    const QString undisturbedCard = tmp.filePath("undisturbed");
+    QVERIFY(writeFile(undisturbedCard + "/A001.zqv", before));
+    QCOMPARE(runCli({undisturbedCard}, &out), 0);
+    QCOMPARE(readFile(card + "/A001.mov"), readFile(undisturbedCard + "/A001.mov"));
+}
+
+void TestFaults::indexReachesTheDiskBeforeTheHeaderAndTheName()
+{
+    if (QStandardPaths::findExecutable("strace").isEmpty())
+        QSKIP("strace is needed to watch the system calls (the test command installs it)");
+    QTemporaryDir tmp;
+    const QString card = tmp.filePath("card");
+    QDir().mkpath(card);
+    QVERIFY(writeInterruptedRecording(card + "/A001.zqv", plan(RecordingPlan::Tern, true)).ok);
+    const QString trace = tmp.filePath("trace");
+    QProcess strace;
+    strace.start("strace", {"-f", "-qq", "-e", "trace=fsync,fdatasync,write,rename,renameat,renameat2", "-o",
+                            trace, CLIPWARD_CLI_PATH, card});
+    QVERIFY(strace.waitForFinished(-1));
+    QCOMPARE(strace.exitCode(), 0);
+
+    // Positions in the trace of: the last index write, the header write, the renaming, and the syncs.
+    const QStringList calls = QString::fromUtf8(readFile(trace)).split('\n');
+    int header = -1, rename = -1;
+    QList<int> syncs;
+    for (int i = 0; i < calls.size(); ++i) {
+        const QString& call = calls[i];
+        if (call.contains("fsync(") || call.contains("fdatasync("))
+            syncs << i;
+        else if (call.contains("write(") && call.contains("\"\\0\\0\\0\\1mdat"))
+            header = i;
+        else if (call.contains("rename"))
+            rename = i;
+    }
+    QVERIFY(header > 0);
+    QVERIFY(rename > header);
+    const auto syncBetween = [&](int from, int to) {
+        return std::any_of(syncs.begin(), syncs.end(), [&](int s) { return s > from && s < to; });
+    };
+    QVERIFY2(syncBetween(0, header), "the index is synced before the header is patched");
+    QVERIFY2(syncBetween(header, rename), "the header is synced before the file is renamed");
+    QVERIFY2(syncBetween(rename, calls.size()), "the folder is synced after the rename");
+}
+
+QTEST_GUILESS_MAIN(TestFaults)
+#include "tst_faults.moc"
