@@ -87,6 +87,7 @@ private slots:
     void upperCaseGivenUpNameCountsAsFinalized();
     void workBufferIsTheFrameMapStorage();
     void vanishedFilesAreNotCreated();
+    void hostileTrackCountGivesTheMovieUp();
 };
 
 void TestHeronFinalize::cutOffWavBecomesWavAndPlays()
@@ -266,6 +267,20 @@ void TestHeronFinalize::vanishedFilesAreNotCreated()
     QCOMPARE(driver.heronDoFinalize(tmp.filePath("B001.zqa")), 31u);
     QCOMPARE(driver.getFileType(tmp.filePath("A001.zqv")), 2);
     QCOMPARE(QDir(tmp.path()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries), QStringList());
+}
+
+void TestHeronFinalize::hostileTrackCountGivesTheMovieUp()
+{
+    // Heron does not check its settings, but no index is built for two billion sound tracks.
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("B001.zqv");
+    QVERIFY(writeInterruptedRecording(zqv, heronPlan(9)).ok);
+    QByteArray bytes = readFile(zqv);
+    qToLittleEndian<quint32>(0x7FFFFFF0u, reinterpret_cast<uchar*>(bytes.data()) + 20 + 24);
+    QVERIFY(writeFile(zqv, bytes));
+    Finalize driver;
+    QCOMPARE(driver.heronDoFinalize(zqv), 31u);
+    QCOMPARE(readFile(tmp.filePath("B001.nrv")), bytes);
 }
 
 QTEST_GUILESS_MAIN(TestHeronFinalize)

@@ -98,6 +98,8 @@ private slots:
     void folderNamedLikeARecordingFailsTheRename();
     void nonMovieNameIsLeftAlone();
     void vanishedFileIsNotCreated();
+    void settingsNoIndexCanBeBuiltFromAreInvalid_data();
+    void settingsNoIndexCanBeBuiltFromAreInvalid();
 };
 
 void TestTernFinalize::healthyRecordingBecomesMov()
@@ -279,6 +281,36 @@ void TestTernFinalize::vanishedFileIsNotCreated()
     QCOMPARE(lines, QStringList({"doing tern finalize", stars(zqv, "recovery failed, can't open the file!")}));
     QCOMPARE(driver.outputFileName, QString("Invalid output file."));
     QCOMPARE(QDir(tmp.path()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries), QStringList());
+}
+
+void TestTernFinalize::settingsNoIndexCanBeBuiltFromAreInvalid_data()
+{
+    QTest::addColumn<int>("offset");
+    QTest::addColumn<quint32>("value");
+    QTest::newRow("two billion sound tracks") << kRecord + 24 << 0x7FFFFFF0u;
+    QTest::newRow("63 sound tracks") << kRecord + 24 << 63u;
+    QTest::newRow("sound without a sample size") << kRecord + 28 << 0u;
+    QTest::newRow("end inside the reserved region") << kRecord + 72 << 100u;
+}
+
+void TestTernFinalize::settingsNoIndexCanBeBuiltFromAreInvalid()
+{
+    // Settings that would need millions of tracks, an unbounded table, or an index written over the
+    // recovery data fail the file like the other invalid settings: unchanged, under the finished name.
+    QFETCH(int, offset);
+    QFETCH(quint32, value);
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    QVERIFY(record(zqv));
+    patchLe32(zqv, offset, value);
+    const QByteArray before = readFile(zqv);
+    const Run run = runDriver(tmp.path());
+    const QString mov = tmp.filePath("A001.mov");
+    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
+                                     stars(zqv, "needs to be restored!"),
+                                     stars(zqv, "recovery failed, invalid recovery settings!"),
+                                     "     " + mov + " (Tern) Unrecoverable"}));
+    QCOMPARE(readFile(mov), before);
 }
 
 QTEST_GUILESS_MAIN(TestTernFinalize)
