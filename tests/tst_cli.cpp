@@ -1,7 +1,7 @@
 // The command-line front end: arguments, exit status and the run's lines on stdout.
 
 #include "finalize/FinalizeRun.h"
-#include "finalize/LogText.h"
+#include "support/MessageCapture.h"
 #include "support/TestSupport.h"
 
 #include <QProcess>
@@ -15,24 +15,13 @@ namespace {
 const QByteArray kTernStart = hex("00000014 66747970");
 
 // The lines one FinalizeRun presents, with library messages routed the way both front ends route them.
-QStringList* g_capture = nullptr;
-void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message)
-{
-    if (g_capture)
-        g_capture->append(logLineText(message));
-}
-
 QStringList runInProcess(const QString& path, bool scanOnly)
 {
-    QStringList lines;
-    g_capture = &lines;
-    const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
+    MessageCapture capture;
     FinalizeRun run(scanOnly);
-    QObject::connect(&run, &FinalizeRun::output, [&lines](const QString& text) { lines << logLineText(text); });
+    QObject::connect(&run, &FinalizeRun::output, [&capture](const QString& text) { capture.record(text); });
     run.run(path);
-    qInstallMessageHandler(previous);
-    g_capture = nullptr;
-    return lines;
+    return capture.lines();
 }
 
 } // namespace

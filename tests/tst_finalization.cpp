@@ -3,6 +3,7 @@
 #include "finalize/Finalize.h"
 #include "simulate/RecordingSimulator.h"
 #include "support/AtomWalker.h"
+#include "support/MessageCapture.h"
 #include "support/TestSupport.h"
 
 #include <QTemporaryDir>
@@ -13,13 +14,6 @@ using namespace AtomWalker;
 using TestSupport::readFile;
 
 namespace {
-
-QStringList* g_messages = nullptr;
-void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message)
-{
-    if (g_messages)
-        g_messages->append(message);
-}
 
 RecordingPlan basePlan(int frames, int tracks, int samplesPerTrack)
 {
@@ -48,15 +42,11 @@ QByteArray finalize(const RecordingPlan& plan, QStringList* messages = nullptr,
         patch(bytes);
         TestSupport::writeFile(path, bytes);
     }
-    QStringList captured;
-    g_messages = &captured;
-    const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
+    MessageCapture capture;
     Finalize driver;
     const unsigned int result = driver.ternDoFinalize(path);
-    qInstallMessageHandler(previous);
-    g_messages = nullptr;
     if (messages)
-        *messages = captured;
+        *messages = capture.messages();
     return result == 0 ? readFile(tmp.filePath("A001.mov")) : QByteArray();
 }
 

@@ -1,11 +1,11 @@
 // The Heron finalize procedure: movies and audio files of the older recorder, and their renaming.
 
 #include "finalize/Finalize.h"
-#include "finalize/LogText.h"
 #include "simulate/RecordingSimulator.h"
 #include "simulate/WavSimulator.h"
 #include "support/AtomWalker.h"
 #include "support/MediaTools.h"
+#include "support/MessageCapture.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -16,35 +16,6 @@
 using namespace TestSupport;
 
 namespace {
-
-QStringList* g_log = nullptr;
-void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message)
-{
-    if (g_log)
-        g_log->append(logLineText(message));
-}
-
-struct Run
-{
-    QStringList lines;
-    int good = 0;
-    int bad = 0;
-};
-
-Run runDriver(const QString& folder)
-{
-    Run run;
-    g_log = &run.lines;
-    const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
-    Finalize driver;
-    QObject::connect(&driver, &Finalize::textOutput, [&run](const QString& t) { run.lines << logLineText(t); });
-    driver.finalizeFolders({folder});
-    qInstallMessageHandler(previous);
-    g_log = nullptr;
-    run.good = driver.goodCount;
-    run.bad = driver.badCount;
-    return run;
-}
 
 WavPlan stereoWav(int samples)
 {
@@ -98,7 +69,7 @@ void TestHeronFinalize::cutOffWavBecomesWavAndPlays()
     QVERIFY(writeWav(zqa, plan));
     const QByteArray before = readFile(zqa);
 
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     const QString wav = tmp.filePath("B001.wav");
     QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing heron finalize",
                                      "     " + wav + " (Heron) Finalized"}));
@@ -138,7 +109,7 @@ void TestHeronFinalize::brokenWavBecomesNraWithItsCode()
 
     // Through the driver the code counts as a failure.
     QVERIFY(QFile::rename(tmp.filePath("B001.nra"), zqa));
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     QCOMPARE(run.lines.last(), "     " + tmp.filePath("B001.nra") + " (Heron) Unrecoverable");
     QCOMPARE(run.bad, 1);
 }
@@ -148,7 +119,7 @@ void TestHeronFinalize::upperCaseAudioNameIsNotRenamed()
     QTemporaryDir tmp;
     const QString path = tmp.filePath("B001.ZQA");
     QVERIFY(writeWav(path, stereoWav(1000)));
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     QCOMPARE(run.lines.last(), "     " + path + " (Heron) Finalized");
     QVERIFY(QFile::exists(path));
     // Repaired in place all the same.
@@ -162,7 +133,7 @@ void TestHeronFinalize::heronMovieBecomesMov()
     QTemporaryDir tmp;
     const QString zqv = tmp.filePath("B001.zqv");
     QVERIFY(writeInterruptedRecording(zqv, heronPlan(9)).ok);
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     const QString mov = tmp.filePath("B001.mov");
     const QByteArray movie = readFile(mov);
     const AtomWalker::Atom moov = AtomWalker::find(movie, "moov");
@@ -187,7 +158,7 @@ void TestHeronFinalize::heronMovieWithoutRecoveryDataBecomesNrv()
     // A Heron start without the unfinished 'mdat' header: nothing to finish from.
     const QByteArray bytes = hex("00537ff0 66747970") + QByteArray(6000000, 'x');
     QVERIFY(writeFile(zqv, bytes));
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     const QString nrv = tmp.filePath("B001.nrv");
     QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing heron finalize",
                                      "     " + nrv + " (Heron) Unrecoverable"}));
@@ -237,7 +208,7 @@ void TestHeronFinalize::upperCaseGivenUpNameCountsAsFinalized()
     // with it and reports success, and the line shows the driver's previous name (here, none).
     QTemporaryDir tmp;
     QVERIFY(writeFile(tmp.filePath("clip.NRV"), "x"));
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing heron finalize",
                                      "     " + tmp.path() + " (Heron) Finalized"}));
     QCOMPARE(run.good, 1);

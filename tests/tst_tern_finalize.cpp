@@ -1,9 +1,9 @@
 // The Tern finalize procedure: its messages, its validation and every renaming rule.
 
 #include "finalize/Finalize.h"
-#include "finalize/LogText.h"
 #include "simulate/RecordingSimulator.h"
 #include "support/AtomWalker.h"
+#include "support/MessageCapture.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -14,36 +14,6 @@
 using namespace TestSupport;
 
 namespace {
-
-QStringList* g_log = nullptr;
-void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message)
-{
-    if (g_log)
-        g_log->append(logLineText(message));
-}
-
-// Everything one driver run says, library messages and driver lines in time order.
-struct Run
-{
-    QStringList lines;
-    int good = 0;
-    int bad = 0;
-};
-
-Run runDriver(const QString& folder)
-{
-    Run run;
-    g_log = &run.lines;
-    const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
-    Finalize driver;
-    QObject::connect(&driver, &Finalize::textOutput, [&run](const QString& t) { run.lines << logLineText(t); });
-    driver.finalizeFolders({folder});
-    qInstallMessageHandler(previous);
-    g_log = nullptr;
-    run.good = driver.goodCount;
-    run.bad = driver.badCount;
-    return run;
-}
 
 RecordingPlan smallPlan(int frames = 30)
 {
@@ -108,7 +78,7 @@ void TestTernFinalize::healthyRecordingBecomesMov()
     const QString zqv = tmp.filePath("A001.zqv");
     const QString mov = tmp.filePath("A001.mov");
     QVERIFY(record(zqv));
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     QVERIFY(!QFile::exists(zqv));
     const QByteArray movie = readFile(mov);
 
@@ -138,7 +108,7 @@ void TestTernFinalize::zeroFrameRateIsInvalidAndRenamedMov()
     QVERIFY(record(zqv));
     patchLe32(zqv, kFrameRate, 0);
     const QByteArray before = readFile(zqv);
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     const QString mov = tmp.filePath("A001.mov");
     QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
                                      stars(zqv, "needs to be restored!"),
@@ -155,7 +125,7 @@ void TestTernFinalize::validationStopsAtTheFirstZero()
     QVERIFY(record(zqv));
     patchLe32(zqv, kFrameRate, 0);
     patchLe32(zqv, kWidthHeight, 0); // width and height 0 as well: still one message
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     QCOMPARE(run.lines.filter("recovery failed").size(), 1);
 }
 
@@ -165,7 +135,7 @@ void TestTernFinalize::corruptedFileIsRenamedMovUnchanged()
     const QString zqv = tmp.filePath("A001.zqv");
     const QByteArray bytes = hex("00000014 66747970") + QByteArray(1000, 'x');
     QVERIFY(writeFile(zqv, bytes));
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     const QString mov = tmp.filePath("A001.mov");
     QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
                                      stars(zqv, "recovery failed, corrupted file!"),
@@ -179,13 +149,10 @@ void TestTernFinalize::unopenableFileIsReportedAndRenamed()
     QTemporaryDir tmp;
     const QString zqv = tmp.filePath("A001.zqv");
     QVERIFY(QDir().mkpath(zqv));
-    QStringList lines;
-    g_log = &lines;
-    const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
+    MessageCapture capture;
     Finalize driver;
     const unsigned int result = driver.ternDoFinalize(zqv);
-    qInstallMessageHandler(previous);
-    g_log = nullptr;
+    const QStringList lines = capture.lines();
     QCOMPARE(result, 31u);
     QCOMPARE(driver.isTern, 1);
     QCOMPARE(lines, QStringList({"doing tern finalize", stars(zqv, "recovery failed, can't open the file!")}));
@@ -204,7 +171,7 @@ void TestTernFinalize::failedRebuildBecomesNrvReplacingAnOldOne()
     QVERIFY(record(zqv, plan));
     QVERIFY(writeFile(nrv, "older give-up"));
     const QByteArray before = readFile(zqv);
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     // The old ".nrv" is listed first (name order) and reported; the new one replaces it.
     QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "     " + nrv + " Unrecoverable",
                                      "doing tern finalize", stars(zqv, "needs to be restored!"),
@@ -222,7 +189,7 @@ void TestTernFinalize::existingMovBlocksTheRename()
     const QString mov = tmp.filePath("A001.mov");
     QVERIFY(record(zqv));
     QVERIFY(writeFile(mov, "an older take"));
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     QVERIFY(run.lines.contains(QString("Failed to rename file:  \"%1\"  ->  \"%2\"").arg(zqv, mov)));
     QCOMPARE(run.lines.last(), "     " + mov + " (Tern) Finalized");
     QCOMPARE(readFile(mov), QByteArray("an older take"));
@@ -234,7 +201,7 @@ void TestTernFinalize::upperCaseNameIsRepairedButNotRenamed()
     QTemporaryDir tmp;
     const QString path = tmp.filePath("A001.ZQV");
     QVERIFY(record(path));
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     QCOMPARE(run.lines.last(), "     " + tmp.path() + "/Invalid output file. (Tern) Finalized");
     QVERIFY(AtomWalker::find(readFile(path), "moov").valid());
 }
@@ -245,7 +212,7 @@ void TestTernFinalize::folderNamedLikeARecordingFailsTheRename()
     const QString folder = tmp.filePath("day1.zqv.backup");
     const QString zqv = folder + "/A001.zqv";
     QVERIFY(record(zqv));
-    const Run run = runDriver(folder);
+    const DriverRun run = runDriver({folder});
     const QString target = tmp.filePath("day1.mov.backup/A001.mov");
     QVERIFY(run.lines.contains(QString("Failed to rename file:  \"%1\"  ->  \"%2\"").arg(zqv, target)));
     QCOMPARE(run.lines.last(), "     " + target + " (Tern) Finalized");
@@ -270,13 +237,10 @@ void TestTernFinalize::vanishedFileIsNotCreated()
     // Listed by the walk, gone by the time it is finished: reported, and nothing appears in its place.
     QTemporaryDir tmp;
     const QString zqv = tmp.filePath("A001.zqv");
-    QStringList lines;
-    g_log = &lines;
-    const QtMessageHandler previous = qInstallMessageHandler(captureMessage);
+    MessageCapture capture;
     Finalize driver;
     const unsigned int result = driver.ternDoFinalize(zqv);
-    qInstallMessageHandler(previous);
-    g_log = nullptr;
+    const QStringList lines = capture.lines();
     QCOMPARE(result, 31u);
     QCOMPARE(lines, QStringList({"doing tern finalize", stars(zqv, "recovery failed, can't open the file!")}));
     QCOMPARE(driver.outputFileName, QString("Invalid output file."));
@@ -304,7 +268,7 @@ void TestTernFinalize::settingsNoIndexCanBeBuiltFromAreInvalid()
     QVERIFY(record(zqv));
     patchLe32(zqv, offset, value);
     const QByteArray before = readFile(zqv);
-    const Run run = runDriver(tmp.path());
+    const DriverRun run = runDriver({tmp.path()});
     const QString mov = tmp.filePath("A001.mov");
     QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
                                      stars(zqv, "needs to be restored!"),

@@ -1,0 +1,47 @@
+#include "support/MessageCapture.h"
+
+#include "finalize/Finalize.h"
+#include "finalize/LogText.h"
+
+MessageCapture* MessageCapture::s_active = nullptr;
+
+MessageCapture::MessageCapture()
+    : m_previous(qInstallMessageHandler(&MessageCapture::handle))
+{
+    s_active = this;
+}
+
+MessageCapture::~MessageCapture()
+{
+    qInstallMessageHandler(m_previous);
+    s_active = nullptr;
+}
+
+void MessageCapture::handle(QtMsgType, const QMessageLogContext&, const QString& message)
+{
+    if (s_active)
+        s_active->m_messages << message;
+}
+
+QStringList MessageCapture::lines() const
+{
+    QStringList shown;
+    for (const QString& message : m_messages)
+        shown << logLineText(message);
+    return shown;
+}
+
+DriverRun runDriver(const QStringList& folders, bool scanOnly)
+{
+    // Driver lines go into the same list as library messages, so the order is the order of events.
+    DriverRun run;
+    MessageCapture capture;
+    Finalize driver;
+    driver.scanOnly = scanOnly;
+    QObject::connect(&driver, &Finalize::textOutput, [&capture](const QString& text) { capture.record(text); });
+    driver.finalizeFolders(folders);
+    run.lines = capture.lines();
+    run.good = driver.goodCount;
+    run.bad = driver.badCount;
+    return run;
+}
