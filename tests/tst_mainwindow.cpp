@@ -2,6 +2,8 @@
 // whole run, compared line by line with what clipward-cli prints for the same folder.
 
 #include "MainWindow.h"
+#include "simulate/RecordingSimulator.h"
+#include "simulate/WavSimulator.h"
 #include "support/TestSupport.h"
 
 #include <QApplication>
@@ -462,6 +464,43 @@ private slots:
         const QStringList windowLines = logLines(*window);
         QCOMPARE(windowLines, cliLines);
         QVERIFY(windowLines.size() >= 5);
+    }
+
+    void finalizeRunMatchesCli()
+    {
+        // The same card, finalized once by clipward-cli and once, restored, by the window.
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString card = dir.path() + "/CARD";
+        RecordingPlan tern;
+        for (int i = 0; i < 30; ++i)
+            tern.videoFrames << syntheticFrame(i, 1200);
+        tern.audioTracks << syntheticPcm(0, 30 * 1920, 3);
+        QDir().mkpath(card + "/DCIM");
+        QDir().mkpath(card + "/AUDIO");
+        QVERIFY(writeInterruptedRecording(card + "/DCIM/A001.zqv", tern).ok);
+        RecordingPlan heron = tern;
+        heron.family = RecordingPlan::Heron;
+        heron.audioSamplesPerChunk = 3072;
+        QVERIFY(writeInterruptedRecording(card + "/DCIM/B001.zqv", heron).ok);
+        WavPlan wav;
+        wav.pcm = interleavePcm({syntheticPcm(0, 2000, 3), syntheticPcm(1, 2000, 3)}, 3);
+        QVERIFY(writeWav(card + "/AUDIO/B001.zqa", wav));
+        QVERIFY(TestSupport::writeFile(card + "/AUDIO/B000.nra", "x"));
+        const auto before = TestSupport::snapshotTree(card);
+
+        QStringList cliLines;
+        QCOMPARE(TestSupport::runCli({card}, &cliLines), 1);
+        const auto finished = TestSupport::snapshotTree(card);
+
+        QVERIFY(QDir(card).removeRecursively());
+        for (auto it = before.begin(); it != before.end(); ++it)
+            QVERIFY(TestSupport::writeFile(card + "/" + it.key(), it.value()));
+        auto window = makeWindow();
+        runOn(*window, card, false);
+        QCOMPARE(logLines(*window), cliLines);
+        QCOMPARE(TestSupport::snapshotTree(card), finished);
+        QVERIFY(cliLines.contains("3 file(s) have been successfully finalized."));
     }
 
     void controlsDisabledDuringRun()
