@@ -1,7 +1,9 @@
-// clipward-cli: the same run as the window's Start button, printed to stdout line by line.
+// clipward-cli: the same run as the window's Start button, printed to stdout line by line; and the check
+// of finished movies through the movie reader.
 
 #include "finalize/FinalizeRun.h"
 #include "finalize/LogText.h"
+#include "movie/MovieVerifier.h"
 
 #include <QCoreApplication>
 #include <QStringList>
@@ -29,20 +31,39 @@ void messageToStdout(QtMsgType, const QMessageLogContext&, const QString& messag
 
 const char* const kUsage =
     "Usage: clipward-cli [--scan-only] PATH\n"
+    "       clipward-cli --verify FILE...\n"
     "Finds recordings left unfinished on PATH (a drive or folder) and finalizes them,\n"
     "printing the same report as the Clipward window.\n"
     "\n"
     "  --scan-only   only list the files that need finalizing; change nothing\n"
+    "  --verify      read every frame and sound sample of each finished movie FILE and\n"
+    "                check that each lies inside the file and its media; one line per file\n"
     "  --help        show this text\n"
     "  --version     show the version\n"
     "\n"
     "Exit status: 0 no file unrecoverable, 1 at least one file unrecoverable,\n"
-    "2 PATH missing or wrong arguments.\n";
+    "2 PATH missing or wrong arguments. With --verify: 0 every FILE verified,\n"
+    "1 at least one did not, 2 no FILE given.\n";
 
 int usageError(const QString& reason)
 {
     std::fprintf(stderr, "clipward-cli: %s\n%s", reason.toUtf8().constData(), kUsage);
     return kExitUsage;
+}
+
+// Verifies each movie, printing the reader's messages and one summary line per file.
+int verifyFiles(const QStringList& files)
+{
+    qInstallMessageHandler(messageToStdout);
+    int failed = 0;
+    for (const QString& file : files) {
+        const MovieVerification result = verifyMovie(file);
+        printLine(verificationSummary(file, result));
+        if (!result.verified)
+            ++failed;
+    }
+    std::fflush(stdout);
+    return failed != 0 ? kExitUnrecoverable : kExitOk;
 }
 
 } // namespace
@@ -55,6 +76,7 @@ int main(int argc, char* argv[])
     QCoreApplication::setOrganizationName("Clipward");
 
     bool scanOnly = false;
+    bool verify = false;
     QStringList paths;
     const QStringList args = QCoreApplication::arguments().mid(1);
     for (const QString& arg : args) {
@@ -68,10 +90,19 @@ int main(int argc, char* argv[])
         }
         if (arg == "--scan-only")
             scanOnly = true;
+        else if (arg == "--verify")
+            verify = true;
         else if (arg.startsWith("--"))
             return usageError(QString("unknown option %1").arg(arg));
         else
             paths.append(arg);
+    }
+    if (verify) {
+        if (scanOnly)
+            return usageError("--verify and --scan-only cannot be combined");
+        if (paths.isEmpty())
+            return usageError("no FILE given");
+        return verifyFiles(paths);
     }
     if (paths.size() != 1)
         return usageError(paths.isEmpty() ? "no PATH given" : "give exactly one PATH");

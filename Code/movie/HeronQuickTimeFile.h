@@ -2,8 +2,6 @@
 
 #include "movie/QuickTimeFile.h"
 
-#include <QVector>
-
 // A movie file of the older recorder family. It is the shared movie library run with the Heron family
 // description; what the class itself adds is the caller-owned frame-map storage, a timecode setter that
 // never writes media, and the search for where a video frame's audio starts.
@@ -13,9 +11,6 @@ public:
     // The reserved region: an oversized 'ftyp' header, the 108-byte settings record, the frame map.
     static constexpr qint64 s_recoverySettingsPos = 20;
     static constexpr qint64 s_recoveryFrameMapPos = 128;
-    // Entries of the coarse chunk table prepareAudioStartLocation walks before the frame map.
-    static constexpr int s_audioChunkTableEntries = 273;
-
     // `frameSizes` is the frame-map storage (2,736,000 entries); it is not owned and never freed.
     QuickTimeFile(QIODevice& device, unsigned short* frameSizes);
 
@@ -23,16 +18,11 @@ public:
 
     // Finds the frame-map entry holding the first audio byte of video frame `frame`; stores the entry
     // in playFrame and the bytes before the audio within it in audioStartOffset, and returns the entry.
+    // The runs of the fast sound map (rebuilt from the current frame map) are skipped whole first.
     unsigned int prepareAudioStartLocation(unsigned int frame);
 
     quint32 audioStartOffset = 0;
 
 private:
-    struct AudioChunk
-    {
-        quint32 firstEntry;
-        quint64 bytes;
-    };
-    QVector<AudioChunk> audioChunkTable() const;
     quint64 audioBytesPerVideoFrame() const;
 };

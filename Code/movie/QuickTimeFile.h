@@ -8,6 +8,8 @@
 #include <QString>
 #include <QtGlobal>
 
+#include <memory>
+
 class QIODevice;
 
 namespace Tern {
@@ -25,22 +27,87 @@ enum quicktime_codec_type_t {
     quicktime_codec_prores4444 = 2,
 };
 
-// What the reader learns about one track of an existing movie.
+// Where a walk over the frame map stands: at entry `index`, with the video and sound entries and the
+// 512-byte blocks of every entry before it counted.
+struct QuickTimeMapPosition
+{
+    quint32 index = 0;
+    quint32 videoBefore = 0;
+    quint32 soundBefore = 0;
+    quint64 blocksBefore = 0;
+};
+
+// What the reader learns about one track of an existing movie, and where reading it stands.
 struct QuickTimeTrackInfo
 {
+    static constexpr int s_tableCacheEntries = 64;
+    static constexpr int s_stscEntryValues = 3; // first chunk (from 1), samples per chunk, description
+
     quicktime_frametype_t type = quicktime_frametype_unknown;
     qint64 sampleDuration = -1;
     qint64 timeScale = -1;
     quint64 stscPos = 0, stszPos = 0, stcoPos = 0, co64Pos = 0;
     quint32 stscEntries = 0, stszEntries = 0, stcoEntries = 0, co64Entries = 0;
     quint32 stszSampleSize = 0;
-    quint32 currentSample = 0;
-    quint32 currentChunk = 0;
-    quint32 sampleInChunk = 0;
     quint32 audioBytesPerSample = 0;
     bool audioBigEndian = false;
     quint32 audioChannels = 0;
     bool committed = false;
+
+    // Windows of up to 64 consecutive table entries, held as stored in the file (big-endian) and
+    // converted on use; each covers [start, start + count).
+    quint32 stcoCache[s_tableCacheEntries] = {};
+    quint32 stcoCacheStart = 0, stcoCacheCount = 0;
+    quint64 co64Cache[s_tableCacheEntries] = {};
+    quint32 co64CacheStart = 0, co64CacheCount = 0;
+    quint32 stszCache[s_tableCacheEntries] = {};
+    quint32 stszCacheStart = 0, stszCacheCount = 0;
+    quint32 stscCache[s_tableCacheEntries][s_stscEntryValues] = {};
+    quint32 stscCacheStart = 0, stscCacheCount = 0;
+
+    // Reading position: the next sample, the chunk holding it (from 0) and the sample's place in it.
+    quint64 currentSample = 0;
+    quint32 currentChunk = 0;
+    quint32 sampleInChunk = 0;
+    quint64 chunkFirstSample = 0; // first sample of the current chunk
+    quint32 stscEntry = 0; // the 'stsc' entry (from 0) last looked at; the 'stsc' cache follows it
+    // The 'stsz' sizes summed from the start of chunk summedChunk up to its sample summedSample, so that
+    // stepping through a chunk adds one size at a time.
+    quint32 summedChunk = 0xFFFFFFFFu;
+    quint64 summedSample = 0;
+    quint64 summedBytes = 0;
+    // Movies this library wrote: the track's plane in the recorder's planar sound chunks, and where the
+    // current chunk was last found in the frame map.
+    quint32 plane = 0;
+    QuickTimeMapPosition mapPosition;
+};
+
+// One run of the fast sound map: the frame map cut into at most 273 equal runs of entries.
+struct QuickTimeFastAudioRun
+{
+    quint32 firstEntry; // frame-map index of the run's first entry
+    quint32 soundBlocks; // 512-byte blocks of the run's sound entries
+    quint64 blocksBefore; // 512-byte blocks of every entry before the run
+};
+static_assert(sizeof(QuickTimeFastAudioRun) == 16, "a run of the fast sound map is 16 bytes");
+
+// What play-mode navigation serves.
+enum quicktime_playmode_t {
+    quicktime_playmode_all = 0, // video frames and sound chunks, in file order
+    quicktime_playmode_video = 1, // video frames only
+    quicktime_playmode_sound = 2, // sound chunks only
+};
+
+// One piece of media for the player to read next.
+struct QuickTimePlayRegion
+{
+    quicktime_frametype_t type = quicktime_frametype_unknown;
+    quint64 position = 0; // file offset of the first byte
+    quint64 bytes = 0;
+    // Movies this library wrote: the frame-map entry. Other movies: the video frame, or the sound chunk
+    // of soundTrack.
+    quint32 index = 0;
+    int soundTrack = -1;
 };
 
 // Summary of the recording built from the user data by InitQuickTimeFileInfo.
@@ -104,9 +171,9 @@ public:
     void setTimecode(quint32 value, bool dropFrameFlag, bool counterFlag, bool noWrite);
     void getTimecode(quint32* value, bool* dropFrameFlag, bool* counterFlag) const;
     void setUserData(quint32 v1, quint32 v2, quint32 v3, quint32 v4, quint32 v5, quint32 v6, quint32 v7,
-                     quint32 v8, quint32 v9);
+        quint32 v8, quint32 v9);
     void getUserData(quint32* v1, quint32* v2, quint32* v3, quint32* v4, quint32* v5, quint32* v6,
-                     quint32* v7, quint32* v8, quint32* v9) const;
+        quint32* v7, quint32* v8, quint32* v9) const;
     void setFrameSize(unsigned int index, quicktime_frametype_t frameType, unsigned int bytes);
     void InitQuickTimeFileInfo();
 
@@ -140,6 +207,56 @@ public:
     // The frame map a maker atom restores into: allocated here when the file owns it and has none yet.
     bool ensureFrameMap();
 
+    // Reading an existing movie. initFileRead learns the tracks; movies this library wrote (their maker
+    // atom carries the frame map) are then read by the map, all others ("imports") by their tables.
+    bool initFileRead(QIODevice* readDevice);
+    void dumpTrackInfo();
+    // Make the track's cache cover its current index (chunk for the offset tables, sample for 'stsz',
+    // stscEntry for 'stsc'); force reloads at the cache's start. True when the cache was reloaded.
+    bool checkSTCOCache(QuickTimeTrackInfo* track, bool force);
+    bool checkCO64Cache(QuickTimeTrackInfo* track, bool force);
+    bool checkSTSZCache(QuickTimeTrackInfo* track, bool force);
+    bool checkSTSCCache(QuickTimeTrackInfo* track, bool force);
+    // Sound tracks are numbered from 0 among the sound tracks; an unknown number gives null / 0.
+    QuickTimeTrackInfo* getAudioTrack(int soundTrack);
+    unsigned samplesLeftInCurrentChunk(int soundTrack);
+    // Reads up to count sample frames (bytes per sample x channels each) of the track from its reading
+    // position into buffer and moves the position on; returns the frames read.
+    unsigned readAudioSamples(int soundTrack, unsigned char* buffer, unsigned count);
+    // Samples of a full chunk of the track: the largest count its 'stsc' gives (short first and last
+    // chunks hold fewer). 0 without entries.
+    quint32 findSamplesPerChunk(QuickTimeTrackInfo* track);
+    // Samples the 'stsc' gives chunk `chunk` (from 0) of the track; moves the track's stscEntry.
+    quint32 samplesInChunk(QuickTimeTrackInfo* track, quint32 chunk);
+    // Chunks of the track: the sound chunks of the frame map for the sound of movies this library wrote,
+    // the entries of 'co64' (or else 'stco') otherwise.
+    quint32 chunkCount(const QuickTimeTrackInfo* track) const;
+    void buildFastAudioMap();
+    bool getFrameTime(int track, quint32 sample, quint32* seconds, quint32* remainder) const;
+
+    // Seeking and locations (see Seeking.cpp for what each one moves and returns).
+    bool seekToAudioChunk(QuickTimeTrackInfo* track, quint32 chunk);
+    bool seekNextAudioChunk(QuickTimeTrackInfo* track);
+    bool seekToChunkJustBeyond(QuickTimeTrackInfo* track, quint64 position);
+    bool seekToSampleAbsolute(QuickTimeTrackInfo* track, quint64 sample);
+    bool seekToVideoFrameAbsolute(quint32 frame);
+    bool seekToVideoFrameRelative(qint64 frames);
+    bool seekVideoToVideoFrameAbsolute(quint32 frame);
+    bool seekAudioToVideoFrameAbsolute(quint32 frame);
+    quint64 calculateCorrespondingSample(quint32 frame, const QuickTimeTrackInfo* soundTrack) const;
+    bool calculateLocationSeek(QuickTimeTrackInfo* track, quint64* position);
+    bool calculateLocationSeekVideo(quint32 frame, quint64* position, quint64* bytes);
+    bool calculateTableLocation(QuickTimeTrackInfo* track, quint64* position);
+    bool tableSampleSize(QuickTimeTrackInfo* track, quint64 sample, quint32* bytes);
+    bool tableChunkOffset(QuickTimeTrackInfo* track, quint32 chunk, quint64* offset);
+    bool gotoVideoFrame(quint32 frame);
+    bool getMovieVideoData(char* buffer, int* size);
+    bool getMovieSoundData(char* buffer, unsigned* size, unsigned* samples);
+    bool getStartDataLocation(quicktime_playmode_t mode, QuickTimePlayRegion* region);
+    bool getStartDataLocationImport(quicktime_playmode_t mode, QuickTimePlayRegion* region);
+    bool getNextDataLocation(quicktime_playmode_t mode, QuickTimePlayRegion* region);
+    bool getNextDataLocationImport(quicktime_playmode_t mode, QuickTimePlayRegion* region);
+
     // Media and frame map (recorder side).
     int addMovieVideoData(QByteArray& frame, QByteArray& extra);
     int addMovieSoundData(QByteArray& chunk);
@@ -166,8 +283,8 @@ public:
     // False for settings an index cannot be built from without harm: chunking of 0 frames, more sound
     // tracks than a movie can hold, sound without a sample size, or an end inside the reserved region.
     bool settingsAllowIndex() const;
-    static bool settingsAllowIndex(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample,
-                                   quint64 endPosition);
+    static bool settingsAllowIndex(
+        quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample, quint64 endPosition);
     static constexpr quint32 s_maxSoundTracks = s_maxTracks - 2; // beside the timecode and video tracks
 
     // Members, in the order of the recording's state.
@@ -216,6 +333,17 @@ public:
     quint64 movieDataStart = 0; // first media byte of an 'mdat' read with the 64-bit size
     bool haldenMarker = false; // the maker atom's marker was not 0
 
+    // Reading.
+    static constexpr int s_fastAudioRuns = 273;
+    static constexpr int s_fastAudioMapBytes = s_fastAudioRuns * int(sizeof(QuickTimeFastAudioRun));
+    quint32 playStart = 0; // the first video entry of the frame map
+    quint32 currentVideoFrame = 0; // the video frame the play position is at
+    bool interleavedAudio = false; // an imported movie's sound track carries its channels interleaved
+    std::unique_ptr<QuickTimeFastAudioRun[]> fastAudioMap; // s_fastAudioMapBytes, from initFileRead on
+    int fastAudioRunCount = 0;
+    quint32 frameMapLength = 0; // entries of the frame map up to its end (a 0 entry or the counts)
+    quint32 frameMapSoundEntries = 0; // sound entries among them
+
 protected:
     // For a family that keeps its frame map in caller storage (not owned, never freed).
     QuickTimeFile(QIODevice& device, const MovieFamily& family, quint16* callerFrameMap);
@@ -231,6 +359,14 @@ private:
     void writeReservedRegion(QIODevice* target);
     // Stores the entry of the chunk being added at the next index of the frame map.
     void storeFrameMapEntry(quint16 entry);
+
+    // Reading helpers.
+    bool learnRecordedTracks();
+    bool findMapEntry(QuickTimeMapPosition* position, quicktime_frametype_t type, quint32 ordinal) const;
+    bool moveMapPosition(QuickTimeMapPosition* position, quint32 index) const;
+    static quint64 mapLocation(const QuickTimeMapPosition& position);
+    bool locateRecordedChunk(QuickTimeTrackInfo* track);
+    QuickTimeMapPosition m_playPosition; // follows playFrame
 
     const MovieFamily* m_family;
     bool m_ownsFrameMap;
