@@ -158,6 +158,11 @@ unsigned int AudioFile::ReadAudioFileInfo()
         return s_resultUnsupported;
     if (m_startTimecode == s_noTimecode)
         return s_resultOk;
+    // A 'fmt ' chunk with a sample rate of 0 gives no time for a sample count: no start timecode.
+    if (m_sampleRate == 0 && m_timeReference != 0) {
+        m_startTimecode = s_noTimecode;
+        return s_resultOk;
+    }
     m_startTimecode = quint32(TC::SamplesToTC(m_timeReference, m_sampleRate, m_frameRate, nullptr, false));
     return s_resultOk;
 }

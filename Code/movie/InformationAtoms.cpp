@@ -162,10 +162,11 @@ void QuickTimeHaldenAtom::write(QDataStream& stream)
     const char reservedBytes[s_reservedSize] = {};
     stream.writeRawData(reservedBytes, s_reservedSize);
 
-    // The whole 16-bit entries (type and block count): a reader rebuilds the frame map from them.
+    // The whole 16-bit entries (type and block count): a reader rebuilds the frame map from them. A count
+    // beyond the map's capacity (a chunk counted without room for its entry) is listed as 0 there.
     const quint16* map = movieFile ? movieFile->frameMap : nullptr;
     for (quint32 i = 0; i < frameCount; ++i)
-        stream << (map ? map[i] : quint16(0));
+        stream << (map && i < QuickTimeFile::s_frameMapEntries ? map[i] : quint16(0));
 }
 
 bool QuickTimeHaldenAtom::read(QDataStream& stream, quint64* remaining)
