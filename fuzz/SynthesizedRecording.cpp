@@ -1,0 +1,134 @@
+#include "SynthesizedRecording.h"
+
+#include <QtEndian>
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+const int kMinimumPatternBytes = 4096;
+
+void put32(QByteArray& out, quint32 value)
+{
+    uchar bytes[4];
+    qToBigEndian<quint32>(value, bytes);
+    out.append(reinterpret_cast<const char*>(bytes), 4);
+}
+
+// Copies the part of [sourcePos, sourcePos + sourceSize) that lies in [pos, pos + n) into out.
+void copyOverlap(qint64 sourcePos, const char* source, qint64 sourceSize, qint64 pos, char* out, qint64 n)
+{
+    const qint64 begin = std::max(sourcePos, pos);
+    const qint64 end = std::min(sourcePos + sourceSize, pos + n);
+    if (begin < end)
+        std::memcpy(out + (begin - pos), source + (begin - sourcePos), size_t(end - begin));
+}
+
+} // namespace
+
+SynthesizedRecording::SynthesizedRecording(Family family, const QByteArray& record,
+    const QByteArray& frameMap, bool repeatMap, qint64 mediaBytes, qint64 writeCapacity)
+    : m_mapPos(frameMapPos(family))
+    , m_map(frameMap.left(int(std::min<qint64>(frameMap.size(), s_frameMapBytes))))
+    , m_mediaBytes(mediaBytes)
+    , m_writeCapacity(writeCapacity)
+{
+    // 'ftyp': major brand 'qt  ', minor version 0x20070400, compatible brand 'qt  '. Tern's is 20 bytes and
+    // followed by a 'udta' spanning the region behind an empty 'urec'; Heron's spans the region itself.
+    put32(m_head, family == Tern ? 20 : quint32(s_datPos));
+    m_head.append("ftypqt  ", 8);
+    put32(m_head, 0x20070400);
+    m_head.append("qt  ", 4);
+    if (family == Tern) {
+        put32(m_head, quint32(s_datPos - 20));
+        m_head.append("udta", 4);
+        put32(m_head, 8);
+        m_head.append("urec", 4);
+    }
+    m_head.append(record.left(recordSize(family)));
+    m_head.append(QByteArray(int(m_mapPos - m_head.size()), '\0'));
+
+    // Whole entries only, so that a repeated map keeps them aligned.
+    m_map.truncate(m_map.size() & ~1);
+    if (repeatMap && !m_map.isEmpty()) {
+        while (m_pattern.size() < kMinimumPatternBytes)
+            m_pattern.append(m_map);
+    }
+}
+
+qint64 SynthesizedRecording::size() const
+{
+    return std::max(originalSize(), m_writtenEnd);
+}
+
+void SynthesizedRecording::fillOriginal(qint64 pos, char* out, qint64 n) const
+{
+    std::memset(out, 0, size_t(n));
+    if (pos >= s_movieDataStartOffset)
+        return; // zero media
+    copyOverlap(0, m_head.constData(), m_head.size(), pos, out, n);
+    if (m_pattern.isEmpty()) {
+        copyOverlap(m_mapPos, m_map.constData(), m_map.size(), pos, out, n);
+    } else {
+        // The pattern's length is a multiple of the given bytes: step through the map in whole patterns.
+        const qint64 mapEnd = m_mapPos + s_frameMapBytes;
+        const qint64 first = std::max(pos, m_mapPos);
+        const qint64 last = std::min(pos + n, mapEnd);
+        for (qint64 at = first; at < last;) {
+            const qint64 patternStart = m_mapPos + (at - m_mapPos) / m_pattern.size() * m_pattern.size();
+            const qint64 length = std::min<qint64>(patternStart + m_pattern.size(), mapEnd) - patternStart;
+            copyOverlap(patternStart, m_pattern.constData(), length, pos, out, n);
+            at = patternStart + length;
+        }
+    }
+    static const char unclosedMovieData[16] = { 0, 0, 0, 1, 'm', 'd', 'a', 't', 0, 0, 0, 0, 0, 0, 0, 16 };
+    copyOverlap(s_datPos, unclosedMovieData, sizeof unclosedMovieData, pos, out, n);
+}
+
+void SynthesizedRecording::fill(qint64 pos, char* out, qint64 n) const
+{
+    const qint64 original = std::min(n, std::max<qint64>(0, originalSize() - pos));
+    if (original > 0)
+        fillOriginal(pos, out, original);
+    // Beyond the original end, bytes not written read as zeros, as in a file extended by a seek.
+    std::memset(out + original, 0, size_t(n - original));
+    for (const Extent& extent : m_extents)
+        copyOverlap(extent.offset, extent.bytes.constData(), extent.bytes.size(), pos, out, n);
+}
+
+QByteArray SynthesizedRecording::contentAt(qint64 offset, qint64 length) const
+{
+    const qint64 n = std::max<qint64>(0, std::min(length, size() - offset));
+    QByteArray bytes(int(n), '\0');
+    if (n > 0)
+        fill(offset, bytes.data(), n);
+    return bytes;
+}
+
+qint64 SynthesizedRecording::readData(char* data, qint64 maxSize)
+{
+    const qint64 n = std::min(maxSize, size() - pos());
+    if (n <= 0)
+        return 0;
+    fill(pos(), data, n);
+    return n;
+}
+
+qint64 SynthesizedRecording::writeData(const char* data, qint64 len)
+{
+    if (len <= 0)
+        return 0;
+    if (m_written + len > m_writeCapacity) {
+        setErrorString(QStringLiteral("No space left on device"));
+        return -1;
+    }
+    const qint64 at = pos();
+    if (!m_extents.empty() && m_extents.back().offset + m_extents.back().bytes.size() == at)
+        m_extents.back().bytes.append(data, int(len));
+    else
+        m_extents.push_back({ at, QByteArray(data, int(len)) });
+    m_written += len;
+    m_writtenEnd = std::max(m_writtenEnd, at + len);
+    return len;
+}

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <QByteArray>
+#include <QIODevice>
+
+#include <vector>
+
+// An unfinished recording of either family, as the recorder leaves it on the card, that is never held in
+// memory: the reserved region (atom headers, settings record, frame map), the unclosed 'mdat' header and
+// the zero media behind it are produced on each read from a few given pieces. What is written goes to an
+// overlay of the written extents, in order, up to a total capacity; a write past it fails like a write to
+// a full disk. Seeks past the end are granted as by a file, and a write there extends the device.
+class SynthesizedRecording : public QIODevice
+{
+public:
+    enum Family { Tern, Heron };
+
+    // The layout both families share.
+    static constexpr qint64 s_datPos = 5472240;
+    static constexpr qint64 s_movieDataStartOffset = 5472256;
+    static constexpr qint64 s_frameMapBytes = 5472000;
+
+    struct Extent
+    {
+        qint64 offset;
+        QByteArray bytes;
+    };
+
+    // `record` is the settings record (cut or zero-padded to the family's record size); `frameMap` the
+    // first bytes of the map as stored (little-endian entries), followed by zeros or, with `repeatMap`,
+    // by the same bytes again and again to the end of the map; `mediaBytes` of zero media follow 'mdat'.
+    SynthesizedRecording(Family family, const QByteArray& record, const QByteArray& frameMap, bool repeatMap,
+        qint64 mediaBytes, qint64 writeCapacity);
+
+    static int recordSize(Family family) { return family == Tern ? 120 : 108; }
+    static qint64 recordPos(Family family) { return family == Tern ? 36 : 20; }
+    static qint64 frameMapPos(Family family) { return family == Tern ? 156 : 128; }
+
+    bool isSequential() const override { return false; }
+    qint64 size() const override;
+
+    // The size the recording had before anything was written.
+    qint64 originalSize() const { return s_movieDataStartOffset + m_mediaBytes; }
+    // What was written, in order; adjacent writes are joined into one extent.
+    const std::vector<Extent>& extents() const { return m_extents; }
+    // One past the highest byte written; 0 when nothing was.
+    qint64 writtenEnd() const { return m_writtenEnd; }
+    // The device's content at `offset`, writes included, without moving the position.
+    QByteArray contentAt(qint64 offset, qint64 length) const;
+
+protected:
+    qint64 readData(char* data, qint64 maxSize) override;
+    qint64 writeData(const char* data, qint64 len) override;
+
+private:
+    // The recording as the recorder left it, for [pos, pos + n) within originalSize().
+    void fillOriginal(qint64 pos, char* out, qint64 n) const;
+    void fill(qint64 pos, char* out, qint64 n) const;
+
+    QByteArray m_head; // from offset 0 up to the frame map
+    qint64 m_mapPos;
+    QByteArray m_map; // the map bytes given
+    QByteArray m_pattern; // with repeatMap: the given bytes repeated to at least a few KiB
+    qint64 m_mediaBytes;
+    qint64 m_writeCapacity;
+    qint64 m_written = 0;
+    qint64 m_writtenEnd = 0;
+    std::vector<Extent> m_extents;
+};
