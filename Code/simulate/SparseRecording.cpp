@@ -1,0 +1,195 @@
+#include "simulate/SparseRecording.h"
+
+#include "movie/HeronQuickTimeFile.h"
+
+#include <QFile>
+
+#include <cstring>
+#include <memory>
+
+namespace {
+
+const qint64 kBlock = 512;
+// The recorder writes 1,024 bytes of its own behind every frame; the frame map counts them.
+const qint64 kFrameTrailer = 1024;
+// What the Heron recorder always uses; its settings record has no room for other values.
+const quint32 kHeronFramesPerChunk = 3;
+const quint32 kHeronSamplesPerChunk = 3072;
+
+qint64 paddedToBlock(qint64 bytes)
+{
+    return (bytes + kBlock - 1) / kBlock * kBlock;
+}
+
+// Samples per track of every sound chunk, first to last: a short first chunk when asked for, full
+// chunks, and whatever is left as a short last one.
+QVector<quint32> soundChunkLengths(quint32 totalSamples, quint32 perChunk, quint32 firstChunk)
+{
+    QVector<quint32> lengths;
+    quint32 left = totalSamples;
+    if (firstChunk != 0 && left > 0) {
+        lengths << qMin(firstChunk, left);
+        left -= lengths.last();
+    }
+    while (left > 0) {
+        lengths << qMin(perChunk, left);
+        left -= lengths.last();
+    }
+    return lengths;
+}
+
+void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan, int audioTrackCount)
+{
+    s.userData1 = plan.userData1;
+    s.timecode = plan.timecode;
+    s.dropFrame = plan.dropFrame ? 1 : 0;
+    s.userData2 = plan.userData2;
+    s.frameRate = plan.frameRate;
+    s.userData5 = plan.userData5;
+    s.audioTracks = quint32(audioTrackCount);
+    s.audioBytesPerSample = plan.audioBytesPerSample;
+    s.audioSampleRate = plan.audioSampleRate;
+    s.userData9 = plan.userData9;
+    s.width = plan.width;
+    s.height = plan.height;
+    s.interlaced = plan.interlaced;
+    s.videoCodecId = plan.videoCodecId;
+    s.videoCodecType = plan.videoCodecType;
+    s.proResVariant = plan.proResVariant;
+    s.firstChunkSamples = plan.firstChunkSamples;
+    s.audioSamplesPerChunk = plan.audioSamplesPerChunk;
+    s.videoFramesPerChunk = plan.videoFramesPerChunk;
+    const QByteArray reel = plan.reelName.toLatin1().left(Tern::RecoverySettings::s_reelNameSize - 1);
+    std::memset(s.reelName, 0, sizeof s.reelName);
+    std::memcpy(s.reelName, reel.constData(), size_t(reel.size()));
+}
+
+QString planError(const SparseRecordingPlan& sparse)
+{
+    const RecordingPlan& plan = sparse.recording;
+    if (plan.videoFramesPerChunk == 0 || plan.audioBytesPerSample == 0 || plan.audioSamplesPerChunk == 0)
+        return "frames per chunk, bytes per sample and samples per chunk must not be 0";
+    if (plan.family == RecordingPlan::Heron
+        && (plan.videoFramesPerChunk != kHeronFramesPerChunk
+            || plan.audioSamplesPerChunk != kHeronSamplesPerChunk))
+        return "Heron recordings use 3 frames and 3072 samples per chunk";
+    if (sparse.audioTrackCount < 0)
+        return "the number of sound tracks must not be negative";
+    for (int bytes : sparse.videoFrameBytes) {
+        // The frame map holds a chunk of at most 16,383 blocks, padding and trailer included.
+        if (bytes < 0
+            || paddedToBlock(bytes) + kFrameTrailer > Tern::QuickTimeFile::s_blockCountMask * kBlock)
+            return "a video frame must be between 0 and 8,387,072 bytes";
+    }
+    return QString();
+}
+
+} // namespace
+
+SparseRecordingPlan sparsePlanOf(const RecordingPlan& plan)
+{
+    SparseRecordingPlan sparse;
+    sparse.recording = plan;
+    sparse.recording.videoFrames.clear();
+    sparse.recording.audioTracks.clear();
+    for (const QByteArray& frame : plan.videoFrames)
+        sparse.videoFrameBytes << frame.size();
+    sparse.audioTrackCount = plan.audioTracks.size();
+    if (!plan.audioTracks.isEmpty() && plan.audioBytesPerSample != 0)
+        sparse.audioSamplesPerTrack = quint32(plan.audioTracks.first().size()) / plan.audioBytesPerSample;
+    return sparse;
+}
+
+RecordingResult writeSparseRecording(const QString& path, const SparseRecordingPlan& sparse)
+{
+    RecordingResult result;
+    result.error = planError(sparse);
+    if (!result.error.isEmpty())
+        return result;
+    const RecordingPlan& plan = sparse.recording;
+    const bool heron = plan.family == RecordingPlan::Heron;
+
+    QFile file(path);
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Truncate)) {
+        result.error = file.errorString();
+        return result;
+    }
+    QVector<quint16> heronFrameMap;
+    std::unique_ptr<Tern::QuickTimeFile> owner;
+    if (heron) {
+        heronFrameMap.resize(int(Tern::QuickTimeFile::s_frameMapEntries));
+        owner.reset(new QuickTimeFile(file, heronFrameMap.data()));
+    } else {
+        owner.reset(new Tern::QuickTimeFile(file));
+    }
+    Tern::QuickTimeFile& movie = *owner;
+    movie.initFile(&file);
+    file.seek(Tern::QuickTimeFile::s_movieDataStartOffset);
+    storeSettings(movie.settings, plan, sparse.audioTrackCount);
+    movie.saveRecoverySettings();
+    // Tern writes its first timecode sample now, a real one; Heron only stores the timecode.
+    movie.setTimecode(plan.timecode, plan.dropFrame, false, heron);
+
+    const quint32 G = plan.videoFramesPerChunk;
+    const qint64 bps = plan.audioBytesPerSample;
+    const qint64 tracks = sparse.audioTrackCount;
+    const QVector<quint32> sound = soundChunkLengths(
+        tracks > 0 ? sparse.audioSamplesPerTrack : 0, plan.audioSamplesPerChunk, plan.firstChunkSamples);
+    // A chunk that is both first and short is described by its first-chunk count, not as a last chunk.
+    const bool lastIsOwnChunk = sound.size() > 1 || plan.firstChunkSamples == 0;
+    const quint32 lastSamples
+        = !sound.isEmpty() && lastIsOwnChunk && sound.last() != plan.audioSamplesPerChunk ? sound.last() : 0;
+    const int frames = sparse.videoFrameBytes.size();
+    const int videoChunks = (frames + int(G) - 1) / int(G);
+    const int chunkRounds = qMax(videoChunks, sound.size());
+
+    // Each chunk is entered as the add operations enter it (a frame gets its padding and trailer, a
+    // sound chunk is planar with a full stride except a short last one) while the media itself is skipped.
+    qint64 end = file.pos();
+    int frame = 0;
+    int chunksSinceSave = 0;
+    for (int round = 0; round < chunkRounds; ++round) {
+        for (quint32 g = 0; g < G && frame < frames; ++g, ++frame) {
+            const qint64 bytes = paddedToBlock(sparse.videoFrameBytes[frame]) + kFrameTrailer;
+            movie.setFrameSize(movie.totalFrames(), Tern::quicktime_frametype_video, unsigned(bytes));
+            ++movie.videoFrameCount;
+            end += bytes;
+        }
+        if (round < sound.size()) {
+            const bool shortLast = round == sound.size() - 1 && lastSamples != 0;
+            const qint64 stride = shortLast ? lastSamples : plan.audioSamplesPerChunk;
+            const qint64 bytes = paddedToBlock(tracks * stride * bps);
+            movie.setFrameSize(movie.totalFrames(), Tern::quicktime_frametype_sound, unsigned(bytes));
+            ++movie.soundChunks;
+            end += bytes;
+        }
+        if (++chunksSinceSave >= plan.frameMapSaveInterval) {
+            movie.periodicFrameMapSave();
+            chunksSinceSave = 0;
+        }
+    }
+    movie.periodicFrameMapSave();
+
+    // The media becomes a hole: the file is lengthened to where the recorder's writes would have ended.
+    if (!file.resize(end) || !file.seek(end)) {
+        result.error = file.errorString();
+        return result;
+    }
+    result.recordedEndPosition = end;
+    movie.settings.lastChunkSamples = lastSamples;
+    movie.settings.recordedEndPosition = plan.storeRecordedEndPosition ? quint64(end) : 0;
+    movie.saveRecoverySettings();
+    if (plan.tornTailBytes > 0)
+        file.write(syntheticFrame(-1, plan.tornTailBytes));
+
+    result.videoFrames = movie.videoFrames();
+    result.soundChunks = movie.audioFrames();
+    result.timecodeSamples = movie.timecodeSamples;
+    result.lastChunkSamples = lastSamples;
+    result.fileSize = file.size();
+    result.ok = file.error() == QFileDevice::NoError;
+    if (!result.ok)
+        result.error = file.errorString();
+    file.close(); // stopped without closing the movie: no index, 'mdat' still unsized
+    return result;
+}
