@@ -5,6 +5,7 @@
 #include "finalize/LogText.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QFileDialog>
 #include <QMetaObject>
 
@@ -19,6 +20,13 @@ const int kMaxLogLines = 4000;
 
 // The handler that was active before the window installed its own, put back when it goes.
 QtMessageHandler previousHandler = nullptr;
+
+// A run can log thousands of lines a second. While it runs, the log box is repainted at most this often
+// (milliseconds); in between it takes its lines with updates off, so painting every line never dominates
+// the run. Events are still processed after every line.
+const qint64 kRunRepaintIntervalMs = 33;
+bool runInProgress = false;
+QElapsedTimer sinceLogRepaint;
 
 } // namespace
 
@@ -70,6 +78,14 @@ MainWindow::~MainWindow()
 
 void MainWindow::output(const QString& text)
 {
+    if (runInProgress) {
+        // Turning updates back on repaints the whole box once, with this line in it.
+        const bool repaintDue
+            = !sinceLogRepaint.isValid() || sinceLogRepaint.hasExpired(kRunRepaintIntervalMs);
+        ui->outputWindow->setUpdatesEnabled(repaintDue);
+        if (repaintDue)
+            sinceLogRepaint.restart();
+    }
     ui->outputWindow->appendPlainText(logLineText(text));
     // The run is synchronous on this thread: this is where the window repaints and the bar moves.
     QCoreApplication::processEvents();
@@ -105,7 +121,11 @@ void MainWindow::on_startButton_clicked()
 
     FinalizeRun run(!ui->scanAndFinalize->isChecked());
     connect(&run, &FinalizeRun::output, this, &MainWindow::output);
+    runInProgress = true;
+    sinceLogRepaint.invalidate();
     run.run(ui->drivePathEdit->text());
+    runInProgress = false;
+    ui->outputWindow->setUpdatesEnabled(true); // the lines logged since the last repaint show now
 
     ui->scanModeGroup->setEnabled(true);
     ui->drivePathEdit->setEnabled(true);

@@ -1,7 +1,12 @@
 #include "finalize/Finalize.h"
 
+#include <QDirIterator>
 #include <QFile>
+#include <QRegularExpression>
 #include <QtEndian>
+
+#include <algorithm>
+#include <vector>
 
 // Family codes returned by getFileType.
 namespace {
@@ -13,6 +18,125 @@ const int kFamilyUnreadable = 2;
 const quint32 kHeronFirstAtomMinimum = 128;
 
 const unsigned int kResultUnrecoverable = 31;
+
+ushort asciiLower(ushort c)
+{
+    return c >= 'A' && c <= 'Z' ? ushort(c + ('a' - 'A')) : c;
+}
+
+// One wildcard pattern as QDir matches a name against it: the regular expression QDir builds from it.
+// A pattern that is "*" and then plain ASCII text, like the recorder's "*.zqv", matches exactly the names
+// that end in that text; as long as those last characters of a name are ASCII that is decided here
+// (ASCII letters compared without case unless case counts) and the expression is not run.
+struct NameFilter
+{
+    QRegularExpression expression;
+    QString suffix; // the text after "*" for a pattern of that form, else empty
+    bool caseSensitive = false;
+
+    bool matches(const QString& name) const
+    {
+        if (!suffix.isEmpty()) {
+            if (name.size() < suffix.size())
+                return false;
+            const int start = name.size() - suffix.size();
+            bool decided = true;
+            for (int i = 0; i < suffix.size() && decided; ++i) {
+                const ushort c = name.at(start + i).unicode();
+                const ushort want = suffix.at(i).unicode();
+                if (c >= 0x80)
+                    decided = false; // beyond ASCII the expression's own case rules decide
+                else if (c != want && (caseSensitive || asciiLower(c) != asciiLower(want)))
+                    return false;
+            }
+            if (decided)
+                return true;
+        }
+        return expression.match(name).hasMatch();
+    }
+};
+
+// The text after a leading "*" when the rest holds no wildcard and only ASCII, else empty.
+QString plainSuffixOf(const QString& filter)
+{
+    if (filter.size() < 2 || filter.at(0) != QLatin1Char('*'))
+        return QString();
+    const QString rest = filter.mid(1);
+    for (const QChar c : rest) {
+        if (c.unicode() >= 0x80 || QStringLiteral("*?[]\\/").contains(c))
+            return QString();
+    }
+    return rest;
+}
+
+// The patterns, compiled once for as long as they and their case rule stay the same. QDir compiles (and,
+// once they are used a few times, JIT-compiles) fresh expressions on every listing, which made that the
+// main cost of walking a card of thousands of folders.
+const QVector<NameFilter>& compiledNameFilters(const QStringList& filters, bool caseSensitive)
+{
+    static QStringList compiledFor;
+    static bool compiledCaseSensitive = false;
+    static QVector<NameFilter> compiled;
+    if (filters != compiledFor || caseSensitive != compiledCaseSensitive
+        || compiled.size() != filters.size()) {
+        compiled.clear();
+        for (const QString& filter : filters) {
+            NameFilter f;
+            f.expression = QRegularExpression(QRegularExpression::wildcardToRegularExpression(filter),
+                                              caseSensitive ? QRegularExpression::NoPatternOption
+                                                            : QRegularExpression::CaseInsensitiveOption);
+            f.suffix = plainSuffixOf(filter);
+            f.caseSensitive = caseSensitive;
+            compiled << f;
+        }
+        compiledFor = filters;
+        compiledCaseSensitive = caseSensitive;
+    }
+    return compiled;
+}
+
+// dir.entryList(filters): the same names in the same order. The folder's entries are read with the
+// directory's own attribute filters, kept when a pattern matches (folders too, unless all folders are
+// asked for), then sorted as QDir sorts by name: std::sort over the lower-cased names, compared as
+// plain strings, in directory order. Any other sort order is left to QDir itself.
+QStringList entriesMatching(const QDir& dir, const QStringList& filters)
+{
+    const QDir::SortFlags sorting = dir.sorting();
+    if (filters.isEmpty() || (sorting != QDir::Name && sorting != (QDir::Name | QDir::IgnoreCase)))
+        return dir.entryList(filters);
+
+    const QDir::Filters attributes = dir.filter();
+    const QVector<NameFilter>& patterns
+        = compiledNameFilters(filters, attributes.testFlag(QDir::CaseSensitive));
+    struct Entry
+    {
+        QString key;
+        QString name;
+    };
+    std::vector<Entry> entries;
+    QDirIterator it(dir.path(), attributes);
+    while (it.hasNext()) {
+        it.next();
+        const QFileInfo info = it.fileInfo();
+        const QString name = info.fileName();
+        if (!(attributes.testFlag(QDir::AllDirs) && info.isDir())) {
+            const bool matched = std::any_of(patterns.begin(), patterns.end(),
+                                             [&name](const NameFilter& f) { return f.matches(name); });
+            if (!matched)
+                continue;
+        }
+        entries.push_back({sorting.testFlag(QDir::IgnoreCase) ? name.toLower() : name, name});
+    }
+    if (entries.size() > 1) {
+        std::sort(entries.begin(), entries.end(),
+                  [](const Entry& a, const Entry& b) { return a.key.compare(b.key) < 0; });
+    }
+    QStringList names;
+    names.reserve(int(entries.size()));
+    for (const Entry& entry : entries)
+        names << entry.name;
+    return names;
+}
 } // namespace
 
 Finalize::Finalize()
@@ -90,7 +214,7 @@ bool Finalize::finalizeFolder(QDir& dir)
 {
     emit textOutput(QString("Scanning folder: %1\n").arg(dir.absolutePath()));
 
-    const QStringList names = dir.entryList(nameFilters);
+    const QStringList names = entriesMatching(dir, nameFilters);
     for (const QString& name : names) {
         const QString path = dir.absoluteFilePath(name);
         // Case-sensitive on purpose: "clip.NRV" is listed by the wildcard but goes on to dispatch.
