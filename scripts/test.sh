@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what the build and the tests need, builds, and runs every test twice: once as built for
-# users, once under AddressSanitizer and UndefinedBehaviorSanitizer. Exits non-zero on any failure or
-# sanitizer report.
+# users, once under AddressSanitizer and UndefinedBehaviorSanitizer; then replays the fuzz targets'
+# committed corpora and runs each target briefly. Exits non-zero on any failure or sanitizer report.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -28,3 +28,7 @@ export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:detect_stack_use_after_retu
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
 export LSAN_OPTIONS="suppressions=$PWD/scripts/lsan.supp:print_suppressions=0"
 run_suite build/sanitize -DCLIPWARD_SANITIZE=ON
+
+echo "== Fuzz targets: the committed corpora replayed, then each target briefly"
+unset ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS
+fuzz/run.sh ci

@@ -281,7 +281,8 @@ public:
     void periodicFrameMapSave();
     bool recover();
     // False for settings an index cannot be built from without harm: chunking of 0 frames, more sound
-    // tracks than a movie can hold, sound without a sample size, or an end inside the reserved region.
+    // tracks than a movie can hold, sound without a sample size, or an end inside the reserved region or
+    // beyond any file offset.
     bool settingsAllowIndex() const;
     static bool settingsAllowIndex(
         quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample, quint64 endPosition);

@@ -8,6 +8,8 @@
 #include <QSysInfo>
 #include <QtEndian>
 
+#include <limits>
+
 namespace Tern {
 
 namespace {
@@ -83,6 +85,9 @@ bool QuickTimeFile::settingsAllowIndex(quint32 framesPerChunk, quint32 soundTrac
     if (qint32(soundTracks) > qint32(s_maxSoundTracks))
         return false;
     if (qint32(soundTracks) > 0 && bytesPerSample == 0)
+        return false;
+    // A device position is a signed 64-bit offset: an end beyond it is no place in any file.
+    if (endPosition > quint64(std::numeric_limits<qint64>::max()))
         return false;
     return endPosition == 0 || endPosition >= quint64(s_movieDataStartOffset);
 }
