@@ -1,6 +1,7 @@
 #include "movie/InformationAtoms.h"
 
 #include "movie/QuickTimeFile.h"
+#include "movie/TableBatch.h"
 
 #include <QtEndian>
 
@@ -165,8 +166,14 @@ void QuickTimeHaldenAtom::write(QDataStream& stream)
     // The whole 16-bit entries (type and block count): a reader rebuilds the frame map from them. A count
     // beyond the map's capacity (a chunk counted without room for its entry) is listed as 0 there.
     const quint16* map = movieFile ? movieFile->frameMap : nullptr;
-    for (quint32 i = 0; i < frameCount; ++i)
-        stream << (map && i < QuickTimeFile::s_frameMapEntries ? map[i] : quint16(0));
+    const quint32 mapped = map ? qMin(frameCount, QuickTimeFile::s_frameMapEntries) : 0;
+    TableBatch sink(stream, s_frameListEntryBytes);
+    for (quint32 i = 0; i < frameCount;) {
+        const int entries = int(qMin(quint32(sink.capacity()), frameCount - i));
+        for (int slot = 0; slot < entries; ++slot, ++i)
+            sink.put16(slot, i < mapped ? map[i] : quint16(0));
+        sink.endBatch(entries);
+    }
 }
 
 bool QuickTimeHaldenAtom::read(QDataStream& stream, quint64* remaining)

@@ -87,6 +87,7 @@ class QuickTimeHaldenAtom : public QuickTimeVersionFlagsAtom
 public:
     static constexpr quint32 s_fixedPayloadSize = 136; // after version and flags, before the frame list
     static constexpr int s_reservedSize = 72;
+    static constexpr int s_frameListEntryBytes = 2; // one frame-map entry, big-endian
 
     explicit QuickTimeHaldenAtom(QuickTimeFile* movie);
     void write(QDataStream& stream) override;

@@ -2,10 +2,10 @@
 
 #include "movie/QuickTimeBufferDevice.h"
 #include "movie/QuickTimeFile.h"
+#include "movie/TableBatch.h"
 
 #include <QIODevice>
 #include <QtDebug>
-#include <QtEndian>
 
 namespace Tern {
 
@@ -61,53 +61,6 @@ private:
     quint32 m_index = 0;
     quint32 m_total;
     bool m_videoOnly;
-};
-
-// Receives the entries of a big table in batches. Through the library's buffered device the batch is
-// built in the device's own buffer and flushed, with no stream call per entry; any other device gets
-// each batch from a scratch buffer of the same size.
-class BatchSink
-{
-public:
-    BatchSink(QDataStream& stream, int entryBytes)
-        : m_stream(stream)
-        , m_device(qobject_cast<QuickTimeBufferDevice*>(stream.device()))
-        , m_entryBytes(entryBytes)
-    {
-        if (m_device) {
-            m_device->flushBuffer();
-            m_slots = m_device->bufferData();
-            m_capacity = m_device->bufferSize() / entryBytes;
-        } else {
-            m_scratch.resize(QuickTimeBufferDevice::s_bufferSize);
-            m_slots = m_scratch.data();
-            m_capacity = m_scratch.size() / entryBytes;
-        }
-    }
-
-    int capacity() const { return m_capacity; }
-
-    void put32(int slot, quint32 value) { qToBigEndian<quint32>(value, m_slots + slot * m_entryBytes); }
-    void put64(int slot, quint64 value) { qToBigEndian<quint64>(value, m_slots + slot * m_entryBytes); }
-
-    void endBatch(int entries)
-    {
-        const int bytes = entries * m_entryBytes;
-        if (m_device) {
-            m_device->addToFill(bytes); // not once the device has latched an error
-            m_device->flushBuffer();
-        } else {
-            m_stream.writeRawData(m_scratch.constData(), bytes);
-        }
-    }
-
-private:
-    QDataStream& m_stream;
-    QuickTimeBufferDevice* m_device;
-    QByteArray m_scratch;
-    char* m_slots = nullptr;
-    int m_entryBytes;
-    int m_capacity = 0;
 };
 
 // Position of the next byte the stream writes, unflushed bytes of the buffered device included.
@@ -224,7 +177,7 @@ void QuickTimeSampleSizeAtom::write(QDataStream& stream)
         return;
 
     FrameWalk walk(*file);
-    BatchSink sink(stream, s_sizeEntryBytes);
+    TableBatch sink(stream, s_sizeEntryBytes);
     quint32 written = 0;
     // The end of the list is checked between batches only: the caller's count never exceeds the frames
     // of this type, so within a batch the count is the bound.
@@ -354,12 +307,23 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
         const auto tableStart = static_cast<unsigned long long>(streamPosition(stream));
         qDebug("stream %d entries (%llx)", int(entryCount), tableStart);
     }
+    if (sharedStartsFit()) {
+        const quint32 written = writeSharedStarts(stream);
+        if (logs)
+            qDebug("done streaming %d entries", int(written));
+        return;
+    }
 
-    BatchSink sink(stream, s_offset64EntryBytes);
+    // The walk fills the shared list, if there is one, for the tables after this one.
+    QuickTimeChunkStarts* keep = sharedStarts.get();
+    if (keep)
+        keep->starts.clear();
+    TableBatch sink(stream, s_offset64EntryBytes);
     quint64 offset = quint64(QuickTimeFile::s_movieDataStartOffset);
     quint64 lastChunkStart = 0;
     quint32 countdown = 1; // samples of this type until the next chunk begins
     quint32 written = 0;
+    bool lastBatchHeldEntries = false;
     while (written < entryCount && !walk.listEnded()) {
         int entries = 0;
         quint32 frameKind = 0;
@@ -367,6 +331,8 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
         while (entries < sink.capacity() && written < entryCount && walk.next(&frameKind, &length)) {
             if (frameKind == frameType && --countdown == 0) {
                 sink.put64(entries++, offsetBias + offset);
+                if (keep)
+                    keep->starts.push_back(offset);
                 lastChunkStart = offset;
                 ++written;
                 countdown = samplesPerChunk;
@@ -375,12 +341,46 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
         }
         // The final chunk of the table takes lastOffsetBias in place of offsetBias.
         const bool lastBatch = written == entryCount || walk.listEnded();
-        if (lastBatch && entries > 0 && lastOffsetBias != 0)
+        lastBatchHeldEntries = lastBatch && entries > 0;
+        if (lastBatchHeldEntries && lastOffsetBias != 0)
             sink.put64(entries - 1, lastChunkStart + lastOffsetBias);
         sink.endBatch(entries);
     }
+    if (keep) {
+        keep->filled = true;
+        keep->frameType = frameType;
+        keep->samplesPerChunk = samplesPerChunk;
+        keep->entryCount = entryCount;
+        keep->lastTakesLastBias = lastBatchHeldEntries;
+    }
     if (logs)
         qDebug("done streaming %d entries", int(written));
+}
+
+bool QuickTimeChunkOffset64Atom::sharedStartsFit() const
+{
+    const QuickTimeChunkStarts* shared = sharedStarts.get();
+    return shared && shared->filled && shared->frameType == frameType
+        && shared->samplesPerChunk == samplesPerChunk && shared->entryCount == entryCount;
+}
+
+// The same entries the walk gives, from the chunk starts an earlier table of the same chunks found.
+quint32 QuickTimeChunkOffset64Atom::writeSharedStarts(QDataStream& stream) const
+{
+    const std::vector<quint64>& starts = sharedStarts->starts;
+    const size_t total = starts.size();
+    TableBatch sink(stream, s_offset64EntryBytes);
+    size_t done = 0;
+    while (done < total) {
+        const int entries = int(qMin(size_t(sink.capacity()), total - done));
+        for (int i = 0; i < entries; ++i)
+            sink.put64(i, offsetBias + starts[done + size_t(i)]);
+        done += size_t(entries);
+        if (done == total && sharedStarts->lastTakesLastBias && lastOffsetBias != 0)
+            sink.put64(entries - 1, starts[total - 1] + lastOffsetBias);
+        sink.endBatch(entries);
+    }
+    return quint32(total);
 }
 
 bool QuickTimeChunkOffset64Atom::read(QDataStream& stream, quint64* remaining)
