@@ -466,6 +466,25 @@ private slots:
         QVERIFY(windowLines.size() >= 5);
     }
 
+    void longRunKeepsItsLatest4000Lines()
+    {
+        // 4,100 folders log more lines than the box keeps; it ends with the command line's last 4000.
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString card = dir.path() + "/CARD";
+        for (int i = 0; i < 4100; ++i)
+            QVERIFY(QDir().mkpath(QString("%1/F%2").arg(card).arg(i, 4, 10, QLatin1Char('0'))));
+        QVERIFY(TestSupport::writeFile(card + "/F4099/A001.zqv", hex("00000014 66747970")));
+
+        QStringList cliLines;
+        QCOMPARE(TestSupport::runCli({"--scan-only", card}, &cliLines), 0);
+        QVERIFY(cliLines.size() > 4100);
+
+        auto window = makeWindow();
+        runOn(*window, card, true);
+        QCOMPARE(logLines(*window), cliLines.mid(cliLines.size() - 4000));
+    }
+
     void finalizeRunMatchesCli()
     {
         // The same card, finalized once by clipward-cli and once, restored, by the window.
@@ -514,13 +533,14 @@ private slots:
         const QList<QWidget*> controls = runControls(window.get());
         QProgressBar* bar = child<QProgressBar>(window.get(), "progressBar");
 
-        int linesSeen = 0;
+        // The box takes a run's lines in batches: every change of its text during the run is looked at.
+        int changesSeen = 0;
         int linesWithControlsOn = 0;
         int linesWithoutBusyBar = 0;
         connect(box, &QPlainTextEdit::textChanged, this, [&] {
             if (box->toPlainText().isEmpty())
                 return; // the clear at the start of the run
-            ++linesSeen;
+            ++changesSeen;
             if (std::any_of(controls.begin(), controls.end(), [](QWidget* c) { return c->isEnabled(); }))
                 ++linesWithControlsOn;
             if (bar->minimum() != 0 || bar->maximum() != 0)
@@ -531,7 +551,7 @@ private slots:
         disconnect(box, nullptr, this, nullptr);
 
         QCOMPARE(logLines(*window).size(), 9);
-        QVERIFY(linesSeen >= 9);
+        QVERIFY(changesSeen >= 1);
         QCOMPARE(linesWithControlsOn, 0);
         QCOMPARE(linesWithoutBusyBar, 0);
         for (QWidget* control : controls)

@@ -5,7 +5,6 @@
 #include "finalize/LogText.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QFileDialog>
 #include <QMetaObject>
 
@@ -21,12 +20,11 @@ const int kMaxLogLines = 4000;
 // The handler that was active before the window installed its own, put back when it goes.
 QtMessageHandler previousHandler = nullptr;
 
-// A run can log thousands of lines a second. While it runs, the log box is repainted at most this often
-// (milliseconds); in between it takes its lines with updates off, so painting every line never dominates
-// the run. Events are still processed after every line.
-const qint64 kRunRepaintIntervalMs = 33;
-bool runInProgress = false;
-QElapsedTimer sinceLogRepaint;
+// A run can log thousands of lines a second, and the log box lays out and shapes the text of every line
+// it is given at once. While a run is in progress it is given the new lines at most this often
+// (milliseconds), all in one append, so it lays out only what it shows; the box lags the run by at most
+// that. Events are still processed after every line.
+const qint64 kRunLogInterval = 33;
 
 } // namespace
 
@@ -78,17 +76,23 @@ MainWindow::~MainWindow()
 
 void MainWindow::output(const QString& text)
 {
-    if (runInProgress) {
-        // Turning updates back on repaints the whole box once, with this line in it.
-        const bool repaintDue
-            = !sinceLogRepaint.isValid() || sinceLogRepaint.hasExpired(kRunRepaintIntervalMs);
-        ui->outputWindow->setUpdatesEnabled(repaintDue);
-        if (repaintDue)
-            sinceLogRepaint.restart();
+    if (m_runInProgress) {
+        m_pendingLog << logLineText(text);
+        if (!m_sinceLogShown.isValid() || m_sinceLogShown.hasExpired(kRunLogInterval))
+            showPendingLog();
+    } else {
+        ui->outputWindow->appendPlainText(logLineText(text));
     }
-    ui->outputWindow->appendPlainText(logLineText(text));
     // The run is synchronous on this thread: this is where the window repaints and the bar moves.
     QCoreApplication::processEvents();
+}
+
+void MainWindow::showPendingLog()
+{
+    if (!m_pendingLog.isEmpty())
+        ui->outputWindow->appendPlainText(m_pendingLog.join(QLatin1Char('\n')));
+    m_pendingLog.clear();
+    m_sinceLogShown.restart();
 }
 
 void MainWindow::drivePathTextChanged(const QString& text)
@@ -121,11 +125,11 @@ void MainWindow::on_startButton_clicked()
 
     FinalizeRun run(!ui->scanAndFinalize->isChecked());
     connect(&run, &FinalizeRun::output, this, &MainWindow::output);
-    runInProgress = true;
-    sinceLogRepaint.invalidate();
+    m_runInProgress = true;
+    m_sinceLogShown.invalidate();
     run.run(ui->drivePathEdit->text());
-    runInProgress = false;
-    ui->outputWindow->setUpdatesEnabled(true); // the lines logged since the last repaint show now
+    m_runInProgress = false;
+    showPendingLog();
 
     ui->scanModeGroup->setEnabled(true);
     ui->drivePathEdit->setEnabled(true);

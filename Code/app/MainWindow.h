@@ -1,7 +1,9 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QMainWindow>
 #include <QString>
+#include <QStringList>
 
 namespace Ui {
 class MainWindow;
@@ -30,7 +32,13 @@ public slots:
     void on_browseButton_clicked();
 
 private:
+    // Puts the lines a run has logged since the box last showed them into the box, in one append.
+    void showPendingLog();
+
     Ui::MainWindow* ui;
+    bool m_runInProgress = false;
+    QStringList m_pendingLog;
+    QElapsedTimer m_sinceLogShown;
 };
 
 // The window that debugHandler writes to; null while no window exists.
