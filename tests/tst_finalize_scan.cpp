@@ -58,6 +58,7 @@ private slots:
     void unreadableMovieInFinalizeModeKeepsStaleName();
     void folderLinkLoopIsEnteredOnce();
     void namesAreReportedVerbatim();
+    void entriesThatVanishDuringTheWalk();
 };
 
 void TestFinalizeScan::constructionDefaults()
@@ -294,6 +295,37 @@ void TestFinalizeScan::namesAreReportedVerbatim()
     for (const QString& name : sorted)
         expected << "     " + tmp.filePath(name) + " (heron) Requires finalize\n";
     QCOMPARE(runDriver({tmp.path()}, true), expected);
+}
+
+void TestFinalizeScan::entriesThatVanishDuringTheWalk()
+{
+    // Once the first file is reported its neighbour, already listed, is taken away; once the walk enters
+    // folder b, its listed sibling c is. The file fails like any other, nothing is created in its place,
+    // and the missing folder is passed over.
+    QTemporaryDir tmp;
+    const QString root = tmp.path();
+    QVERIFY(writeFile(root + "/A001.zqa", "x"));
+    QVERIFY(writeFile(root + "/A002.zqa", "x"));
+    QVERIFY(writeFile(root + "/b/B001.zqa", "x"));
+    QVERIFY(writeFile(root + "/c/C001.zqa", "x"));
+
+    Finalize driver;
+    QObject::connect(&driver, &Finalize::textOutput, [&](const QString& line) {
+        if (line.contains("/A001.nra") && QFile::exists(root + "/A002.zqa"))
+            QVERIFY(QFile::remove(root + "/A002.zqa"));
+        if (line == QString("Scanning folder: %1/b\n").arg(root))
+            QVERIFY(QDir(root + "/c").removeRecursively());
+    });
+    const QStringList lines = runDriver({root}, false, &driver);
+    QCOMPARE(lines, QStringList({QString("Scanning folder: %1\n").arg(root),
+                                 "     " + root + "/A001.nra (Heron) Unrecoverable\n",
+                                 "     " + root + "/A001.nra (Heron) Unrecoverable\n",
+                                 QString("Scanning folder: %1/b\n").arg(root),
+                                 "     " + root + "/b/B001.nra (Heron) Unrecoverable\n"}));
+    QCOMPARE(driver.badCount, 3);
+    QVERIFY(!QFile::exists(root + "/A002.zqa"));
+    QVERIFY(!QFile::exists(root + "/A002.nra"));
+    QVERIFY(!QDir(root + "/c").exists());
 }
 
 QTEST_GUILESS_MAIN(TestFinalizeScan)
