@@ -169,6 +169,10 @@ void TestReaderImport::framesAndSamplesEqualFfmpegs()
     QCOMPARE(file.trackCount, 1 + soundTracks);
     if (videoLast)
         QCOMPARE(file.tracks[soundTracks].type, Tern::quicktime_frametype_video);
+    // One sound track of several channels counts its channels, and marks them interleaved.
+    const bool multiChannel = QString(QTest::currentDataTag()).contains("4-channel");
+    QCOMPARE(file.audioTracks, multiChannel ? 4u : quint32(soundTracks));
+    QCOMPARE(file.interleavedAudio, multiChannel);
 
     QStringList frames;
     QByteArray buffer(4 * 1024 * 1024, '\0');
