@@ -143,7 +143,6 @@ bool QuickTimeFile::closeFile()
     // One mono sound track per channel; the recorder lays each chunk out planar, track after track, so
     // track i's part of a chunk starts i track-parts into it.
     if (A != 0 && qint32(audioTracks) > 0) {
-        const auto soundChunkStarts = std::make_shared<QuickTimeChunkStarts>();
         for (quint32 i = 0; i < audioTracks; ++i, ++nextTrackId) {
             QuickTimeAtom* mdia =
                 addTrackHead(this, moov, nextTrackId, M, 0, 0, audioSampleRate, Q, fourCC("soun"));
@@ -163,10 +162,8 @@ bool QuickTimeFile::closeFile()
             alignNextAtom(stbl, kChunkOffsetTableHead);
             // A short first chunk is handed over but not used by the writer: the first chunk is
             // addressed like a full one.
-            auto* co64 = new QuickTimeChunkOffset64Atom(this, quicktime_frametype_sound, A, P * i * B, 1,
-                                                        L != 0 ? L * B * i : 0, F * B * i);
-            co64->sharedStarts = soundChunkStarts; // the tracks share their chunks: one walk of the map
-            stbl->addAtom(co64);
+            stbl->addAtom(new QuickTimeChunkOffset64Atom(this, quicktime_frametype_sound, A, P * i * B, 1,
+                                                         L != 0 ? L * B * i : 0, F * B * i));
         }
     }
 

@@ -56,6 +56,26 @@ public:
         return true;
     }
 
+    // Hands the frames onward to visit(frameKind, length) until it returns false (that frame is still
+    // consumed) or the storage ends. The batch writers' inner loop: one tight pass over the map.
+    template <typename Visit> void visitUntil(Visit visit)
+    {
+        if (m_videoOnly) {
+            do
+                ++m_index;
+            while (visit(quint32(quicktime_frametype_video), quint32(0)));
+            return;
+        }
+        if (!m_map)
+            return;
+        while (m_index < QuickTimeFile::s_frameMapEntries) {
+            const quint16 entry = m_map[m_index++];
+            if (!visit(quint32(entry >> QuickTimeFile::s_frameTypeShift),
+                       quint32(entry & QuickTimeFile::s_blockCountMask) << QuickTimeFile::s_blockShift))
+                return;
+        }
+    }
+
 private:
     const quint16* m_map;
     quint32 m_index = 0;
@@ -181,16 +201,18 @@ void QuickTimeSampleSizeAtom::write(QDataStream& stream)
     quint32 written = 0;
     // The end of the list is checked between batches only: the caller's count never exceeds the frames
     // of this type, so within a batch the count is the bound.
-    while (written < sampleCount && !walk.listEnded()) {
+    const int capacity = sink.capacity();
+    const quint32 type = frameType; // locals, as in the 'co64' writer
+    const quint32 samplesWanted = sampleCount;
+    while (written < samplesWanted && !walk.listEnded()) {
         int entries = 0;
-        quint32 frameKind = 0;
-        quint32 length = 0;
-        while (entries < sink.capacity() && written < sampleCount && walk.next(&frameKind, &length)) {
-            if (frameKind == frameType) {
-                sink.put32(entries++, length);
-                ++written;
-            }
-        }
+        walk.visitUntil([&](quint32 frameKind, quint32 length) {
+            if (frameKind != type)
+                return true;
+            sink.put32(entries++, length);
+            ++written;
+            return entries < capacity && written < samplesWanted;
+        });
         sink.endBatch(entries);
     }
 }
@@ -307,80 +329,40 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
         const auto tableStart = static_cast<unsigned long long>(streamPosition(stream));
         qDebug("stream %d entries (%llx)", int(entryCount), tableStart);
     }
-    if (sharedStartsFit()) {
-        const quint32 written = writeSharedStarts(stream);
-        if (logs)
-            qDebug("done streaming %d entries", int(written));
-        return;
-    }
 
-    // The walk fills the shared list, if there is one, for the tables after this one.
-    QuickTimeChunkStarts* keep = sharedStarts.get();
-    if (keep)
-        keep->starts.clear();
     TableBatch sink(stream, s_offset64EntryBytes);
     quint64 offset = quint64(QuickTimeFile::s_movieDataStartOffset);
     quint64 lastChunkStart = 0;
     quint32 countdown = 1; // samples of this type until the next chunk begins
     quint32 written = 0;
-    bool lastBatchHeldEntries = false;
-    while (written < entryCount && !walk.listEnded()) {
+    // The table's parameters as locals: the batch is written through a char pointer, which the compiler
+    // must otherwise assume changes them after every entry.
+    const int capacity = sink.capacity();
+    const quint32 type = frameType;
+    const quint32 chunkSamples = samplesPerChunk;
+    const quint32 entriesWanted = entryCount;
+    const quint64 bias = offsetBias;
+    while (written < entriesWanted && !walk.listEnded()) {
         int entries = 0;
-        quint32 frameKind = 0;
-        quint32 length = 0;
-        while (entries < sink.capacity() && written < entryCount && walk.next(&frameKind, &length)) {
-            if (frameKind == frameType && --countdown == 0) {
-                sink.put64(entries++, offsetBias + offset);
-                if (keep)
-                    keep->starts.push_back(offset);
-                lastChunkStart = offset;
-                ++written;
-                countdown = samplesPerChunk;
-            }
+        walk.visitUntil([&](quint32 frameKind, quint32 length) {
+            const quint64 start = offset;
             offset += length;
-        }
+            if (frameKind != type || --countdown != 0)
+                return true;
+            sink.put64(entries++, bias + start);
+            lastChunkStart = start;
+            ++written;
+            countdown = chunkSamples;
+            return entries < capacity && written < entriesWanted;
+        });
         // The final chunk of the table takes lastOffsetBias in place of offsetBias.
         const bool lastBatch = written == entryCount || walk.listEnded();
-        lastBatchHeldEntries = lastBatch && entries > 0;
-        if (lastBatchHeldEntries && lastOffsetBias != 0)
+        if (lastBatch && entries > 0 && lastOffsetBias != 0)
             sink.put64(entries - 1, lastChunkStart + lastOffsetBias);
         sink.endBatch(entries);
     }
-    if (keep) {
-        keep->filled = true;
-        keep->frameType = frameType;
-        keep->samplesPerChunk = samplesPerChunk;
-        keep->entryCount = entryCount;
-        keep->lastTakesLastBias = lastBatchHeldEntries;
-    }
     if (logs)
         qDebug("done streaming %d entries", int(written));
-}
-
-bool QuickTimeChunkOffset64Atom::sharedStartsFit() const
-{
-    const QuickTimeChunkStarts* shared = sharedStarts.get();
-    return shared && shared->filled && shared->frameType == frameType
-        && shared->samplesPerChunk == samplesPerChunk && shared->entryCount == entryCount;
-}
-
-// The same entries the walk gives, from the chunk starts an earlier table of the same chunks found.
-quint32 QuickTimeChunkOffset64Atom::writeSharedStarts(QDataStream& stream) const
-{
-    const std::vector<quint64>& starts = sharedStarts->starts;
-    const size_t total = starts.size();
-    TableBatch sink(stream, s_offset64EntryBytes);
-    size_t done = 0;
-    while (done < total) {
-        const int entries = int(qMin(size_t(sink.capacity()), total - done));
-        for (int i = 0; i < entries; ++i)
-            sink.put64(i, offsetBias + starts[done + size_t(i)]);
-        done += size_t(entries);
-        if (done == total && sharedStarts->lastTakesLastBias && lastOffsetBias != 0)
-            sink.put64(entries - 1, starts[total - 1] + lastOffsetBias);
-        sink.endBatch(entries);
-    }
-    return quint32(total);
 }
 
 bool QuickTimeChunkOffset64Atom::read(QDataStream& stream, quint64* remaining)

@@ -2,9 +2,6 @@
 
 #include "movie/QuickTimeAtom.h"
 
-#include <memory>
-#include <vector>
-
 namespace Tern {
 
 // The sample tables of a track. The tables with an entry per sample or per chunk are never held in
@@ -74,20 +71,6 @@ public:
 
 // 'co64': a 64-bit offset for every samplesPerChunk frames of frameType, each chunk addressed by its
 // first sample plus offsetBias; the last chunk takes lastOffsetBias instead when that is not 0.
-//
-// The sound tracks of a recording share their chunks and differ only in their biases. Tables handed the
-// same QuickTimeChunkStarts walk the frame map once: the first one written keeps the chunk starts it
-// found there, and the others write theirs from that list.
-struct QuickTimeChunkStarts
-{
-    bool filled = false;
-    quint32 frameType = 0;
-    quint32 samplesPerChunk = 0;
-    quint32 entryCount = 0;
-    std::vector<quint64> starts; // without any bias, in file order
-    bool lastTakesLastBias = false; // the walk's final batch held the last entry
-};
-
 class QuickTimeChunkOffset64Atom : public QuickTimeVersionFlagsAtom
 {
 public:
@@ -104,11 +87,6 @@ public:
     quint64 lastOffsetBias;
     quint64 firstOffsetBias; // kept for the caller; the first chunk is addressed like a full one
     quint32 entryCount;
-    std::shared_ptr<QuickTimeChunkStarts> sharedStarts; // none: the table walks the map for itself
-
-private:
-    bool sharedStartsFit() const;
-    quint32 writeSharedStarts(QDataStream& stream) const;
 };
 
 } // namespace Tern
