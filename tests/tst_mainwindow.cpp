@@ -23,6 +23,7 @@
 #include <QTimer>
 #include <QXmlStreamReader>
 #include <QtEndian>
+#include <QScrollBar>
 #include <QtTest>
 
 #include <algorithm>
@@ -483,6 +484,9 @@ private slots:
         auto window = makeWindow();
         runOn(*window, card, true);
         QCOMPARE(logLines(*window), cliLines.mid(cliLines.size() - 4000));
+        QScrollBar* scroll = child<QPlainTextEdit>(window.get(), "outputWindow")->verticalScrollBar();
+        QVERIFY(scroll->maximum() > 3900);
+        QCOMPARE(scroll->value(), scroll->maximum()); // the box followed the log to its end
     }
 
     void finalizeRunMatchesCli()
@@ -533,14 +537,15 @@ private slots:
         const QList<QWidget*> controls = runControls(window.get());
         QProgressBar* bar = child<QProgressBar>(window.get(), "progressBar");
 
-        // The box takes a run's lines in batches: every change of its text during the run is looked at.
-        int changesSeen = 0;
+        int linesSeen = 0;
+        QList<int> blockCounts; // the box's paragraphs each time its text changed: one line at a time
         int linesWithControlsOn = 0;
         int linesWithoutBusyBar = 0;
         connect(box, &QPlainTextEdit::textChanged, this, [&] {
             if (box->toPlainText().isEmpty())
                 return; // the clear at the start of the run
-            ++changesSeen;
+            ++linesSeen;
+            blockCounts << box->document()->blockCount();
             if (std::any_of(controls.begin(), controls.end(), [](QWidget* c) { return c->isEnabled(); }))
                 ++linesWithControlsOn;
             if (bar->minimum() != 0 || bar->maximum() != 0)
@@ -551,7 +556,10 @@ private slots:
         disconnect(box, nullptr, this, nullptr);
 
         QCOMPARE(logLines(*window).size(), 9);
-        QVERIFY(changesSeen >= 1);
+        QVERIFY(linesSeen >= 9);
+        QCOMPARE(blockCounts, QList<int>({1, 2, 3, 4, 5, 6, 7, 8, 9}));
+        QScrollBar* scroll = box->verticalScrollBar();
+        QCOMPARE(scroll->value(), scroll->maximum()); // the box followed the log to its end
         QCOMPARE(linesWithControlsOn, 0);
         QCOMPARE(linesWithoutBusyBar, 0);
         for (QWidget* control : controls)

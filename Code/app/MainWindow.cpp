@@ -4,9 +4,13 @@
 #include "finalize/FinalizeRun.h"
 #include "finalize/LogText.h"
 
+#include <QAbstractTextDocumentLayout>
 #include <QCoreApplication>
 #include <QFileDialog>
 #include <QMetaObject>
+#include <QScrollBar>
+#include <QTextCursor>
+#include <QTextDocument>
 
 #include <cstdlib>
 
@@ -20,10 +24,10 @@ const int kMaxLogLines = 4000;
 // The handler that was active before the window installed its own, put back when it goes.
 QtMessageHandler previousHandler = nullptr;
 
-// A run can log thousands of lines a second, and the log box lays out and shapes the text of every line
-// it is given at once. While a run is in progress it is given the new lines at most this often
-// (milliseconds), all in one append, so it lays out only what it shows; the box lags the run by at most
-// that. Events are still processed after every line.
+// A run can log thousands of lines a second. The box's own append lays out and shapes each new line to
+// scroll to it, and every repaint lays out what is in view; during a run the lines go into its document
+// directly, where they are laid out only once shown, and the box is scrolled and repainted at most this
+// often (milliseconds). Events are still processed after every line.
 const qint64 kRunLogInterval = 33;
 
 } // namespace
@@ -76,22 +80,48 @@ MainWindow::~MainWindow()
 
 void MainWindow::output(const QString& text)
 {
-    if (m_runInProgress) {
-        m_pendingLog << logLineText(text);
-        if (!m_sinceLogShown.isValid() || m_sinceLogShown.hasExpired(kRunLogInterval))
-            showPendingLog();
-    } else {
+    if (m_runInProgress)
+        appendDuringRun(logLineText(text));
+    else
         ui->outputWindow->appendPlainText(logLineText(text));
-    }
     // The run is synchronous on this thread: this is where the window repaints and the bar moves.
     QCoreApplication::processEvents();
 }
 
-void MainWindow::showPendingLog()
+void MainWindow::appendDuringRun(const QString& line)
 {
-    if (!m_pendingLog.isEmpty())
-        ui->outputWindow->appendPlainText(m_pendingLog.join(QLatin1Char('\n')));
-    m_pendingLog.clear();
+    // A new paragraph, as appendPlainText makes one: an empty document takes the text in its first block.
+    // One edit, so the document's layout sees a new block (laid out when shown), not a changed one (laid
+    // out at once).
+    QTextDocument* document = ui->outputWindow->document();
+    QTextCursor cursor(document);
+    cursor.beginEditBlock();
+    cursor.movePosition(QTextCursor::End);
+    if (!document->isEmpty())
+        cursor.insertBlock();
+    cursor.insertText(line);
+    cursor.endEditBlock();
+
+    if (!m_sinceLogShown.isValid() || m_sinceLogShown.hasExpired(kRunLogInterval))
+        showLog();
+    else
+        ui->outputWindow->setUpdatesEnabled(false);
+}
+
+void MainWindow::showLog()
+{
+    // The box sizes its scroll bar from the last lines' layout whenever the document grows; between
+    // showings that notice is held back, and given once here.
+    QAbstractTextDocumentLayout* layout = ui->outputWindow->document()->documentLayout();
+    layout->blockSignals(false);
+    emit layout->documentSizeChanged(layout->documentSize());
+    layout->blockSignals(m_runInProgress);
+    ui->outputWindow->setUpdatesEnabled(true);
+    QScrollBar* bar = ui->outputWindow->verticalScrollBar();
+    if (bar->value() >= m_shownBottom)
+        bar->setValue(bar->maximum());
+    m_shownBottom = bar->maximum();
+    ui->outputWindow->viewport()->update();
     m_sinceLogShown.restart();
 }
 
@@ -127,9 +157,10 @@ void MainWindow::on_startButton_clicked()
     connect(&run, &FinalizeRun::output, this, &MainWindow::output);
     m_runInProgress = true;
     m_sinceLogShown.invalidate();
+    m_shownBottom = ui->outputWindow->verticalScrollBar()->maximum();
     run.run(ui->drivePathEdit->text());
     m_runInProgress = false;
-    showPendingLog();
+    showLog();
 
     ui->scanModeGroup->setEnabled(true);
     ui->drivePathEdit->setEnabled(true);

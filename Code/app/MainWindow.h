@@ -3,7 +3,6 @@
 #include <QElapsedTimer>
 #include <QMainWindow>
 #include <QString>
-#include <QStringList>
 
 namespace Ui {
 class MainWindow;
@@ -32,13 +31,15 @@ public slots:
     void on_browseButton_clicked();
 
 private:
-    // Puts the lines a run has logged since the box last showed them into the box, in one append.
-    void showPendingLog();
+    // A line logged during a run: into the box's document at once, shown at most every kRunLogInterval.
+    void appendDuringRun(const QString& line);
+    // Repaints the box with everything appended so far, following the end unless the user scrolled away.
+    void showLog();
 
     Ui::MainWindow* ui;
     bool m_runInProgress = false;
-    QStringList m_pendingLog;
     QElapsedTimer m_sinceLogShown;
+    int m_shownBottom = 0; // the scroll bar's end when the box was last shown
 };
 
 // The window that debugHandler writes to; null while no window exists.
