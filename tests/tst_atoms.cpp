@@ -630,6 +630,11 @@ void TestAtoms::userSettingsKeepsItsSizeRule()
 
     QuickTimeUserSettingsAtom withoutFile(nullptr);
     QCOMPARE(withoutFile.size, 12u);
+    // No text is a count of 0 bytes, not the stream's null-string marker.
+    QCOMPARE(written(withoutFile), hex("0000000c 75736574 00000000 00000000"));
+    QuickTimeFile unset(device);
+    QuickTimeUserSettingsAtom empty(&unset);
+    QCOMPARE(written(empty), hex("0000000c 75736574 00000000 00000000"));
 }
 
 void TestAtoms::fieldAndResolutionAtoms()

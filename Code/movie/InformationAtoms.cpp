@@ -229,7 +229,8 @@ QuickTimeUserSettingsAtom::QuickTimeUserSettingsAtom(QuickTimeFile* movie)
 void QuickTimeUserSettingsAtom::write(QDataStream& stream)
 {
     QuickTimeVersionFlagsAtom::write(stream);
-    stream << text;
+    // A null string would go out as the stream's null marker (0xFFFFFFFF) instead of a count of 0.
+    stream << (text.isNull() ? QString(QLatin1String("")) : text);
 }
 
 // ---------------------------------------------------------------------------------------------------------
