@@ -57,6 +57,7 @@ private slots:
     void skipFolderIsReportedAndNotEntered();
     void unreadableMovieInFinalizeModeKeepsStaleName();
     void folderLinkLoopIsEnteredOnce();
+    void folderLinkToASiblingIsWalked();
     void namesAreReportedVerbatim();
     void entriesThatVanishDuringTheWalk();
 };
@@ -280,6 +281,23 @@ void TestFinalizeScan::folderLinkLoopIsEnteredOnce()
                                  "     " + root + "/a/A001.zqa (heron) Requires finalize\n",
                                  QString("Skipping folder: %1/a/back\n").arg(root),
                                  QString("Skipping folder: %1/a/up\n").arg(root)}));
+}
+
+void TestFinalizeScan::folderLinkToASiblingIsWalked()
+{
+    // No loop: the sibling is walked under both of its names, as any folder is.
+    QTemporaryDir tmp;
+    const QString root = tmp.path();
+    QVERIFY(writeFile(root + "/b/B001.zqa", "x"));
+    QVERIFY(QDir().mkpath(root + "/a"));
+    QVERIFY(QFile::link(root + "/b", root + "/a/link"));
+    QCOMPARE(runDriver({root}, true),
+             QStringList({QString("Scanning folder: %1\n").arg(root),
+                          QString("Scanning folder: %1/a\n").arg(root),
+                          QString("Scanning folder: %1/a/link\n").arg(root),
+                          "     " + root + "/a/link/B001.zqa (heron) Requires finalize\n",
+                          QString("Scanning folder: %1/b\n").arg(root),
+                          "     " + root + "/b/B001.zqa (heron) Requires finalize\n"}));
 }
 
 void TestFinalizeScan::namesAreReportedVerbatim()

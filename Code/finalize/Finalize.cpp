@@ -164,7 +164,7 @@ bool Finalize::finalizeFolders(const QStringList& paths)
 
 bool Finalize::finalizeFolderTree(const QStringList& paths)
 {
-    m_walkedFolders.clear();
+    m_enclosingFolders.clear();
     for (const QString& path : paths) {
         QDir dir(QDir::toNativeSeparators(path));
         if (!dir.exists()) {
@@ -182,11 +182,11 @@ bool Finalize::finalizeFolderTree(const QStringList& paths)
 bool Finalize::finalizeFolderTree(QDir& dir)
 {
     const QString resolved = dir.canonicalPath();
-    if (isSkipFolder(dir) || (!resolved.isEmpty() && m_walkedFolders.contains(resolved))) {
+    if (isSkipFolder(dir) || (!resolved.isEmpty() && m_enclosingFolders.contains(resolved))) {
         emit textOutput(QString("Skipping folder: %1\n").arg(dir.absolutePath()));
         return true;
     }
-    m_walkedFolders.insert(resolved);
+    m_enclosingFolders.insert(resolved);
     finalizeFolder(dir);
 
     QStringList subfolders = dir.entryList(QDir::AllDirs);
@@ -198,6 +198,7 @@ bool Finalize::finalizeFolderTree(QDir& dir)
         finalizeFolderTree(dir);
         dir.cdUp();
     }
+    m_enclosingFolders.remove(resolved);
     return true;
 }
 

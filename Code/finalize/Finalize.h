@@ -45,7 +45,8 @@ signals:
     void textOutput(const QString& text);
 
 private:
-    // Folders already walked in this run, by their resolved path: a folder link that leads back up the
-    // tree is entered once, so the walk always ends.
-    QSet<QString> m_walkedFolders;
+    // Canonical paths of the folders the walk is inside of, from the start path down: a folder link that
+    // leads back into one of them would loop, so it is reported as skipped instead. Links elsewhere,
+    // to a sibling for example, are walked like folders.
+    QSet<QString> m_enclosingFolders;
 };
