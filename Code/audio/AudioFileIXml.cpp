@@ -322,8 +322,7 @@ unsigned int AudioFile::WriteMetadata()
             break;
         }
     }
-    if (result == s_resultOk)
-        m_iXmlModified = false;
+    m_iXmlModified = false; // whatever the walk met: a failed write is not tried again
     seekTo(resumePos);
     return result;
 }
