@@ -231,6 +231,35 @@ private slots:
     // A Heron recording whose frame map is full (2,736,000 entries, no terminator) counts the timecode
     // sample that closing appends without room for its entry; the maker atom listed that entry from past
     // the end of the map. An entry beyond the map is listed as 0, and the atom is exactly its size.
+    // Counts whose tables would not fit a 32-bit atom size (chunk offsets for 2^28 sound chunks on two
+    // tracks, 4 GiB): closeFile builds no index and writes nothing.
+    void indexBeyondAtomSizesIsNotWritten()
+    {
+        QByteArray bytes = recording(ternRegionHead(), settingsRecord(kRecordBytesTern, 72, 0), sixtyOneChunks(),
+            kSixtyOneChunksBlocks);
+        QBuffer buffer(&bytes);
+        QVERIFY(buffer.open(QIODevice::ReadWrite));
+        Tern::QuickTimeFile movie(buffer);
+        QVERIFY(movie.verifyHeader());
+        movie.initFile(nullptr);
+        movie.videoFrameCount = 30;
+        movie.timecodeSamples = 1;
+        movie.videoFramesPerChunk = 1;
+        movie.audioTracks = 2;
+        movie.audioBytesPerSample = 3;
+        movie.soundChunks = 1u << 28;
+        QVERIFY(!movie.indexFitsAtomSizes());
+        const QByteArray before = bytes;
+        QVERIFY(buffer.seek(buffer.size()));
+        QVERIFY(!movie.closeFile());
+        QVERIFY(bytes == before);
+
+        movie.soundChunks = 30; // the recording's own count: the same call builds the index
+        QVERIFY(movie.indexFitsAtomSizes());
+        QVERIFY(movie.closeFile());
+        QVERIFY(bytes.size() > before.size());
+    }
+
     void makerAtomListsNothingFromBeyondTheFrameMap()
     {
         const quint32 capacity = Tern::QuickTimeFile::s_frameMapEntries;

@@ -12,6 +12,8 @@
 #include <QFileDevice>
 #include <QIODevice>
 
+#include <limits>
+
 namespace Tern {
 
 namespace {
@@ -52,7 +54,37 @@ void addDataReference(QuickTimeAtom* minf)
     dinf->addAtom(new QuickTimeDataReferenceAtom());
 }
 
+// Sound samples per track: the short first and last chunks and the full ones between them. 32-bit, as
+// the tables that count them.
+quint32 soundSamplesPerTrack(const QuickTimeFile& file)
+{
+    const quint32 A = file.soundChunks;
+    const quint32 L = file.lastChunkSamples;
+    const quint32 F = file.firstChunkSamples;
+    return L + F + (A - (L != 0 ? 1 : 0) - (F != 0 ? 1 : 0)) * file.audioSamplesPerChunk;
+}
+
 } // namespace
+
+bool QuickTimeFile::indexFitsAtomSizes() const
+{
+    // Every table's bytes, counted in 64 bits, and a generous allowance per track for its headers,
+    // descriptions and alignment: the whole 'moov' must stay within its 32-bit size.
+    const quint64 kTrackAllowance = 4096;
+    const quint64 V = videoFrameCount;
+    const quint64 A = soundChunks;
+    const quint64 T = timecodeSamples;
+    const quint64 G = videoFramesPerChunk != 0 ? videoFramesPerChunk : 1;
+    quint64 bytes = kTrackAllowance + 2 * quint64(totalFrames()); // movie header and maker atom
+    bytes += kTrackAllowance + 12 * T;
+    if (V != 0)
+        bytes += kTrackAllowance + 4 * V + 8 * ((V + G - 1) / G);
+    if (A != 0 && qint32(audioTracks) > 0) {
+        const quint64 sizes = audioBytesPerSample == 0 ? 4 * quint64(soundSamplesPerTrack(*this)) : 0;
+        bytes += quint64(audioTracks) * (kTrackAllowance + 8 * A + sizes);
+    }
+    return bytes <= quint64(std::numeric_limits<quint32>::max());
+}
 
 bool QuickTimeFile::closeFile()
 {
@@ -69,6 +101,11 @@ bool QuickTimeFile::closeFile()
         }
     }
 
+    if (!indexFitsAtomSizes()) {
+        restoreSizeBeforeClose();
+        return false;
+    }
+
     const quint32 V = videoFrameCount;
     const quint32 A = soundChunks;
     const quint32 T = timecodeSamples;
@@ -80,7 +117,7 @@ bool QuickTimeFile::closeFile()
     const quint32 G = videoFramesPerChunk;
     const quint32 B = audioBytesPerSample;
     const quint32 M = D * V;
-    const quint32 Q = L + F + (A - (L != 0 ? 1 : 0) - (F != 0 ? 1 : 0)) * P;
+    const quint32 Q = soundSamplesPerTrack(*this);
 
     QuickTimeAtom* moov = addAtom(new QuickTimeMovieAtom());
     moov->position = device.pos();

@@ -281,11 +281,14 @@ public:
     void periodicFrameMapSave();
     bool recover();
     // False for settings an index cannot be built from without harm: chunking of 0 frames, more sound
-    // tracks than a movie can hold, sound without a sample size, or an end inside the reserved region or
-    // beyond any file offset.
+    // tracks than a movie can hold, sound without a sample size (its per-sample size list would outrun
+    // the frame map and leave the table short of its declared size), or an end inside the reserved
+    // region or beyond any file offset.
     bool settingsAllowIndex() const;
     static bool settingsAllowIndex(
         quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample, quint64 endPosition);
+    // False when the index of the counts at hand would not fit atoms with 32-bit sizes.
+    bool indexFitsAtomSizes() const;
     static constexpr quint32 s_maxSoundTracks = s_maxTracks - 2; // beside the timecode and video tracks
 
     // Members, in the order of the recording's state.
