@@ -194,6 +194,15 @@ void TestTernFinalize::existingMovBlocksTheRename()
     QCOMPARE(run.lines.last(), "     " + mov + " (Tern) Finalized");
     QCOMPARE(readFile(mov), QByteArray("an older take"));
     QVERIFY(AtomWalker::find(readFile(zqv), "moov").valid());
+
+    // The logging stream escapes what it quotes: a double quote and a backslash in a name.
+    QTemporaryDir odd;
+    const QString folder = odd.filePath("take \"1\" \\ b");
+    QVERIFY(record(folder + "/A001.zqv"));
+    QVERIFY(writeFile(folder + "/A001.mov", "an older take"));
+    const QString escaped = QString(folder).replace("\\", "\\\\").replace("\"", "\\\"");
+    QVERIFY(runDriver({folder}).lines.contains(
+        QString("Failed to rename file:  \"%1/A001.zqv\"  ->  \"%1/A001.mov\"").arg(escaped)));
 }
 
 void TestTernFinalize::upperCaseNameIsRepairedButNotRenamed()
@@ -259,8 +268,9 @@ void TestTernFinalize::settingsNoIndexCanBeBuiltFromAreInvalid_data()
 
 void TestTernFinalize::settingsNoIndexCanBeBuiltFromAreInvalid()
 {
-    // Settings that would need millions of tracks, an unbounded table, or an index written over the
-    // recovery data fail the file like the other invalid settings: unchanged, under the finished name.
+    // Settings that would need millions of tracks, a sound size list longer than the frame map, or an
+    // index written over the recovery data fail the file like the other invalid settings: unchanged,
+    // under the finished name.
     QFETCH(int, offset);
     QFETCH(quint32, value);
     QTemporaryDir tmp;

@@ -17,7 +17,8 @@ const unsigned int kUnrecoverable = 31;
 bool settingsUsable(const Tern::RecoverySettings& s)
 {
     // Tested in this order; the first zero stops the checks. Then what no index can be built from:
-    // more sound tracks than a movie holds, sound without a sample size, an end inside the reserved region.
+    // more sound tracks than a movie holds, sound without a sample size, an end inside the reserved region
+    // or beyond any file offset.
     return s.videoFramesPerChunk != 0 && s.frameRate != 0 && s.width != 0 && s.height != 0
         && Tern::QuickTimeFile::settingsAllowIndex(s.videoFramesPerChunk, s.audioTracks, s.audioBytesPerSample,
                                                    s.recordedEndPosition);
@@ -120,8 +121,8 @@ unsigned int Finalize::ternDoFinalize(QString path)
     if (QFile::rename(path, newName)) {
         StableStorage::syncFolder(QFileInfo(newName).absolutePath());
     } else {
-        // The logging stream's layout: each item followed by a blank, strings quoted.
-        qDebug().noquote() << QString("Failed to rename file:  \"%1\"  ->  \"%2\"").arg(path, newName);
+        // Through the logging stream itself: each item followed by a blank, the paths quoted and escaped.
+        qDebug() << "Failed to rename file: " << path << " -> " << newName;
     }
     outputFileName = newName;
     return result;
