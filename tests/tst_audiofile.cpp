@@ -53,6 +53,14 @@ QByteArray bextPayload(const QByteArray& description, quint64 timeReference)
     return out;
 }
 
+// MPEG 'fmt ' payload of 44 bytes: the 16 common bytes (tag 80, no bits per sample), the extension size at
+// offset 16, two reserved bytes, then 24 extension bytes that open with the layer code.
+QByteArray mpegFmtPayload(quint16 channels, quint32 rate, quint16 extensionSize, quint16 layer)
+{
+    return fmtPayload(80, channels, rate, 0) + le(extensionSize, 2) + le(0, 2) + le(layer, 2)
+        + QByteArray(22, '\0');
+}
+
 QByteArray spaces(int n)
 {
     return QByteArray(n, ' ');
@@ -148,6 +156,12 @@ private slots:
     void putiXMLFieldRefusesNamesAndFiles();
     void bextDescriptionEdits();
     void writeMetadataRoundTrip();
+    void writeMetadataStopsAtDataEndingTheFile();
+    void writeMetadataStopsOnFailedRead();
+    void iXmlCapFollowsMpegLayer_data();
+    void iXmlCapFollowsMpegLayer();
+    void mpegFmtWithoutKnownLayer_data();
+    void mpegFmtWithoutKnownLayer();
 
 private:
     QString store(const QByteArray& bytes, const QString& name = "take.wav");
@@ -588,6 +602,139 @@ void AudioFileTest::writeMetadataRoundTrip()
     const char* tape = fresh.GetiXMLField(4, length);
     QCOMPARE(QByteArray(tape, length), QByteArray("T1"));
     QCOMPARE(QByteArray(fresh.description()), edited.description);
+}
+
+// With neither 'iXML' nor 'bext' in the file, the metadata walk ends at the 'data' chunk that reaches the
+// end of the device. The buffer refuses every write, so a result of 0 also proves nothing was written.
+void AudioFileTest::writeMetadataStopsAtDataEndingTheFile()
+{
+    const QByteArray original
+        = riff(chunk("fmt ", fmtPayload(1, 2, 48000, 16)) + chunk("data", pcmBytes(24)));
+    QCOMPARE(original.size(), 12 + 24 + 32);
+    FailingBuffer buffer(0);
+    buffer.setData(original);
+    QVERIFY(buffer.open(QIODevice::ReadWrite));
+    AudioFile audio(buffer);
+    QCOMPARE(audio.ReadAudioFileInfo(), 0u);
+    QCOMPARE(audio.dataEnd(), 68u);
+    QCOMPARE(int(audio.iXmlLength()), 0);
+    QVERIFY(buffer.seek(30));
+
+    QCOMPARE(audio.WriteMetadata(), 0u);
+    QCOMPARE(buffer.accepted(), qint64(0));
+    QCOMPARE(buffer.data(), original);
+    QVERIFY(!audio.iXmlModified());
+    QCOMPARE(buffer.pos(), qint64(30));
+}
+
+// A chunk header that cannot be read in full ends the metadata walk with 31. The iXML chunk met before
+// it has already been written back; the modified flag is cleared and the position restored all the same.
+void AudioFileTest::writeMetadataStopsOnFailedRead()
+{
+    const QByteArray fmt = chunk("fmt ", fmtPayload(1, 2, 48000, 16));
+    const QByteArray xml = kPlainXml + spaces(kRoom);
+    const QByteArray edited
+        = QByteArray(kPlainXml).replace("<SCENE>7</SCENE>", "<SCENE>12</SCENE>") + spaces(kRoom - 1);
+    struct Case
+    {
+        const char* name;
+        QByteArray tail; // what follows the iXML chunk
+    };
+    const Case cases[] = {
+        // The size field runs 4086 bytes past the end: the next header lies beyond the file.
+        { "size past the end", chunk("junk", "0123456789", 4096) },
+        // Three stray bytes after a 'data' chunk that does not reach the end: a short header.
+        { "truncated header", chunk("data", pcmBytes(16)) + "xyz" },
+    };
+    for (const Case& c : cases) {
+        const QByteArray original = riff(fmt + chunk("iXML", xml) + c.tail);
+        const QString path = store(original, QString("%1.wav").arg(c.name));
+        {
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::ReadWrite));
+            AudioFile audio(file);
+            QCOMPARE(audio.ReadAudioFileInfo(), 31u); // the reading walk meets the same header
+            QCOMPARE(ixmlOf(audio), xml);
+            QCOMPARE(audio.PutiXMLField(2, "12"), 0u);
+            QVERIFY(audio.iXmlModified());
+            QVERIFY(file.seek(7));
+
+            QCOMPARE(audio.WriteMetadata(), 31u);
+            QVERIFY2(!audio.iXmlModified(), c.name);
+            QCOMPARE(file.pos(), qint64(7));
+        }
+        QCOMPARE(readFile(path), riff(fmt + chunk("iXML", edited) + c.tail));
+    }
+}
+
+void AudioFileTest::iXmlCapFollowsMpegLayer_data()
+{
+    QTest::addColumn<bool>("fmtFirst");
+    QTest::addColumn<int>("layer");
+    QTest::addColumn<int>("kind");
+    QTest::addColumn<uint>("result");
+    QTest::addColumn<int>("kept");
+    QTest::newRow("layer II") << true << 2 << 2 << 148u << 7214;
+    QTest::newRow("layer III") << true << 4 << 1 << 148u << 7274;
+    QTest::newRow("iXML before the layer II fmt") << false << 2 << 2 << 148u << 7274;
+    QTest::newRow("layer I") << true << 1 << 3 << 0u << 7274;
+}
+
+// The smaller iXML room applies only once a Layer II 'fmt ' has been read; the rest of the chunk is
+// skipped and the walk still finds 'data' behind it.
+void AudioFileTest::iXmlCapFollowsMpegLayer()
+{
+    QFETCH(bool, fmtFirst);
+    QFETCH(int, layer);
+    QFETCH(int, kind);
+    QFETCH(uint, result);
+    QFETCH(int, kept);
+    QByteArray xml = kPlainXml;
+    while (xml.size() < 10000)
+        xml += "<!-- " + QByteArray::number(xml.size()) + " -->";
+    xml.truncate(10000);
+    const QByteArray fmt = chunk("fmt ", mpegFmtPayload(2, 48000, 24, quint16(layer)));
+    const QByteArray ixml = chunk("iXML", xml);
+    LoadedFile loaded(riff((fmtFirst ? fmt + ixml : ixml + fmt) + chunk("data", pcmBytes(40))));
+    AudioFile& audio = loaded.audio;
+    QCOMPARE(loaded.result, result);
+    AudioFile::AudioFileInfo info;
+    audio.GetFileInfo(&info);
+    QCOMPARE(int(info.formatKind), kind);
+    QCOMPARE(int(audio.iXmlLength()), kept);
+    QCOMPARE(ixmlOf(audio), xml.left(kept));
+    QCOMPARE(audio.iXmlText()[kept], '\0');
+    QCOMPARE(audio.dataStart(), quint32(12 + 52 + 10008 + 8));
+}
+
+void AudioFileTest::mpegFmtWithoutKnownLayer_data()
+{
+    QTest::addColumn<QByteArray>("fmt");
+    // The layer code says Layer II, but an extension size other than 24 stops before it is read.
+    QTest::newRow("extension size 22") << mpegFmtPayload(1, 32000, 22, 2);
+    QTest::newRow("extension size 0, 20-byte fmt") << fmtPayload(80, 1, 32000, 0) + le(0, 2) + le(0, 2);
+    QTest::newRow("layer code 1") << mpegFmtPayload(1, 32000, 24, 1);
+    QTest::newRow("layer code 3") << mpegFmtPayload(1, 32000, 24, 3);
+}
+
+// An MPEG 'fmt ' whose layer is not known is accepted with the format kind left unknown (3): the file
+// reads as 0, with the common fields taken and no sample count (that is for PCM only).
+void AudioFileTest::mpegFmtWithoutKnownLayer()
+{
+    QFETCH(QByteArray, fmt);
+    LoadedFile loaded(riff(chunk("fmt ", fmt) + chunk("data", pcmBytes(48))));
+    AudioFile& audio = loaded.audio;
+    QCOMPARE(loaded.result, 0u);
+    AudioFile::AudioFileInfo info;
+    audio.GetFileInfo(&info);
+    QCOMPARE(int(info.formatKind), 3);
+    QCOMPARE(info.sampleRate, 32000u);
+    QCOMPARE(int(info.channels), 1);
+    QCOMPARE(int(info.bitsPerSample), 0);
+    QCOMPARE(int(info.bytesPerFrame), 4); // the default: only a PCM 'fmt ' computes it
+    QCOMPARE(info.sampleFrames, 0u);
+    QCOMPARE(audio.dataStart(), quint32(12 + 8 + fmt.size() + 8));
+    QCOMPARE(audio.dataEnd(), quint32(12 + 8 + fmt.size() + 8 + 48));
 }
 
 QTEST_GUILESS_MAIN(AudioFileTest)

@@ -38,6 +38,7 @@ private slots:
     void setAllocLenKeepsWhatFits();
     void replaceRange();
     void replaceBySearch();
+    void replaceCreatesMissingEndDelimiter();
     void extractBySearch();
 };
 
@@ -241,6 +242,44 @@ void DStringTest::replaceBySearch()
     QScopedPointer<DString> last(make("a.b.c"));
     last->replace("Z", 254, '.', 255, '\0');
     QCOMPARE(last->text(), "a.b.Z");
+}
+
+// A missing end delimiter is appended (the text grows by one), but the range then runs to the new end of
+// the text, so the appended delimiter is replaced along with the rest.
+void DStringTest::replaceCreatesMissingEndDelimiter()
+{
+    QScopedPointer<DString> s(make("[abc"));
+    s->replace("X", 1, '[', DString::CreateDelimiter | 1, ']');
+    QCOMPARE(s->text(), "[X");
+    QCOMPARE(s->allocLen(), 5); // grown for "[abc]"
+
+    QScopedPointer<DString> longer(make("[abc"));
+    longer->replace("XYZWV", 1, '[', DString::CreateDelimiter | DString::IncludeDelimiter | 1, ']');
+    QCOMPARE(longer->text(), "[XYZWV");
+    QCOMPARE(longer->allocLen(), 6);
+
+    QScopedPointer<DString> key(make("key=value"));
+    key->replace("new", 1, '=', DString::CreateDelimiter | 1, ';');
+    QCOMPARE(key->text(), "key=new");
+    QCOMPARE(key->allocLen(), 10);
+    QScopedPointer<DString> plainKey(make("key=value"));
+    plainKey->replace("new", 1, '=', 1, ';'); // nothing appended without the flag
+    QCOMPARE(plainKey->text(), "key=new");
+    QCOMPARE(plainKey->allocLen(), 9);
+
+    // Both delimiters missing: '[' goes in front and is kept, ']' is appended and replaced.
+    QScopedPointer<DString> both(make("abc"));
+    both->replace("X", DString::CreateDelimiter | 1, '[', DString::CreateDelimiter | 1, ']');
+    QCOMPARE(both->text(), "[X");
+    QCOMPARE(both->allocLen(), 5);
+
+    // extract never creates a delimiter: a missing end copies the rest of the text.
+    QScopedPointer<DString> source(make("[abc"));
+    DString out;
+    source->extract(out, 1, '[', DString::CreateDelimiter | 1, ']');
+    QCOMPARE(out.text(), "abc");
+    QCOMPARE(source->text(), "[abc");
+    QCOMPARE(source->allocLen(), 4);
 }
 
 void DStringTest::extractBySearch()
