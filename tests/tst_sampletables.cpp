@@ -2,6 +2,7 @@
 // through it in batches (exact bytes of every table atom, progress messages, both modes of the walk).
 
 #include "movie/QuickTimeBufferDevice.h"
+#include "movie/InformationAtoms.h"
 #include "movie/QuickTimeFile.h"
 #include "movie/SampleTables.h"
 #include "support/TestSupport.h"
@@ -452,6 +453,30 @@ private slots:
                                                "done streaming 70000 entries",
                                                "stream 6667 entries (605174)",
                                                "done streaming 6667 entries"}));
+    }
+
+    void makerAtomFrameListAcrossBatches()
+    {
+        // 100,000 entries: the frame list fills one batch of the buffered device (65,536 entries) and
+        // part of a second; through the device and through a plain stream it is the map, big-endian.
+        QVector<quint16> map;
+        for (quint32 i = 0; i < 100000; ++i)
+            map << quint16(i % 4 == 3 ? (i * 31u) % 200 + 1 : 0x4000 | ((i * 7919u) % 0x3FFF + 1));
+        Recording rec(map);
+        QByteArray list;
+        for (quint16 entry : map)
+            list += char(entry >> 8) + QByteArray(1, char(entry & 0xFF));
+
+        const QByteArray buffered = rec.write({new QuickTimeHaldenAtom(&rec.file)});
+        QCOMPARE(buffered.size(), 148 + 200000);
+        QCOMPARE(buffered.left(8), hex("00030DD4 686C646E")); // 148 + 200,000 bytes
+        QVERIFY(buffered.mid(148) == list);
+
+        QBuffer plain;
+        plain.open(QIODevice::WriteOnly);
+        QDataStream out(&plain);
+        QuickTimeHaldenAtom(&rec.file).write(out);
+        QVERIFY(plain.data() == buffered);
     }
 
     void unbufferedStreamGetsTheSameBytes()
