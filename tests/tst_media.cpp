@@ -278,6 +278,12 @@ void TestMedia::finalizedMovieDecodesLikeItsSource()
         QCOMPARE(decoded.size(), plan.audioTracks[t].size());
         QVERIFY2(decoded == plan.audioTracks[t], qPrintable(QString("sound track %1 differs").arg(t)));
     }
+
+    // The program's own check agrees: every frame and sample read through its reader, where the index
+    // and the frame map put them.
+    QStringList verified;
+    QCOMPARE(runCli({"--verify", mov}, &verified), 0);
+    QVERIFY2(!verified.isEmpty() && verified.last().endsWith(", verified"), qPrintable(verified.join('\n')));
 }
 
 QTEST_GUILESS_MAIN(TestMedia)
