@@ -164,6 +164,12 @@ void TestFinalization::noSoundTracksGivesNoSoundTrack()
         putLe32(bytes, 36 + 24, 0);
     });
     QCOMPARE(trackCount(movie), 2);
+
+    // The count is taken as signed: 0x80000000 tracks is below 1, so no sound track either.
+    const QByteArray negative = finalize(basePlan(30, 2, 30 * 1920), nullptr, [](QByteArray& bytes) {
+        putLe32(bytes, 36 + 24, 0x80000000u);
+    });
+    QCOMPARE(trackCount(negative), 2);
 }
 
 void TestFinalization::videoSampleToChunkEntries_data()
