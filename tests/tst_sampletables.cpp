@@ -11,6 +11,8 @@
 #include <QVector>
 #include <QtTest>
 
+#include <memory>
+
 using namespace Tern;
 using TestSupport::FailingBuffer;
 using TestSupport::hex;
@@ -453,6 +455,57 @@ private slots:
                                                "done streaming 70000 entries",
                                                "stream 6667 entries (605174)",
                                                "done streaming 6667 entries"}));
+    }
+
+    // Three tables of the same sound chunks with their own biases, a stts and a sizes table between
+    // them, written alone and as a group: the same bytes and messages, and the group's walk wrote the
+    // two later tables. With a count the map cannot fill, the walk would stop short and move what
+    // follows, so the tables are written alone.
+    void groupedTablesMatchTablesWrittenAlone_data()
+    {
+        QTest::addColumn<quint32>("chunks");
+        QTest::addColumn<int>("served");
+        QTest::newRow("every chunk in the map") << 20000u << 2;
+        QTest::newRow("more chunks than the map holds") << 20001u << 0;
+    }
+
+    void groupedTablesMatchTablesWrittenAlone()
+    {
+        QFETCH(quint32, chunks);
+        QFETCH(int, served);
+        QVector<quint16> map;
+        for (quint32 i = 0; i < 100000; ++i)
+            map << quint16(i % 10 < 7 ? 0x4000 | ((i * 7919u) % 0x3FFF + 1) : (i % 10 < 9 ? (i * 31u) % 200 + 1 : 0x8001));
+        const quint64 biases[3][2] = {{0, 0}, {5760, 1920}, {11520, 0}}; // offset, last chunk
+
+        // In a 'moov' placed where the list is written, so every table's placement is its file position.
+        const auto tables = [&](std::shared_ptr<QuickTimeChunkOffsetGroup> group, Recording& rec) {
+            auto* moov = new QuickTimeMovieAtom();
+            moov->position = qint64(S);
+            for (const auto& b : biases) {
+                auto* co64 = new QuickTimeChunkOffset64Atom(&rec.file, Sound, chunks, b[0], 1, b[1], 0);
+                co64->group = group;
+                if (group)
+                    group->tables << co64;
+                moov->addAtom(co64);
+                moov->addAtom(new QuickTimeTimeToSampleAtom(&rec.file, 9, 1));
+                moov->addAtom(new QuickTimeSampleSizeAtom(&rec.file, Sound, 9, 3));
+            }
+            return QList<QuickTimeAtom*>{moov};
+        };
+        Recording alone(map);
+        MessageCapture aloneCapture;
+        const QByteArray expected = alone.write(tables(nullptr, alone));
+        const QStringList expectedLines = aloneCapture.lines();
+
+        Recording grouped(map);
+        const auto group = std::make_shared<QuickTimeChunkOffsetGroup>();
+        MessageCapture groupedCapture;
+        const QByteArray written = grouped.write(tables(group, grouped));
+        QCOMPARE(written.size(), expected.size());
+        QVERIFY(written == expected);
+        QCOMPARE(groupedCapture.lines(), expectedLines);
+        QCOMPARE(group->served.size(), served);
     }
 
     void makerAtomFrameListAcrossBatches()

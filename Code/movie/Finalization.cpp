@@ -180,6 +180,9 @@ bool QuickTimeFile::closeFile()
     // One mono sound track per channel; the recorder lays each chunk out planar, track after track, so
     // track i's part of a chunk starts i track-parts into it.
     if (A != 0 && qint32(audioTracks) > 0) {
+        // The tracks' chunk offset tables share one walk of the frame map. Their places are final once
+        // built as long as every table between them is too: with a sample size the size tables are.
+        const auto soundChunkTables = B != 0 ? std::make_shared<QuickTimeChunkOffsetGroup>() : nullptr;
         for (quint32 i = 0; i < audioTracks; ++i, ++nextTrackId) {
             QuickTimeAtom* mdia =
                 addTrackHead(this, moov, nextTrackId, M, 0, 0, audioSampleRate, Q, fourCC("soun"));
@@ -199,8 +202,13 @@ bool QuickTimeFile::closeFile()
             alignNextAtom(stbl, kChunkOffsetTableHead);
             // A short first chunk is handed over but not used by the writer: the first chunk is
             // addressed like a full one.
-            stbl->addAtom(new QuickTimeChunkOffset64Atom(this, quicktime_frametype_sound, A, P * i * B, 1,
-                                                         L != 0 ? L * B * i : 0, F * B * i));
+            auto* co64 = new QuickTimeChunkOffset64Atom(this, quicktime_frametype_sound, A, P * i * B, 1,
+                                                        L != 0 ? L * B * i : 0, F * B * i);
+            stbl->addAtom(co64);
+            if (soundChunkTables) {
+                co64->group = soundChunkTables;
+                soundChunkTables->tables << co64;
+            }
         }
     }
 

@@ -55,6 +55,33 @@ void QuickTimeBufferDevice::addToFill(int bytes)
         m_fill += bytes;
 }
 
+bool QuickTimeBufferDevice::writeAhead(qint64 position, const char* data, int len)
+{
+    flushBuffer();
+    if (m_fill < 0)
+        return false;
+    const qint64 back = m_target->pos();
+    if (!m_target->seek(position) || m_target->write(data, len) != len || !m_target->seek(back)) {
+        logDeviceError("*** QuickTime***BufferDevice encountered HDD error, dumping subsequent writes (%d)");
+        m_fill = -1;
+        return false;
+    }
+    return true;
+}
+
+bool QuickTimeBufferDevice::skipWritten(qint64 bytes)
+{
+    flushBuffer();
+    if (m_fill < 0)
+        return false;
+    if (!m_target->seek(m_target->pos() + bytes)) {
+        logDeviceError("*** QuickTime***BufferDevice encountered HDD error, dumping subsequent writes (%d)");
+        m_fill = -1;
+        return false;
+    }
+    return true;
+}
+
 qint64 QuickTimeBufferDevice::readData(char*, qint64)
 {
     return -1; // write only

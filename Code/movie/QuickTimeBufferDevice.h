@@ -33,6 +33,12 @@ public:
     char* bufferData();
     void addToFill(int bytes);
 
+    // For tables written out of file order: writes len bytes at `position` of the target, ahead of what
+    // the stream has written, and returns to where the stream is; later the stream steps over them with
+    // skipWritten. Bytes held here are written first. Failures latch the error like any other write.
+    bool writeAhead(qint64 position, const char* data, int len);
+    bool skipWritten(qint64 bytes);
+
 protected:
     qint64 readData(char* data, qint64 maxSize) override;
     qint64 writeData(const char* data, qint64 len) override;

@@ -6,6 +6,7 @@
 
 #include <QIODevice>
 #include <QtDebug>
+#include <QtEndian>
 
 namespace Tern {
 
@@ -330,7 +331,18 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
         qDebug("stream %d entries (%llx)", int(entryCount), tableStart);
     }
 
+    // Entries an earlier table of the group already wrote here: step over them.
+    if (group && group->served.contains(this) && streamPosition(stream) == tablePosition()) {
+        if (auto* device = qobject_cast<QuickTimeBufferDevice*>(stream.device()))
+            device->skipWritten(qint64(s_offset64EntryBytes) * group->servedEntries);
+        if (logs)
+            qDebug("done streaming %d entries", int(group->servedEntries));
+        return;
+    }
+
     TableBatch sink(stream, s_offset64EntryBytes);
+    const QList<QuickTimeChunkOffset64Atom*> partners = tablesToServe(stream);
+    QByteArray partnerBatch(partners.isEmpty() ? 0 : sink.capacity() * s_offset64EntryBytes, '\0');
     quint64 offset = quint64(QuickTimeFile::s_movieDataStartOffset);
     quint64 lastChunkStart = 0;
     quint32 countdown = 1; // samples of this type until the next chunk begins
@@ -357,12 +369,71 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
         });
         // The final chunk of the table takes lastOffsetBias in place of offsetBias.
         const bool lastBatch = written == entryCount || walk.listEnded();
+        const qint64 batchStart = qint64(written - quint32(entries)) * s_offset64EntryBytes;
+        for (const QuickTimeChunkOffset64Atom* partner : partners) {
+            char* out = partnerBatch.data();
+            for (int i = 0; i < entries; ++i)
+                qToBigEndian<quint64>(sink.get64(i) - bias + partner->offsetBias, out + i * s_offset64EntryBytes);
+            if (lastBatch && entries > 0 && partner->lastOffsetBias != 0)
+                qToBigEndian<quint64>(lastChunkStart + partner->lastOffsetBias,
+                                      out + (entries - 1) * s_offset64EntryBytes);
+            sink.bufferDevice()->writeAhead(partner->tablePosition() + batchStart, out,
+                                            entries * s_offset64EntryBytes);
+        }
         if (lastBatch && entries > 0 && lastOffsetBias != 0)
             sink.put64(entries - 1, lastChunkStart + lastOffsetBias);
         sink.endBatch(entries);
     }
     if (logs)
         qDebug("done streaming %d entries", int(written));
+}
+
+// The later tables of this one's group that its walk can write as well: only through the buffered
+// device, only when this table stands where its placement says (so the later ones do too), only when
+// the walk is sure to reach every entry (a table cut short would move everything behind it), and only
+// tables of the same chunks.
+QList<QuickTimeChunkOffset64Atom*> QuickTimeChunkOffset64Atom::tablesToServe(QDataStream& stream) const
+{
+    QList<QuickTimeChunkOffset64Atom*> partners;
+    if (!group || entryCount == 0 || !qobject_cast<QuickTimeBufferDevice*>(stream.device())
+        || streamPosition(stream) != tablePosition() || !walkReachesEveryEntry())
+        return partners;
+    qint64 nextFree = tablePosition() + qint64(s_offset64EntryBytes) * entryCount;
+    for (QuickTimeChunkOffset64Atom* table : qAsConst(group->tables)) {
+        if (table == this || group->served.contains(table) || table->file != file
+            || table->frameType != frameType || table->samplesPerChunk != samplesPerChunk
+            || table->entryCount != entryCount || table->tablePosition() < nextFree)
+            continue;
+        partners << table;
+        nextFree = table->tablePosition() + qint64(s_offset64EntryBytes) * entryCount;
+    }
+    for (const QuickTimeChunkOffset64Atom* table : qAsConst(partners))
+        group->served << table;
+    if (!partners.isEmpty())
+        group->servedEntries = entryCount;
+    return partners;
+}
+
+// True when the frame map holds this table's last chunk before the list ends: the walk then writes every
+// entry, whatever the batches, and the table is exactly as long as its size says.
+bool QuickTimeChunkOffset64Atom::walkReachesEveryEntry() const
+{
+    if (!file->frameMap || (file->importMode && !file->writtenByRecorder) || samplesPerChunk == 0)
+        return false;
+    const quint64 needed = quint64(entryCount - 1) * samplesPerChunk + 1;
+    const quint32 listed = qMin(file->totalFrames(), QuickTimeFile::s_frameMapEntries);
+    const quint16* map = file->frameMap;
+    // Counted a stretch at a time: a plain loop without an exit of its own is cheap to run.
+    const quint32 kStretch = 4096;
+    quint64 matching = 0;
+    for (quint32 i = 0; i < listed && matching < needed;) {
+        const quint32 end = qMin(listed, i + kStretch);
+        quint32 inStretch = 0;
+        for (; i < end; ++i)
+            inStretch += quint32(map[i] >> QuickTimeFile::s_frameTypeShift) == frameType;
+        matching += inStretch;
+    }
+    return matching >= needed;
 }
 
 bool QuickTimeChunkOffset64Atom::read(QDataStream& stream, quint64* remaining)

@@ -2,6 +2,10 @@
 
 #include "movie/QuickTimeAtom.h"
 
+#include <QList>
+
+#include <memory>
+
 namespace Tern {
 
 // The sample tables of a track. The tables with an entry per sample or per chunk are never held in
@@ -69,6 +73,20 @@ public:
     quint32 offsetBias;
 };
 
+class QuickTimeChunkOffset64Atom;
+
+// Tables that address the same chunks and differ only in their biases, like the sound tracks of one
+// recording. The first of them to be written walks the frame map once for the group: it writes its own
+// entries in order and each later table's entries straight to where that table lies further on in the
+// file; the later tables then only step over theirs. Only tables whose positions are final when they
+// are built belong in a group.
+struct QuickTimeChunkOffsetGroup
+{
+    QList<QuickTimeChunkOffset64Atom*> tables; // in file order
+    QList<const QuickTimeChunkOffset64Atom*> served; // written by another table's walk
+    quint32 servedEntries = 0;
+};
+
 // 'co64': a 64-bit offset for every samplesPerChunk frames of frameType, each chunk addressed by its
 // first sample plus offsetBias; the last chunk takes lastOffsetBias instead when that is not 0.
 class QuickTimeChunkOffset64Atom : public QuickTimeVersionFlagsAtom
@@ -87,6 +105,15 @@ public:
     quint64 lastOffsetBias;
     quint64 firstOffsetBias; // kept for the caller; the first chunk is addressed like a full one
     quint32 entryCount;
+    std::shared_ptr<QuickTimeChunkOffsetGroup> group; // none: the table is written on its own
+
+    // Where the first entry lies in the file, by the atom's placement.
+    qint64 tablePosition() const { return position + s_headBytes; }
+    static constexpr qint64 s_headBytes = 16; // header, version and flags, entry count
+
+private:
+    QList<QuickTimeChunkOffset64Atom*> tablesToServe(QDataStream& stream) const;
+    bool walkReachesEveryEntry() const;
 };
 
 } // namespace Tern

@@ -35,6 +35,8 @@ public:
     void put16(int slot, quint16 value) { qToBigEndian<quint16>(value, m_slots + slot * m_entryBytes); }
     void put32(int slot, quint32 value) { qToBigEndian<quint32>(value, m_slots + slot * m_entryBytes); }
     void put64(int slot, quint64 value) { qToBigEndian<quint64>(value, m_slots + slot * m_entryBytes); }
+    quint64 get64(int slot) const { return qFromBigEndian<quint64>(m_slots + slot * m_entryBytes); }
+    QuickTimeBufferDevice* bufferDevice() const { return m_device; }
 
     void endBatch(int entries)
     {
