@@ -170,8 +170,11 @@ void QuickTimeHaldenAtom::write(QDataStream& stream)
     TableBatch sink(stream, s_frameListEntryBytes);
     for (quint32 i = 0; i < frameCount;) {
         const int entries = int(qMin(quint32(sink.capacity()), frameCount - i));
-        for (int slot = 0; slot < entries; ++slot, ++i)
-            sink.put16(slot, i < mapped ? map[i] : quint16(0));
+        const int fromMap = i < mapped ? int(qMin(quint32(entries), mapped - i)) : 0;
+        sink.put16Run(0, map + i, fromMap);
+        for (int slot = fromMap; slot < entries; ++slot)
+            sink.put16(slot, 0);
+        i += quint32(entries);
         sink.endBatch(entries);
     }
 }

@@ -35,6 +35,15 @@ public:
     void put16(int slot, quint16 value) { qToBigEndian<quint16>(value, m_slots + slot * m_entryBytes); }
     void put32(int slot, quint32 value) { qToBigEndian<quint32>(value, m_slots + slot * m_entryBytes); }
     void put64(int slot, quint64 value) { qToBigEndian<quint64>(value, m_slots + slot * m_entryBytes); }
+    // `count` 16-bit values from `values`, from `slot` on; one plain loop for the whole run.
+    void put16Run(int slot, const quint16* values, int count)
+    {
+        uchar* out = reinterpret_cast<uchar*>(m_slots + slot * m_entryBytes);
+        for (int i = 0; i < count; ++i) {
+            out[2 * i] = uchar(values[i] >> 8);
+            out[2 * i + 1] = uchar(values[i]);
+        }
+    }
     quint64 get64(int slot) const { return qFromBigEndian<quint64>(m_slots + slot * m_entryBytes); }
     QuickTimeBufferDevice* bufferDevice() const { return m_device; }
 
