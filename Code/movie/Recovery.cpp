@@ -8,6 +8,7 @@
 #include <QSysInfo>
 #include <QtEndian>
 
+#include <algorithm>
 #include <limits>
 
 namespace Tern {
@@ -112,11 +113,32 @@ bool QuickTimeFile::recover()
             frameMap[i] = qFromLittleEndian<quint16>(reinterpret_cast<const uchar*>(mapBytes) + 2 * i);
     }
 
-    // Counted by the type bits in one pass without a branch per type; unknown chunks (type 3) are not
-    // counted but still occupy their blocks.
+    // Counted by type up to the first 0 entry; unknown chunks (type 3) are not counted but still occupy
+    // their blocks. A stretch without a 0 in it is counted in plain loops that need no exit of their own.
+    const quint32 kStretch = 4096;
     quint32 byType[4] = {};
-    for (quint32 i = 0; i < s_frameMapEntries && frameMap[i] != 0; ++i)
-        ++byType[frameMap[i] >> s_frameTypeShift];
+    for (quint32 i = 0; i < s_frameMapEntries;) {
+        const quint16* stretch = frameMap + i;
+        quint32 length = qMin(kStretch, s_frameMapEntries - i);
+        quint32 zeros = 0;
+        for (quint32 k = 0; k < length; ++k)
+            zeros += stretch[k] == 0;
+        if (zeros != 0)
+            length = quint32(std::find(stretch, stretch + length, quint16(0)) - stretch);
+        quint32 sound = 0, video = 0, timecode = 0;
+        for (quint32 k = 0; k < length; ++k) {
+            const quint32 type = stretch[k] >> s_frameTypeShift;
+            sound += type == quicktime_frametype_sound;
+            video += type == quicktime_frametype_video;
+            timecode += type == quicktime_frametype_timecode;
+        }
+        byType[quicktime_frametype_sound] += sound;
+        byType[quicktime_frametype_video] += video;
+        byType[quicktime_frametype_timecode] += timecode;
+        if (zeros != 0)
+            break;
+        i += length;
+    }
     soundChunks += byType[quicktime_frametype_sound];
     videoFrameCount += byType[quicktime_frametype_video];
     timecodeSamples += byType[quicktime_frametype_timecode];
