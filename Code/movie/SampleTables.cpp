@@ -8,6 +8,8 @@
 #include <QtDebug>
 #include <QtEndian>
 
+#include <vector>
+
 namespace Tern {
 
 namespace {
@@ -342,6 +344,8 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
 
     TableBatch sink(stream, s_offset64EntryBytes);
     const QList<QuickTimeChunkOffset64Atom*> partners = tablesToServe(stream);
+    // For the tables served: the batch's chunk starts without bias, and one table's batch at a time.
+    std::vector<quint64> batchStarts(partners.isEmpty() ? 0 : size_t(sink.capacity()));
     QByteArray partnerBatch(partners.isEmpty() ? 0 : sink.capacity() * s_offset64EntryBytes, '\0');
     quint64 offset = quint64(QuickTimeFile::s_movieDataStartOffset);
     quint64 lastChunkStart = 0;
@@ -370,10 +374,15 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
         // The final chunk of the table takes lastOffsetBias in place of offsetBias.
         const bool lastBatch = written == entryCount || walk.listEnded();
         const qint64 batchStart = qint64(written - quint32(entries)) * s_offset64EntryBytes;
+        if (!partners.isEmpty()) {
+            for (int i = 0; i < entries; ++i)
+                batchStarts[size_t(i)] = sink.get64(i) - bias;
+        }
         for (const QuickTimeChunkOffset64Atom* partner : partners) {
             char* out = partnerBatch.data();
+            const quint64 partnerBias = partner->offsetBias;
             for (int i = 0; i < entries; ++i)
-                qToBigEndian<quint64>(sink.get64(i) - bias + partner->offsetBias, out + i * s_offset64EntryBytes);
+                qToBigEndian<quint64>(batchStarts[size_t(i)] + partnerBias, out + i * s_offset64EntryBytes);
             if (lastBatch && entries > 0 && partner->lastOffsetBias != 0)
                 qToBigEndian<quint64>(lastChunkStart + partner->lastOffsetBias,
                                       out + (entries - 1) * s_offset64EntryBytes);
