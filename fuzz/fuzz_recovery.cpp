@@ -15,6 +15,7 @@
 #include "FuzzSupport.h"
 #include "SynthesizedRecording.h"
 #include "finalize/Finalize.h"
+#include "finalize/TernSettings.h"
 #include "movie/HeronQuickTimeFile.h"
 #include "movie/QuickTimeFile.h"
 
@@ -40,36 +41,6 @@ Finalize& driver()
     return *finalize;
 }
 
-// The Tern procedure's check of the record and its copy into the movie object, as the procedure does them.
-bool ternSettingsUsable(const Tern::RecoverySettings& s)
-{
-    return s.videoFramesPerChunk != 0 && s.frameRate != 0 && s.width != 0 && s.height != 0;
-}
-
-void ternConfigure(Tern::QuickTimeFile& movie, const Tern::RecoverySettings& s)
-{
-    movie.setTimecode(s.timecode, s.dropFrame, false, true);
-    movie.setUserData(s.userData1, s.userData2, s.frameRate, s.dropFrame, s.userData5, s.audioTracks,
-        s.audioBytesPerSample * 8, s.audioSampleRate, s.userData9);
-    movie.width = s.width;
-    movie.height = s.height;
-    movie.interlaced = s.interlaced;
-    movie.videoCodecId = s.videoCodecId;
-    movie.setFrameRate(s.interlaced != 0 ? s.frameRate >> 1 : s.frameRate);
-    movie.videoCodecType = s.videoCodecType;
-    movie.proResVariant = s.proResVariant;
-    movie.audioTracks = s.audioTracks;
-    movie.setAudioSamplesPerFrame(int(s.audioSamplesPerChunk));
-    movie.setAudioBytesPerSample(s.audioBytesPerSample);
-    movie.setAudioSampleRate(s.audioSampleRate);
-    movie.videoFramesPerChunk = s.videoFramesPerChunk;
-    movie.reelName = s.reelNameText();
-    movie.lastChunkSamples = s.lastChunkSamples;
-    movie.firstChunkSamples = s.firstChunkSamples;
-    movie.recordedEndPosition = s.recordedEndPosition;
-    movie.InitQuickTimeFileInfo();
-}
-
 // Runs the family's procedure up to and including recover; false when any step refused the file.
 bool finish(SynthesizedRecording::Family family, SynthesizedRecording& device, quint64* recordedEnd,
     bool* soundSizesOverstated)
@@ -80,9 +51,9 @@ bool finish(SynthesizedRecording::Family family, SynthesizedRecording& device, q
             return false;
         movie->initFile(nullptr);
         Tern::RecoverySettings* settings = movie->loadSavedSettings();
-        if (!settings || !ternSettingsUsable(*settings))
+        if (!settings || !TernSettings::usable(*settings))
             return false;
-        ternConfigure(*movie, *settings);
+        TernSettings::configure(*movie, *settings);
         *recordedEnd = settings->recordedEndPosition;
         *soundSizesOverstated = settings->audioBytesPerSample == 0;
         return movie->recover();

@@ -2,6 +2,7 @@
 // configure the movie object from them, rebuild the index, and rename the file.
 
 #include "finalize/Finalize.h"
+#include "finalize/TernSettings.h"
 #include "movie/QuickTimeFile.h"
 #include "movie/StableStorage.h"
 
@@ -14,7 +15,9 @@ namespace {
 const unsigned int kFinalized = 0;
 const unsigned int kUnrecoverable = 31;
 
-bool settingsUsable(const Tern::RecoverySettings& s)
+} // namespace
+
+bool TernSettings::usable(const Tern::RecoverySettings& s)
 {
     // Tested in this order; the first zero stops the checks. Then what no index can be built from:
     // more sound tracks than a movie holds, sound without a sample size, an end inside the reserved region
@@ -24,12 +27,7 @@ bool settingsUsable(const Tern::RecoverySettings& s)
                                                    s.recordedEndPosition);
 }
 
-QString reelNameOf(const Tern::RecoverySettings& s)
-{
-    return QString::fromLatin1(s.reelName, int(qstrnlen(s.reelName, sizeof s.reelName)));
-}
-
-void configureMovie(Tern::QuickTimeFile& movie, const Tern::RecoverySettings& s)
+void TernSettings::configure(Tern::QuickTimeFile& movie, const Tern::RecoverySettings& s)
 {
     movie.setTimecode(s.timecode, s.dropFrame, false, true); // store only: recovery never appends media
     movie.setUserData(s.userData1, s.userData2, s.frameRate, s.dropFrame, s.userData5, s.audioTracks,
@@ -47,14 +45,12 @@ void configureMovie(Tern::QuickTimeFile& movie, const Tern::RecoverySettings& s)
     movie.setAudioBytesPerSample(s.audioBytesPerSample);
     movie.setAudioSampleRate(s.audioSampleRate);
     movie.videoFramesPerChunk = s.videoFramesPerChunk;
-    movie.reelName = reelNameOf(s);
+    movie.reelName = s.reelNameText();
     movie.lastChunkSamples = s.lastChunkSamples;
     movie.firstChunkSamples = s.firstChunkSamples;
     movie.recordedEndPosition = s.recordedEndPosition;
     movie.InitQuickTimeFileInfo();
 }
-
-} // namespace
 
 unsigned int Finalize::ternDoFinalize(QString path)
 {
@@ -85,11 +81,11 @@ unsigned int Finalize::ternDoFinalize(QString path)
             if (!settings) {
                 qDebug("********************* %s recovery failed, couldn't get any recovery settings!\n",
                        name.constData());
-            } else if (!settingsUsable(*settings)) {
+            } else if (!TernSettings::usable(*settings)) {
                 qDebug("********************* %s recovery failed, invalid recovery settings!\n",
                        name.constData());
             } else {
-                configureMovie(*movie, *settings);
+                TernSettings::configure(*movie, *settings);
                 if (movie->recover()) {
                     result = kFinalized;
                     file.flush();

@@ -1,6 +1,7 @@
 #include "simulate/RecordingSimulator.h"
 
 #include "movie/HeronQuickTimeFile.h"
+#include "simulate/RecorderLayout.h"
 
 #include <QFile>
 #include <QtEndian>
@@ -10,33 +11,7 @@
 
 namespace {
 
-const int kBlock = 512;
-// The recorder writes 1,024 bytes of its own behind every frame; the frame map counts them.
-const int kFrameTrailer = 1024;
-// What the Heron recorder always uses; its settings record has no room for other values.
-const quint32 kHeronFramesPerChunk = 3;
-const quint32 kHeronSamplesPerChunk = 3072;
-
-int paddedToBlock(int bytes)
-{
-    return (bytes + kBlock - 1) / kBlock * kBlock;
-}
-
-// Samples per track of every sound chunk, first to last.
-QVector<quint32> soundChunkLengths(quint32 totalSamples, quint32 perChunk, quint32 firstChunk)
-{
-    QVector<quint32> lengths;
-    quint32 left = totalSamples;
-    if (firstChunk != 0 && left > 0) {
-        lengths << qMin(firstChunk, left);
-        left -= lengths.last();
-    }
-    while (left > 0) {
-        lengths << qMin(perChunk, left);
-        left -= lengths.last();
-    }
-    return lengths;
-}
+using namespace RecorderLayout;
 
 // One sound chunk, planar: track i's samples start i strides in. A short first chunk keeps the full
 // stride (players address it like a full one); a short last chunk is packed at its own length.
@@ -49,32 +24,6 @@ QByteArray soundChunk(const RecordingPlan& plan, quint32 firstSample, quint32 sa
                     size_t(samples) * size_t(bps));
     }
     return chunk;
-}
-
-void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan)
-{
-    s.userData1 = plan.userData1;
-    s.timecode = plan.timecode;
-    s.dropFrame = plan.dropFrame ? 1 : 0;
-    s.userData2 = plan.userData2;
-    s.frameRate = plan.frameRate;
-    s.userData5 = plan.userData5;
-    s.audioTracks = quint32(plan.audioTracks.size());
-    s.audioBytesPerSample = plan.audioBytesPerSample;
-    s.audioSampleRate = plan.audioSampleRate;
-    s.userData9 = plan.userData9;
-    s.width = plan.width;
-    s.height = plan.height;
-    s.interlaced = plan.interlaced;
-    s.videoCodecId = plan.videoCodecId;
-    s.videoCodecType = plan.videoCodecType;
-    s.proResVariant = plan.proResVariant;
-    s.firstChunkSamples = plan.firstChunkSamples;
-    s.audioSamplesPerChunk = plan.audioSamplesPerChunk;
-    s.videoFramesPerChunk = plan.videoFramesPerChunk;
-    const QByteArray reel = plan.reelName.toLatin1().left(Tern::RecoverySettings::s_reelNameSize - 1);
-    std::memset(s.reelName, 0, sizeof s.reelName);
-    std::memcpy(s.reelName, reel.constData(), size_t(reel.size()));
 }
 
 } // namespace
@@ -139,7 +88,7 @@ RecordingResult writeInterruptedRecording(const QString& path, const RecordingPl
     Tern::QuickTimeFile& movie = *owner;
     movie.initFile(&file);
     file.seek(Tern::QuickTimeFile::s_movieDataStartOffset);
-    storeSettings(movie.settings, plan);
+    storeSettings(movie.settings, plan, plan.audioTracks.size());
     movie.saveRecoverySettings();
     // Tern writes the first timecode sample now; Heron only stores the timecode.
     movie.setTimecode(plan.timecode, plan.dropFrame, false, plan.family == RecordingPlan::Heron);

@@ -1,6 +1,7 @@
 #include "simulate/SparseRecording.h"
 
 #include "movie/HeronQuickTimeFile.h"
+#include "simulate/RecorderLayout.h"
 
 #include <QFile>
 
@@ -9,60 +10,7 @@
 
 namespace {
 
-const qint64 kBlock = 512;
-// The recorder writes 1,024 bytes of its own behind every frame; the frame map counts them.
-const qint64 kFrameTrailer = 1024;
-// What the Heron recorder always uses; its settings record has no room for other values.
-const quint32 kHeronFramesPerChunk = 3;
-const quint32 kHeronSamplesPerChunk = 3072;
-
-qint64 paddedToBlock(qint64 bytes)
-{
-    return (bytes + kBlock - 1) / kBlock * kBlock;
-}
-
-// Samples per track of every sound chunk, first to last: a short first chunk when asked for, full
-// chunks, and whatever is left as a short last one.
-QVector<quint32> soundChunkLengths(quint32 totalSamples, quint32 perChunk, quint32 firstChunk)
-{
-    QVector<quint32> lengths;
-    quint32 left = totalSamples;
-    if (firstChunk != 0 && left > 0) {
-        lengths << qMin(firstChunk, left);
-        left -= lengths.last();
-    }
-    while (left > 0) {
-        lengths << qMin(perChunk, left);
-        left -= lengths.last();
-    }
-    return lengths;
-}
-
-void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan, int audioTrackCount)
-{
-    s.userData1 = plan.userData1;
-    s.timecode = plan.timecode;
-    s.dropFrame = plan.dropFrame ? 1 : 0;
-    s.userData2 = plan.userData2;
-    s.frameRate = plan.frameRate;
-    s.userData5 = plan.userData5;
-    s.audioTracks = quint32(audioTrackCount);
-    s.audioBytesPerSample = plan.audioBytesPerSample;
-    s.audioSampleRate = plan.audioSampleRate;
-    s.userData9 = plan.userData9;
-    s.width = plan.width;
-    s.height = plan.height;
-    s.interlaced = plan.interlaced;
-    s.videoCodecId = plan.videoCodecId;
-    s.videoCodecType = plan.videoCodecType;
-    s.proResVariant = plan.proResVariant;
-    s.firstChunkSamples = plan.firstChunkSamples;
-    s.audioSamplesPerChunk = plan.audioSamplesPerChunk;
-    s.videoFramesPerChunk = plan.videoFramesPerChunk;
-    const QByteArray reel = plan.reelName.toLatin1().left(Tern::RecoverySettings::s_reelNameSize - 1);
-    std::memset(s.reelName, 0, sizeof s.reelName);
-    std::memcpy(s.reelName, reel.constData(), size_t(reel.size()));
-}
+using namespace RecorderLayout;
 
 QString planError(const SparseRecordingPlan& sparse)
 {

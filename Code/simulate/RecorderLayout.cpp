@@ -1,0 +1,48 @@
+#include "simulate/RecorderLayout.h"
+
+#include <cstring>
+
+namespace RecorderLayout {
+
+QVector<quint32> soundChunkLengths(quint32 totalSamples, quint32 perChunk, quint32 firstChunk)
+{
+    QVector<quint32> lengths;
+    quint32 left = totalSamples;
+    if (firstChunk != 0 && left > 0) {
+        lengths << qMin(firstChunk, left);
+        left -= lengths.last();
+    }
+    while (left > 0) {
+        lengths << qMin(perChunk, left);
+        left -= lengths.last();
+    }
+    return lengths;
+}
+
+void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan, int audioTrackCount)
+{
+    s.userData1 = plan.userData1;
+    s.timecode = plan.timecode;
+    s.dropFrame = plan.dropFrame ? 1 : 0;
+    s.userData2 = plan.userData2;
+    s.frameRate = plan.frameRate;
+    s.userData5 = plan.userData5;
+    s.audioTracks = quint32(audioTrackCount);
+    s.audioBytesPerSample = plan.audioBytesPerSample;
+    s.audioSampleRate = plan.audioSampleRate;
+    s.userData9 = plan.userData9;
+    s.width = plan.width;
+    s.height = plan.height;
+    s.interlaced = plan.interlaced;
+    s.videoCodecId = plan.videoCodecId;
+    s.videoCodecType = plan.videoCodecType;
+    s.proResVariant = plan.proResVariant;
+    s.firstChunkSamples = plan.firstChunkSamples;
+    s.audioSamplesPerChunk = plan.audioSamplesPerChunk;
+    s.videoFramesPerChunk = plan.videoFramesPerChunk;
+    const QByteArray reel = plan.reelName.toLatin1().left(Tern::RecoverySettings::s_reelNameSize - 1);
+    std::memset(s.reelName, 0, sizeof s.reelName);
+    std::memcpy(s.reelName, reel.constData(), size_t(reel.size()));
+}
+
+} // namespace RecorderLayout

@@ -1,0 +1,31 @@
+#pragma once
+
+// What both recording writers (the dense one and the sparse one) lay out the way the recorder does.
+
+#include "movie/RecoverySettings.h"
+#include "simulate/RecordingSimulator.h"
+
+#include <QVector>
+
+namespace RecorderLayout {
+
+const qint64 kBlock = 512;
+// The recorder writes 1,024 bytes of its own behind every frame; the frame map counts them.
+const qint64 kFrameTrailer = 1024;
+// What the Heron recorder always uses; its settings record has no room for other values.
+const quint32 kHeronFramesPerChunk = 3;
+const quint32 kHeronSamplesPerChunk = 3072;
+
+inline qint64 paddedToBlock(qint64 bytes)
+{
+    return (bytes + kBlock - 1) / kBlock * kBlock;
+}
+
+// Samples per track of every sound chunk, first to last: a short first chunk when asked for, full
+// chunks, and whatever is left as a short last one.
+QVector<quint32> soundChunkLengths(quint32 totalSamples, quint32 perChunk, quint32 firstChunk);
+
+// The settings record the recorder keeps for the plan, with this many sound tracks.
+void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan, int audioTrackCount);
+
+} // namespace RecorderLayout
