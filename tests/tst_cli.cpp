@@ -8,6 +8,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <unistd.h>
+
 using namespace TestSupport;
 
 namespace {
@@ -40,6 +42,7 @@ private slots:
     void unrecoverableFilesExitOne();
     void outputEqualsTheSharedRun();
     void relativePathIsWalkedFromWhereItWasGiven();
+    void unreadableFolderIsScannedAndTheWalkGoesOn();
 };
 
 void TestCli::helpAndVersion()
@@ -148,6 +151,43 @@ void TestCli::relativePathIsWalkedFromWhereItWasGiven()
     const QStringList out = QString::fromUtf8(process.readAllStandardOutput()).split('\n');
     QVERIFY(out.contains("     " + tmp.filePath("card/sub/A001.zqv") + " (tern) Requires finalize"));
     QCOMPARE(process.exitCode(), 0);
+}
+
+void TestCli::unreadableFolderIsScannedAndTheWalkGoesOn()
+{
+    // A folder that cannot be listed holds nothing the walk can see: it is reported and passed.
+    // Permissions do not stop root, so as root the program runs as nobody.
+    QTemporaryDir tmp;
+    const QString card = tmp.filePath("card");
+    QVERIFY(TestSupport::writeFile(card + "/locked/B001.zqa", "x"));
+    QVERIFY(TestSupport::writeFile(card + "/ok/A001.zqa", "x"));
+    const QFileDevice::Permissions open = QFileDevice::ReadOwner | QFileDevice::WriteOwner
+        | QFileDevice::ExeOwner | QFileDevice::ReadOther | QFileDevice::ExeOther;
+    QVERIFY(QFile::setPermissions(tmp.path(), open));
+    QVERIFY(QFile::setPermissions(card, open));
+    QVERIFY(QFile::setPermissions(card + "/ok", open));
+    QVERIFY(QFile::setPermissions(card + "/ok/A001.zqa", open));
+    QVERIFY(QFile::setPermissions(card + "/locked", QFileDevice::Permissions()));
+
+    QStringList command{CLIPWARD_CLI_PATH};
+    if (::geteuid() == 0)
+        command = QStringList{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"} + command;
+    QProcess probe;
+    probe.start(command.first(), command.mid(1) + QStringList{"--version"});
+    if (!probe.waitForFinished(-1) || probe.exitStatus() != QProcess::NormalExit || probe.exitCode() != 0)
+        QSKIP("cannot run the program as a user that permissions stop");
+
+    QProcess run;
+    run.start(command.first(), command.mid(1) + QStringList{"--scan-only", card});
+    QVERIFY(run.waitForFinished(-1));
+    QFile::setPermissions(card + "/locked", open); // so the folder can be removed again
+    QCOMPARE(run.exitCode(), 0);
+    const QStringList lines = QString::fromUtf8(run.readAllStandardOutput()).split('\n');
+    const int locked = lines.indexOf("Scanning folder: " + card + "/locked");
+    QVERIFY(locked > 0);
+    QCOMPARE(lines.value(locked + 1), "Scanning folder: " + card + "/ok");
+    QCOMPARE(lines.value(locked + 2), "     " + card + "/ok/A001.zqa (heron) Requires finalize");
+    QVERIFY(lines.contains("1 file(s) require finalizing."));
 }
 
 QTEST_GUILESS_MAIN(TestCli)
