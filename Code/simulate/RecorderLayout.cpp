@@ -45,4 +45,25 @@ void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan, int aud
     std::memcpy(s.reelName, reel.constData(), size_t(reel.size()));
 }
 
+void stopRecording(QFile& file, Tern::QuickTimeFile& movie, const RecordingPlan& plan, qint64 end,
+                   quint32 lastChunkSamples, RecordingResult* result)
+{
+    result->recordedEndPosition = end;
+    movie.settings.lastChunkSamples = lastChunkSamples;
+    movie.settings.recordedEndPosition = plan.storeRecordedEndPosition ? quint64(end) : 0;
+    movie.saveRecoverySettings();
+    if (plan.tornTailBytes > 0)
+        file.write(syntheticFrame(-1, plan.tornTailBytes));
+
+    result->videoFrames = movie.videoFrames();
+    result->soundChunks = movie.audioFrames();
+    result->timecodeSamples = movie.timecodeSamples;
+    result->lastChunkSamples = lastChunkSamples;
+    result->fileSize = file.size();
+    result->ok = file.error() == QFileDevice::NoError;
+    if (!result->ok)
+        result->error = file.errorString();
+    file.close(); // stopped without closing the movie: no index, 'mdat' still unsized
+}
+
 } // namespace RecorderLayout

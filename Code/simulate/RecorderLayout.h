@@ -2,9 +2,11 @@
 
 // What both recording writers (the dense one and the sparse one) lay out the way the recorder does.
 
+#include "movie/QuickTimeFile.h"
 #include "movie/RecoverySettings.h"
 #include "simulate/RecordingSimulator.h"
 
+#include <QFile>
 #include <QVector>
 
 namespace RecorderLayout {
@@ -27,5 +29,11 @@ QVector<quint32> soundChunkLengths(quint32 totalSamples, quint32 perChunk, quint
 
 // The settings record the recorder keeps for the plan, with this many sound tracks.
 void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan, int audioTrackCount);
+
+// How the recorder stops when power fails, its media written up to `end`: the settings record saved with
+// the last chunk's length and (when the plan says so) the end, a torn chunk left behind it when asked
+// for, and no index. Fills in the result and closes the file.
+void stopRecording(QFile& file, Tern::QuickTimeFile& movie, const RecordingPlan& plan, qint64 end,
+                   quint32 lastChunkSamples, RecordingResult* result);
 
 } // namespace RecorderLayout

@@ -125,21 +125,6 @@ RecordingResult writeInterruptedRecording(const QString& path, const RecordingPl
     }
     movie.periodicFrameMapSave();
 
-    result.recordedEndPosition = file.pos();
-    movie.settings.lastChunkSamples = lastSamples;
-    movie.settings.recordedEndPosition = plan.storeRecordedEndPosition ? quint64(result.recordedEndPosition) : 0;
-    movie.saveRecoverySettings();
-    if (plan.tornTailBytes > 0)
-        file.write(syntheticFrame(-1, plan.tornTailBytes));
-
-    result.videoFrames = movie.videoFrames();
-    result.soundChunks = movie.audioFrames();
-    result.timecodeSamples = movie.timecodeSamples;
-    result.lastChunkSamples = lastSamples;
-    result.fileSize = file.size();
-    result.ok = file.error() == QFileDevice::NoError;
-    if (!result.ok)
-        result.error = file.errorString();
-    file.close(); // stopped without closing the movie: no index, 'mdat' still unsized
+    stopRecording(file, movie, plan, file.pos(), lastSamples, &result);
     return result;
 }

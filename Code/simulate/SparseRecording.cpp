@@ -123,21 +123,6 @@ RecordingResult writeSparseRecording(const QString& path, const SparseRecordingP
         result.error = file.errorString();
         return result;
     }
-    result.recordedEndPosition = end;
-    movie.settings.lastChunkSamples = lastSamples;
-    movie.settings.recordedEndPosition = plan.storeRecordedEndPosition ? quint64(end) : 0;
-    movie.saveRecoverySettings();
-    if (plan.tornTailBytes > 0)
-        file.write(syntheticFrame(-1, plan.tornTailBytes));
-
-    result.videoFrames = movie.videoFrames();
-    result.soundChunks = movie.audioFrames();
-    result.timecodeSamples = movie.timecodeSamples;
-    result.lastChunkSamples = lastSamples;
-    result.fileSize = file.size();
-    result.ok = file.error() == QFileDevice::NoError;
-    if (!result.ok)
-        result.error = file.errorString();
-    file.close(); // stopped without closing the movie: no index, 'mdat' still unsized
+    stopRecording(file, movie, plan, end, lastSamples, &result);
     return result;
 }
