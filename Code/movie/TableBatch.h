@@ -35,7 +35,7 @@ public:
     void put16(int slot, quint16 value) { qToBigEndian<quint16>(value, m_slots + slot * m_entryBytes); }
     void put32(int slot, quint32 value) { qToBigEndian<quint32>(value, m_slots + slot * m_entryBytes); }
     void put64(int slot, quint64 value) { qToBigEndian<quint64>(value, m_slots + slot * m_entryBytes); }
-    // `count` 16-bit values from `values`, from `slot` on; one plain loop for the whole run.
+    // For a table of 16-bit entries: `count` values from `values`, from `slot` on, in one plain loop.
     void put16Run(int slot, const quint16* values, int count)
     {
         uchar* out = reinterpret_cast<uchar*>(m_slots + slot * m_entryBytes);
