@@ -14,6 +14,7 @@
 #include <QLayout>
 #include <QLineEdit>
 #include <QPlainTextEdit>
+#include <QProcess>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
@@ -27,11 +28,15 @@
 #include <QtTest>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 using TestSupport::hex;
 
 namespace {
+
+const char* const kPressExit = "--press-exit";
 
 // A start path that cannot exist; its folder gives the drive "/n".
 const char* const kMissingPath = "/nonexistent-clipward-test/CARD";
@@ -620,6 +625,22 @@ private slots:
         QCOMPARE(logLines(*window), expected);
     }
 
+    void exitButtonEndsTheProgramWithStatusZero()
+    {
+        // Exit ends the process at once, so it is pressed in a second run of this program.
+        QProcess program;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("QT_QPA_PLATFORM", "offscreen");
+        // Nothing is torn down on the way out: a leak check at exit would only report the window.
+        env.insert("ASAN_OPTIONS", env.value("ASAN_OPTIONS") + ":detect_leaks=0");
+        program.setProcessEnvironment(env);
+        program.start(QCoreApplication::applicationFilePath(), {QString(kPressExit)});
+        QVERIFY(program.waitForFinished(60000));
+        QCOMPARE(program.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(program.exitCode(), 0);
+        QCOMPARE(program.readAllStandardOutput(), QByteArray("window shown\n"));
+    }
+
     void handlerGoneWithWindow()
     {
         const QtMessageHandler before = currentHandler();
@@ -672,5 +693,23 @@ private:
     }
 };
 
-QTEST_MAIN(TestMainWindow)
+// With kPressExit the program shows the window and presses Exit; returning from the click at all is a
+// failure (status 1). Otherwise it runs the tests.
+int main(int argc, char* argv[])
+{
+    if (argc == 2 && qstrcmp(argv[1], kPressExit) == 0) {
+        QApplication app(argc, argv);
+        MainWindow window;
+        window.show();
+        std::printf("window shown\n");
+        std::fflush(stdout);
+        QTimer::singleShot(0, [&window] { window.findChild<QPushButton*>("exitButton")->click(); });
+        QTimer::singleShot(0, [] { std::exit(1); });
+        return app.exec();
+    }
+    QApplication app(argc, argv);
+    TestMainWindow tests;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&tests, argc, argv);
+}
 #include "tst_mainwindow.moc"
