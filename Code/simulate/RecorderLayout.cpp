@@ -1,5 +1,7 @@
 #include "simulate/RecorderLayout.h"
 
+#include "movie/HeronQuickTimeFile.h"
+
 #include <cstring>
 
 namespace RecorderLayout {
@@ -45,8 +47,27 @@ void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan, int aud
     std::memcpy(s.reelName, reel.constData(), size_t(reel.size()));
 }
 
+std::unique_ptr<Tern::QuickTimeFile> startRecording(
+    QFile& file, const RecordingPlan& plan, int audioTrackCount, QVector<quint16>* heronFrameMap)
+{
+    const bool heron = plan.family == RecordingPlan::Heron;
+    std::unique_ptr<Tern::QuickTimeFile> movie;
+    if (heron) {
+        heronFrameMap->resize(int(Tern::QuickTimeFile::s_frameMapEntries));
+        movie.reset(new QuickTimeFile(file, heronFrameMap->data()));
+    } else {
+        movie.reset(new Tern::QuickTimeFile(file));
+    }
+    movie->initFile(&file);
+    file.seek(Tern::QuickTimeFile::s_movieDataStartOffset);
+    storeSettings(movie->settings, plan, audioTrackCount);
+    movie->saveRecoverySettings();
+    movie->setTimecode(plan.timecode, plan.dropFrame, false, heron);
+    return movie;
+}
+
 void stopRecording(QFile& file, Tern::QuickTimeFile& movie, const RecordingPlan& plan, qint64 end,
-                   quint32 lastChunkSamples, RecordingResult* result)
+    quint32 lastChunkSamples, RecordingResult* result)
 {
     result->recordedEndPosition = end;
     movie.settings.lastChunkSamples = lastChunkSamples;

@@ -9,6 +9,8 @@
 #include <QFile>
 #include <QVector>
 
+#include <memory>
+
 namespace RecorderLayout {
 
 const qint64 kBlock = 512;
@@ -30,10 +32,16 @@ QVector<quint32> soundChunkLengths(quint32 totalSamples, quint32 perChunk, quint
 // The settings record the recorder keeps for the plan, with this many sound tracks.
 void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan, int audioTrackCount);
 
+// How the recorder starts: the family's movie object on the opened file (a Heron one keeps its frame map
+// in `heronFrameMap`), the reserved region and the settings record written, the write position at the
+// media start, and the timecode taken (Tern writes its first timecode sample now; Heron only stores it).
+std::unique_ptr<Tern::QuickTimeFile> startRecording(
+    QFile& file, const RecordingPlan& plan, int audioTrackCount, QVector<quint16>* heronFrameMap);
+
 // How the recorder stops when power fails, its media written up to `end`: the settings record saved with
 // the last chunk's length and (when the plan says so) the end, a torn chunk left behind it when asked
 // for, and no index. Fills in the result and closes the file.
 void stopRecording(QFile& file, Tern::QuickTimeFile& movie, const RecordingPlan& plan, qint64 end,
-                   quint32 lastChunkSamples, RecordingResult* result);
+    quint32 lastChunkSamples, RecordingResult* result);
 
 } // namespace RecorderLayout

@@ -21,7 +21,7 @@ QByteArray soundChunk(const RecordingPlan& plan, quint32 firstSample, quint32 sa
     QByteArray chunk(paddedToBlock(plan.audioTracks.size() * int(stride) * bps), '\0');
     for (int t = 0; t < plan.audioTracks.size(); ++t) {
         std::memcpy(chunk.data() + t * int(stride) * bps, plan.audioTracks[t].constData() + firstSample * bps,
-                    size_t(samples) * size_t(bps));
+            size_t(samples) * size_t(bps));
     }
     return chunk;
 }
@@ -78,27 +78,16 @@ RecordingResult writeInterruptedRecording(const QString& path, const RecordingPl
         return result;
     }
     QVector<quint16> heronFrameMap;
-    std::unique_ptr<Tern::QuickTimeFile> owner;
-    if (plan.family == RecordingPlan::Heron) {
-        heronFrameMap.resize(int(Tern::QuickTimeFile::s_frameMapEntries));
-        owner.reset(new QuickTimeFile(file, heronFrameMap.data()));
-    } else {
-        owner.reset(new Tern::QuickTimeFile(file));
-    }
+    const std::unique_ptr<Tern::QuickTimeFile> owner
+        = startRecording(file, plan, plan.audioTracks.size(), &heronFrameMap);
     Tern::QuickTimeFile& movie = *owner;
-    movie.initFile(&file);
-    file.seek(Tern::QuickTimeFile::s_movieDataStartOffset);
-    storeSettings(movie.settings, plan, plan.audioTracks.size());
-    movie.saveRecoverySettings();
-    // Tern writes the first timecode sample now; Heron only stores the timecode.
-    movie.setTimecode(plan.timecode, plan.dropFrame, false, plan.family == RecordingPlan::Heron);
 
-    const QVector<quint32> sound =
-        soundChunkLengths(quint32(trackBytes) / bps, plan.audioSamplesPerChunk, plan.firstChunkSamples);
+    const QVector<quint32> sound
+        = soundChunkLengths(quint32(trackBytes) / bps, plan.audioSamplesPerChunk, plan.firstChunkSamples);
     // A chunk that is both first and short is described by its first-chunk count, not as a last chunk.
     const bool lastIsOwnChunk = sound.size() > 1 || plan.firstChunkSamples == 0;
-    const quint32 lastSamples =
-        !sound.isEmpty() && lastIsOwnChunk && sound.last() != plan.audioSamplesPerChunk ? sound.last() : 0;
+    const quint32 lastSamples
+        = !sound.isEmpty() && lastIsOwnChunk && sound.last() != plan.audioSamplesPerChunk ? sound.last() : 0;
     const int videoChunks = (plan.videoFrames.size() + int(G) - 1) / int(G);
     const int chunkRounds = qMax(videoChunks, sound.size());
 
@@ -113,8 +102,8 @@ RecordingResult writeInterruptedRecording(const QString& path, const RecordingPl
         }
         if (round < sound.size()) {
             const bool shortLast = round == sound.size() - 1 && lastSamples != 0;
-            QByteArray chunk = soundChunk(plan, soundSample, sound[round],
-                                          shortLast ? lastSamples : plan.audioSamplesPerChunk);
+            QByteArray chunk = soundChunk(
+                plan, soundSample, sound[round], shortLast ? lastSamples : plan.audioSamplesPerChunk);
             movie.addMovieSoundData(chunk);
             soundSample += sound[round];
         }

@@ -55,7 +55,6 @@ RecordingResult writeSparseRecording(const QString& path, const SparseRecordingP
     if (!result.error.isEmpty())
         return result;
     const RecordingPlan& plan = sparse.recording;
-    const bool heron = plan.family == RecordingPlan::Heron;
 
     QFile file(path);
     if (!file.open(QIODevice::ReadWrite | QIODevice::Truncate)) {
@@ -63,20 +62,9 @@ RecordingResult writeSparseRecording(const QString& path, const SparseRecordingP
         return result;
     }
     QVector<quint16> heronFrameMap;
-    std::unique_ptr<Tern::QuickTimeFile> owner;
-    if (heron) {
-        heronFrameMap.resize(int(Tern::QuickTimeFile::s_frameMapEntries));
-        owner.reset(new QuickTimeFile(file, heronFrameMap.data()));
-    } else {
-        owner.reset(new Tern::QuickTimeFile(file));
-    }
+    const std::unique_ptr<Tern::QuickTimeFile> owner
+        = startRecording(file, plan, sparse.audioTrackCount, &heronFrameMap);
     Tern::QuickTimeFile& movie = *owner;
-    movie.initFile(&file);
-    file.seek(Tern::QuickTimeFile::s_movieDataStartOffset);
-    storeSettings(movie.settings, plan, sparse.audioTrackCount);
-    movie.saveRecoverySettings();
-    // Tern writes its first timecode sample now, a real one; Heron only stores the timecode.
-    movie.setTimecode(plan.timecode, plan.dropFrame, false, heron);
 
     const quint32 G = plan.videoFramesPerChunk;
     const qint64 bps = plan.audioBytesPerSample;
