@@ -16,16 +16,6 @@ namespace {
 
 const QByteArray kTernStart = hex("00000014 66747970");
 
-// The lines one FinalizeRun presents, with library messages routed the way both front ends route them.
-QStringList runInProcess(const QString& path, bool scanOnly)
-{
-    MessageCapture capture;
-    FinalizeRun run(scanOnly);
-    QObject::connect(&run, &FinalizeRun::output, [&capture](const QString& text) { capture.record(text); });
-    run.run(path);
-    return capture.lines();
-}
-
 } // namespace
 
 class TestCli : public QObject
@@ -42,7 +32,7 @@ private slots:
     void unrecoverableFilesExitOne();
     void outputEqualsTheSharedRun();
     void relativePathIsWalkedFromWhereItWasGiven();
-    void unreadableFolderIsScannedAndTheWalkGoesOn();
+    void unreadableFolderIsReportedAndTheWalkGoesOn();
 };
 
 void TestCli::helpAndVersion()
@@ -137,7 +127,7 @@ void TestCli::outputEqualsTheSharedRun()
     QVERIFY(writeFile(tmp.filePath("x/y/C001.nra"), "x"));
     QStringList out;
     runCli({"--scan-only", tmp.path()}, &out);
-    QCOMPARE(out, runInProcess(tmp.path(), true));
+    QCOMPARE(out, runFinalizeRun(tmp.path(), true));
 }
 
 void TestCli::relativePathIsWalkedFromWhereItWasGiven()
@@ -153,9 +143,10 @@ void TestCli::relativePathIsWalkedFromWhereItWasGiven()
     QCOMPARE(process.exitCode(), 0);
 }
 
-void TestCli::unreadableFolderIsScannedAndTheWalkGoesOn()
+void TestCli::unreadableFolderIsReportedAndTheWalkGoesOn()
 {
-    // A folder that cannot be listed holds nothing the walk can see: it is reported and passed.
+    // A folder that cannot be listed holds nothing the walk can see: it is reported on its own line, the
+    // walk goes on, and the exit status says something was passed over.
     // Permissions do not stop root, so as root the program runs as nobody.
     QTemporaryDir tmp;
     const QString card = tmp.filePath("card");
@@ -181,13 +172,20 @@ void TestCli::unreadableFolderIsScannedAndTheWalkGoesOn()
     run.start(command.first(), command.mid(1) + QStringList{"--scan-only", card});
     QVERIFY(run.waitForFinished(-1));
     QFile::setPermissions(card + "/locked", open); // so the folder can be removed again
-    QCOMPARE(run.exitCode(), 0);
+    QCOMPARE(run.exitCode(), 3);
     const QStringList lines = QString::fromUtf8(run.readAllStandardOutput()).split('\n');
     const int locked = lines.indexOf("Scanning folder: " + card + "/locked");
     QVERIFY(locked > 0);
-    QCOMPARE(lines.value(locked + 1), "Scanning folder: " + card + "/ok");
-    QCOMPARE(lines.value(locked + 2), "     " + card + "/ok/A001.zqa (heron) Requires finalize");
-    QVERIFY(lines.contains("1 file(s) require finalizing."));
+    QCOMPARE(lines.value(locked + 1), "     " + card + "/locked cannot be read, left as it is");
+    QCOMPARE(lines.value(locked + 2), "Scanning folder: " + card + "/ok");
+    // Owned by root and not writable by others: the scan says it cannot be finished here.
+    QCOMPARE(lines.value(locked + 3),
+        "     " + card
+            + "/ok/A001.zqa (heron) Requires finalize, cannot be finalized here: "
+              "no permission to write it");
+    QCOMPARE(lines.mid(locked + 4),
+        QStringList({ " ", "1 folder(s) could not be read.", "Test Debug", "1 file(s) require finalizing.",
+            "Run again with Scan Mode set to 'Scan and Finalize'", "" }));
 }
 
 QTEST_GUILESS_MAIN(TestCli)

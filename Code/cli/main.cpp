@@ -15,6 +15,7 @@ namespace {
 const int kExitOk = 0;
 const int kExitUnrecoverable = 1;
 const int kExitUsage = 2;
+const int kExitSomethingLeft = 3;
 
 void printLine(const QString& text)
 {
@@ -41,9 +42,12 @@ const char* const kUsage =
     "  --help        show this text\n"
     "  --version     show the version\n"
     "\n"
-    "Exit status: 0 no file unrecoverable, 1 at least one file unrecoverable,\n"
-    "2 PATH missing or wrong arguments. With --verify: 0 every FILE verified,\n"
-    "1 at least one did not, 2 no FILE given.\n";
+    "Exit status: 0 no file unrecoverable and nothing left, 1 at least one file\n"
+    "unrecoverable, 2 PATH missing or wrong arguments, 3 no file unrecoverable but\n"
+    "something was left as it is: a file in use by another run, one that could not\n"
+    "be written, read or finished for want of room, or a folder that could not be\n"
+    "read (the report says which). With --verify: 0 every FILE verified, 1 at least\n"
+    "one did not, 2 no FILE given.\n";
 
 int usageError(const QString& reason)
 {
@@ -117,5 +121,7 @@ int main(int argc, char* argv[])
         std::fprintf(stderr, "clipward-cli: path does not exist: %s\n", paths.first().toUtf8().constData());
         return kExitUsage;
     }
-    return summary.badCount != 0 ? kExitUnrecoverable : kExitOk;
+    if (summary.badCount != 0)
+        return kExitUnrecoverable;
+    return summary.somethingLeft() ? kExitSomethingLeft : kExitOk;
 }

@@ -1,5 +1,7 @@
 #include "finalize/Finalize.h"
 
+#include "finalize/CardAccess.h"
+
 #include <QDirIterator>
 #include <QFile>
 #include <QRegularExpression>
@@ -137,6 +139,23 @@ QStringList entriesMatching(const QDir& dir, const QStringList& filters)
         names << entry.name;
     return names;
 }
+// The family of the file at `path` by its name and its first atom's size, the file opened with `mode`.
+int familyByFirstAtom(const QString& path, QIODevice::OpenMode mode)
+{
+    if (!path.toLower().endsWith(".zqv"))
+        return kFamilyHeron;
+
+    QFile file(path);
+    if (!file.open(mode))
+        return kFamilyUnreadable;
+    uchar firstWord[4];
+    if (file.read(reinterpret_cast<char*>(firstWord), 4) < 4)
+        return kFamilyUnreadable;
+    file.close();
+
+    const quint32 firstAtomSize = qFromBigEndian<quint32>(firstWord);
+    return firstAtomSize < kHeronFirstAtomMinimum ? kFamilyTern : kFamilyHeron;
+}
 } // namespace
 
 Finalize::Finalize()
@@ -145,6 +164,8 @@ Finalize::Finalize()
     , goodCount(0)
     , badCount(0)
     , isTern(0)
+    , leftCount(0)
+    , unreadableFolderCount(0)
 {
     nameFilters << "*.zqv" << "*.zqa" << "*.nrv" << "*.nra";
 }
@@ -158,6 +179,8 @@ bool Finalize::finalizeFolders(const QStringList& paths)
 {
     goodCount = 0;
     badCount = 0;
+    leftCount = 0;
+    unreadableFolderCount = 0;
     finalizeFolderTree(paths);
     return true;
 }
@@ -173,6 +196,13 @@ bool Finalize::finalizeFolderTree(const QStringList& paths)
         }
         // Walk by absolute path: a relative one would resolve against the new current directory.
         dir.makeAbsolute();
+        // Said once, before anything is tried; each file's own line repeats why it is left alone.
+        if (CardAccess::driveWriteProtected(dir.absolutePath()))
+            emit textOutput("Drive is write-protected: no file can be finalized here.\n");
+        else if (CardAccess::folderListable(dir.absolutePath())
+            && !CardAccess::folderWritable(dir.absolutePath()))
+            emit textOutput(QString("No permission to write in %1: its files cannot be finalized.\n")
+                                .arg(dir.absolutePath()));
         QDir::setCurrent(dir.absolutePath());
         finalizeFolderTree(dir);
     }
@@ -214,6 +244,11 @@ bool Finalize::isSkipFolder(QDir& dir)
 bool Finalize::finalizeFolder(QDir& dir)
 {
     emit textOutput(QString("Scanning folder: %1\n").arg(dir.absolutePath()));
+    if (!CardAccess::folderListable(dir.absolutePath())) {
+        emit textOutput(QString("     %1 cannot be read, left as it is\n").arg(dir.absolutePath()));
+        ++unreadableFolderCount;
+        return true;
+    }
 
     const QStringList names = entriesMatching(dir, nameFilters);
     for (const QString& name : names) {
@@ -222,13 +257,31 @@ bool Finalize::finalizeFolder(QDir& dir)
         if (name.endsWith(".nra") || name.endsWith(".nrv")) {
             emit textOutput(QString("     %1 Unrecoverable\n").arg(path));
             ++badCount;
+            continue;
+        }
+        // Held from before the header is read until after the rename, so no other run touches the file
+        // meanwhile. A scan only reads, and shares it with other scans.
+        const RecordingLock lock(
+            path, scanOnly ? RecordingLock::Mode::Shared : RecordingLock::Mode::Exclusive);
+        if (!reportRecordingNotHeld(path, lock.state()))
+            continue;
+        const CardAccess::WriteBlock block = CardAccess::writeBlockFor(path);
+        if (block != CardAccess::WriteBlock::None) {
+            reportNotWritable(path, CardAccess::reasonText(block));
         } else if (scanOnly) {
             const int type = getFileType(path);
             emit textOutput(QString("     %1 %2 Requires finalize\n")
                                 .arg(path, type == kFamilyTern ? "(tern)" : "(heron)"));
             ++goodCount;
         } else {
+            leftReason.clear();
             const unsigned int result = doFinalize(path);
+            if (!leftReason.isEmpty()) {
+                ++leftCount;
+                emit textOutput(QString("     %1 %2 Left as it is: %3\n")
+                                    .arg(path, isTern ? "(Tern)" : "(Heron)", leftReason));
+                continue;
+            }
             if (result == 0)
                 ++goodCount;
             else
@@ -243,19 +296,8 @@ bool Finalize::finalizeFolder(QDir& dir)
 
 int Finalize::getFileType(QString path)
 {
-    if (!path.toLower().endsWith(".zqv"))
-        return kFamilyHeron;
-
-    QFile file(path);
-    if (!file.open(QIODevice::ReadWrite | QIODevice::ExistingOnly)) // a vanished file is not recreated
-        return kFamilyUnreadable;
-    uchar firstWord[4];
-    if (file.read(reinterpret_cast<char*>(firstWord), 4) < 4)
-        return kFamilyUnreadable;
-    file.close();
-
-    const quint32 firstAtomSize = qFromBigEndian<quint32>(firstWord);
-    return firstAtomSize < kHeronFirstAtomMinimum ? kFamilyTern : kFamilyHeron;
+    // Read-write, as the recorder's files are opened to be finished; a vanished file is not recreated.
+    return familyByFirstAtom(path, QIODevice::ReadWrite | QIODevice::ExistingOnly);
 }
 
 unsigned int Finalize::doFinalize(QString path)
@@ -270,4 +312,41 @@ unsigned int Finalize::doFinalize(QString path)
     if (type == kFamilyUnreadable)
         return kResultUnrecoverable; // outputFileName and isTern keep the previous file's values
     return heronDoFinalize(path);
+}
+
+bool Finalize::reportRecordingNotHeld(const QString& path, RecordingLock::State state)
+{
+    switch (state) {
+    case RecordingLock::State::Held:
+        return true;
+    case RecordingLock::State::InUse:
+        emit textOutput(QString("     %1 in use by another run, left as it is\n").arg(path));
+        ++leftCount;
+        return false;
+    case RecordingLock::State::Gone:
+        // Most often another run finished it since this folder was listed: nothing is left to do.
+        emit textOutput(QString("     %1 is no longer there, passed over\n").arg(path));
+        return false;
+    case RecordingLock::State::Unreadable:
+        emit textOutput(QString("     %1 cannot be read, left as it is\n").arg(path));
+        ++leftCount;
+        return false;
+    }
+    return false;
+}
+
+void Finalize::reportNotWritable(const QString& path, const QString& reason)
+{
+    // Read only: the file cannot be opened for writing, which getFileType asks for.
+    const bool tern = familyByFirstAtom(path, QIODevice::ReadOnly) == kFamilyTern;
+    if (scanOnly) {
+        // It still needs finishing; the line says where that can be done.
+        emit textOutput(QString("     %1 %2 Requires finalize, cannot be finalized here: %3\n")
+                            .arg(path, tern ? "(tern)" : "(heron)", reason));
+        ++goodCount;
+    } else {
+        emit textOutput(
+            QString("     %1 %2 Left as it is: %3\n").arg(path, tern ? "(Tern)" : "(Heron)", reason));
+        ++leftCount;
+    }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "finalize/RecordingLock.h"
 #include "movie/HeronQuickTimeFile.h"
 
 #include <QDir>
@@ -41,10 +42,24 @@ public:
     int badCount;
     int isTern;
 
+    // Files left as they were because of the card or another run, not the recording (in use, not
+    // writable, unreadable, no room): counted neither finalized nor unrecoverable.
+    int leftCount;
+    // Folders whose entries could not be listed, so whatever they hold was passed over.
+    int unreadableFolderCount;
+    // Set by a finalize procedure when the card or the system, not the recording, stopped the finish: the
+    // reason for the line. The file then keeps its in-progress name and its bytes.
+    QString leftReason;
+
 signals:
     void textOutput(const QString& text);
 
 private:
+    // Why a recording is not worked on, on its own line; false when the run can go ahead with it.
+    bool reportRecordingNotHeld(const QString& path, RecordingLock::State state);
+    // A file the run could not change: reported with its family and the reason, and not tried.
+    void reportNotWritable(const QString& path, const QString& reason);
+
     // Canonical paths of the folders the walk is inside of, from the start path down: a folder link that
     // leads back into one of them would loop, so it is reported as skipped instead. Links elsewhere,
     // to a sibling for example, are walked like folders.

@@ -19,6 +19,7 @@ QString FinalizeRun::driveOf(const QString& path)
 
 FinalizeRun::Summary FinalizeRun::run(const QString& path)
 {
+    const QString currentBefore = QDir::currentPath();
     Finalize driver;
     QStringList paths;
     paths.append(path);
@@ -39,11 +40,25 @@ FinalizeRun::Summary FinalizeRun::run(const QString& path)
 
     driver.finalizeFolders(paths);
 
+    QDir::setCurrent(currentBefore);
+
+    summary.goodCount = driver.goodCount;
+    summary.badCount = driver.badCount;
+    summary.leftCount = driver.leftCount;
+    summary.unreadableFolderCount = driver.unreadableFolderCount;
+
+    // The lines for files and folders left alone appear only when there were such.
     emit output(" ");
     if (driver.badCount != 0)
         emit output(QString("%1 file(s) unrecoverable.").arg(driver.badCount));
+    if (driver.leftCount != 0)
+        emit output(QString("%1 file(s) left as they are.").arg(driver.leftCount));
+    if (driver.unreadableFolderCount != 0)
+        emit output(QString("%1 folder(s) could not be read.").arg(driver.unreadableFolderCount));
     if (!m_scanOnly) {
-        if (driver.goodCount == 0)
+        if (driver.goodCount == 0 && summary.somethingLeft())
+            emit output("No file has been finalized.");
+        else if (driver.goodCount == 0)
             emit output("No unfinalized files found.");
         else
             emit output(QString("%1 file(s) have been successfully finalized.").arg(driver.goodCount));
@@ -52,8 +67,5 @@ FinalizeRun::Summary FinalizeRun::run(const QString& path)
         emit output(QString("%1 file(s) require finalizing.").arg(driver.goodCount));
         emit output("Run again with Scan Mode set to 'Scan and Finalize'");
     }
-
-    summary.goodCount = driver.goodCount;
-    summary.badCount = driver.badCount;
     return summary;
 }

@@ -16,10 +16,17 @@ public:
         bool pathExists = false;
         int goodCount = 0;
         int badCount = 0;
+        int leftCount = 0; // files left as they were: in use, not writable, unreadable, no room
+        int unreadableFolderCount = 0; // folders passed over because they could not be listed
+
+        // Something was passed over that a later run, or a run elsewhere, could still do.
+        bool somethingLeft() const { return leftCount != 0 || unreadableFolderCount != 0; }
     };
 
     explicit FinalizeRun(bool scanOnly);
 
+    // The process's current directory is the same after the run as before it: the walk makes the start
+    // folder current, and a card that stays anyone's current directory cannot be ejected.
     Summary run(const QString& path);
 
     // First two characters of the absolute path of the folder holding `path` ("/V" for /Volumes/CARD).

@@ -3,6 +3,7 @@
 // name tell the outcome; nothing is logged beyond the first line.
 
 #include "audio/AudioFile.h"
+#include "finalize/CardFile.h"
 #include "finalize/Finalize.h"
 #include "movie/StableStorage.h"
 
@@ -57,7 +58,7 @@ void Finalize::setQuickTimeFileInfo(QuickTimeFile::RecoverySettings* s, QuickTim
 
 unsigned int Finalize::heronDoFinalize(QString path)
 {
-    QFile file(path);
+    CardFile file(path);
     isTern = 0;
     qDebug("doing heron finalize");
     const QString lower = path.toLower();
@@ -77,6 +78,10 @@ unsigned int Finalize::heronDoFinalize(QString path)
         }
         delete movie;
         file.close();
+        if (result != kFinalized && !file.mediumFailure().isEmpty()) {
+            leftReason = file.mediumFailure(); // the card failed, not the take: it keeps its name
+            return result;
+        }
         // Unlike Tern, every failure gives the movie up; an existing file of the new name is kept.
         const QString newName = QString(path).replace(".zqv", result == kFinalized ? ".mov" : ".nrv");
         renameDurably(file, newName);
@@ -93,6 +98,10 @@ unsigned int Finalize::heronDoFinalize(QString path)
             result = audio.VerifyHeader();
         StableStorage::sync(file); // the repaired sizes reach the disk before the finished name does
         file.close();
+        if (result != 0 && !file.mediumFailure().isEmpty()) {
+            leftReason = file.mediumFailure();
+            return result;
+        }
         const QString newName = QString(path).replace(".zqa", result == 0 ? ".wav" : ".nra");
         renameDurably(file, newName);
         outputFileName = newName;

@@ -1,6 +1,7 @@
 // Finishing one interrupted Tern movie: check the in-progress layout, load the recorder's settings,
 // configure the movie object from them, rebuild the index, and rename the file.
 
+#include "finalize/CardFile.h"
 #include "finalize/Finalize.h"
 #include "finalize/TernSettings.h"
 #include "movie/QuickTimeFile.h"
@@ -54,7 +55,7 @@ void TernSettings::configure(Tern::QuickTimeFile& movie, const Tern::RecoverySet
 
 unsigned int Finalize::ternDoFinalize(QString path)
 {
-    QFile file(path);
+    CardFile file(path);
     isTern = 1;
     qDebug("doing tern finalize");
 
@@ -62,6 +63,12 @@ unsigned int Finalize::ternDoFinalize(QString path)
         return kFinalized;
 
     const QByteArray name = path.toLocal8Bit();
+    // A failure the card caused (a refused read or write) is told by the driver's line instead: the
+    // recording itself may be whole.
+    const auto logFailure = [&file, &name](const char* format) {
+        if (file.mediumFailure().isEmpty())
+            qDebug(format, name.constData());
+    };
     unsigned int result = kUnrecoverable;
     bool rebuildFailed = false;
     Tern::QuickTimeFile* movie = nullptr;
@@ -69,29 +76,27 @@ unsigned int Finalize::ternDoFinalize(QString path)
     // Unbuffered: the index writer buffers itself, and a write that fails must fail where it happens,
     // not in a hidden buffer flushed later. A file that vanished since the walk is not created anew.
     if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::ExistingOnly)) {
-        qDebug("********************* %s recovery failed, can't open the file!\n", name.constData());
+        logFailure("********************* %s recovery failed, can't open the file!\n");
     } else {
         movie = new Tern::QuickTimeFile(file);
         if (!movie->verifyHeader()) {
-            qDebug("********************* %s recovery failed, corrupted file!\n", name.constData());
+            logFailure("********************* %s recovery failed, corrupted file!\n");
         } else {
             qDebug("********************* %s needs to be restored!\n", name.constData());
             movie->initFile(nullptr);
             Tern::RecoverySettings* settings = movie->loadSavedSettings();
             if (!settings) {
-                qDebug("********************* %s recovery failed, couldn't get any recovery settings!\n",
-                       name.constData());
+                logFailure("********************* %s recovery failed, couldn't get any recovery settings!\n");
             } else if (!TernSettings::usable(*settings)) {
-                qDebug("********************* %s recovery failed, invalid recovery settings!\n",
-                       name.constData());
+                logFailure("********************* %s recovery failed, invalid recovery settings!\n");
             } else {
                 TernSettings::configure(*movie, *settings);
                 if (movie->recover()) {
                     result = kFinalized;
                     file.flush();
                 } else {
-                    qDebug("********************* %s recovery failed, no frame map or finalization failed!\n",
-                           name.constData());
+                    logFailure(
+                        "********************* %s recovery failed, no frame map or finalization failed!\n");
                     rebuildFailed = true;
                 }
             }
@@ -100,6 +105,10 @@ unsigned int Finalize::ternDoFinalize(QString path)
     delete movie;
     if (file.isOpen())
         file.close();
+    if (result != kFinalized && !file.mediumFailure().isEmpty()) {
+        leftReason = file.mediumFailure(); // keeps its name: a later run on a sound card finishes it
+        return result;
+    }
 
     // Only a failed rebuild gives the file up; a file that could not even be read is named finished,
     // unchanged. An old ".nrv" is replaced, an old ".mov" is not.

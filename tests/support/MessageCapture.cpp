@@ -45,3 +45,14 @@ DriverRun runDriver(const QStringList& folders, bool scanOnly)
     run.bad = driver.badCount;
     return run;
 }
+
+QStringList runFinalizeRun(const QString& path, bool scanOnly, FinalizeRun::Summary* summary)
+{
+    MessageCapture capture;
+    FinalizeRun run(scanOnly);
+    QObject::connect(&run, &FinalizeRun::output, [&capture](const QString& text) { capture.record(text); });
+    const FinalizeRun::Summary result = run.run(path);
+    if (summary)
+        *summary = result;
+    return capture.lines();
+}

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "finalize/FinalizeRun.h"
+
 #include <QString>
 #include <QStringList>
 #include <QtGlobal>
@@ -36,3 +38,7 @@ struct DriverRun
     int bad = 0;
 };
 DriverRun runDriver(const QStringList& folders, bool scanOnly = false);
+
+// One press of Start over `path` (the run both front ends present): its lines and library messages in
+// time order, as the log box shows them, and its summary.
+QStringList runFinalizeRun(const QString& path, bool scanOnly, FinalizeRun::Summary* summary = nullptr);

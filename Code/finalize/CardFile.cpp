@@ -1,0 +1,58 @@
+#include "finalize/CardFile.h"
+
+#include <cerrno>
+#include <cstring>
+
+qint64 CardFile::readData(char* data, qint64 maxSize)
+{
+    errno = 0;
+    const qint64 read = QFile::readData(data, maxSize);
+    if (read < 0)
+        noteFailure(errno, QStringLiteral("read"));
+    return read;
+}
+
+qint64 CardFile::writeData(const char* data, qint64 len)
+{
+    errno = 0;
+    const qint64 written = QFile::writeData(data, len);
+    // A write cut short returns what fitted and leaves the system's reason in errno.
+    if (written < len)
+        noteFailure(errno, QStringLiteral("written"));
+    return written;
+}
+
+void CardFile::noteFailure(int systemError, const QString& what)
+{
+    if (!m_mediumFailure.isEmpty())
+        return;
+    // Only what the card or the system answers counts; a refusal the recording's own values cause (an
+    // offset past the largest file, EFBIG or EINVAL) stays the recording's failure.
+    switch (systemError) {
+    case ENOSPC:
+#ifdef EDQUOT
+    case EDQUOT:
+#endif
+        m_mediumFailure = QStringLiteral("the drive is full");
+        break;
+    case EROFS:
+        m_mediumFailure = QStringLiteral("the drive is write-protected");
+        break;
+    case EACCES:
+    case EPERM:
+        m_mediumFailure = QStringLiteral("no permission to write it");
+        break;
+    case EIO:
+#ifdef ENXIO
+    case ENXIO:
+#endif
+#ifdef ENODEV
+    case ENODEV:
+#endif
+        m_mediumFailure = QStringLiteral("the drive could not be %1 (%2)")
+                              .arg(what, QString::fromLocal8Bit(std::strerror(systemError)));
+        break;
+    default:
+        break;
+    }
+}

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <QFile>
+#include <QString>
+
+// The recording's file as a finalize procedure opens it, remembering the first transfer the medium
+// refused. QFile's own error is cleared by every later successful seek or resize (and the finish cuts
+// back what it appended after a failure), and a write cut short by a full disk sets none; so the reason
+// is caught where it happens, to tell a full or failing card from a take that cannot be finished.
+class CardFile : public QFile
+{
+public:
+    using QFile::QFile;
+
+    // Why the card or the system refused a transfer ("the drive is full", ...); empty while none was.
+    QString mediumFailure() const { return m_mediumFailure; }
+
+protected:
+    qint64 readData(char* data, qint64 maxSize) override;
+    qint64 writeData(const char* data, qint64 len) override;
+
+private:
+    void noteFailure(int systemError, const QString& what);
+
+    QString m_mediumFailure;
+};
