@@ -7,6 +7,7 @@
 #include "support/TestSupport.h"
 
 #include <QApplication>
+#include <QCloseEvent>
 #include <QFileDialog>
 #include <QGroupBox>
 #include <QImageReader>
@@ -680,6 +681,112 @@ private slots:
             QVERIFY2(control->isEnabled(), qPrintable(control->objectName()));
         QCOMPARE(bar->minimum(), 0);
         QCOMPARE(bar->maximum(), 100);
+    }
+
+    void closeRequestDuringARunIsRefused()
+    {
+        // The title bar's close box and Alt+F4 both arrive as a close request; during a run it is refused,
+        // so no run goes on changing a card with no window shown. Afterwards the window closes as usual.
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        QVERIFY(TestSupport::writeFile(dir.path() + "/A001.zqv", hex("00000014")));
+        auto window = makeWindow();
+        QStatusBar* status = child<QStatusBar>(window.get(), "statusBar");
+        QPlainTextEdit* box = child<QPlainTextEdit>(window.get(), "outputWindow");
+
+        int requests = 0;
+        bool closedDuringRun = true;
+        bool visibleDuringRun = false;
+        QString statusDuringRun;
+        connect(box, &QPlainTextEdit::textChanged, this, [&] {
+            if (requests != 0 || !box->toPlainText().contains("Scanning folder"))
+                return;
+            ++requests;
+            // As the window system delivers it: a spontaneous close event, not a call of close().
+            QCloseEvent request;
+            QApplication::sendEvent(window.get(), &request);
+            closedDuringRun = request.isAccepted();
+            visibleDuringRun = window->isVisible();
+            statusDuringRun = status->currentMessage();
+        });
+        runOn(*window, dir.path(), false);
+        disconnect(box, nullptr, this, nullptr);
+
+        QCOMPARE(requests, 1);
+        QVERIFY(!closedDuringRun);
+        QVERIFY(visibleDuringRun);
+        QCOMPARE(statusDuringRun,
+            QString("The run is still going: the window can be closed when it has finished."));
+        QVERIFY(window->isVisible());
+        QCOMPARE(status->currentMessage(), QString());
+        QVERIFY(logLines(*window).contains("1 file(s) have been successfully finalized.")
+            || logLines(*window).contains("1 file(s) unrecoverable."));
+        QVERIFY(window->close()); // idle: the request is taken
+        QVERIFY(!window->isVisible());
+    }
+
+    void relativePathIsTakenFromTheStartFolder()
+    {
+        // A relative path means the same folder however the current folder has changed since start-up.
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        QVERIFY(TestSupport::writeFile(dir.path() + "/start/card/A001.zqa", "x"));
+        QVERIFY(QDir().mkpath(dir.path() + "/elsewhere/card"));
+        const QString before = QDir::currentPath();
+        QVERIFY(QDir::setCurrent(dir.path() + "/start"));
+        auto window = makeWindow();
+        QVERIFY(QDir::setCurrent(dir.path() + "/elsewhere"));
+
+        runOn(*window, "card", true);
+        QVERIFY(QDir::setCurrent(before));
+        QVERIFY(logLines(*window).contains(
+            "     " + dir.path() + "/start/card/A001.zqa (heron) Requires finalize"));
+        QCOMPARE(window->typedPath(), dir.path() + "/start/card");
+    }
+
+    void runGivesTheCurrentFolderBack()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        QVERIFY(TestSupport::writeFile(dir.path() + "/card/A001.zqa", "x"));
+        const QString before = QDir::currentPath();
+        auto window = makeWindow();
+        runOn(*window, dir.path() + "/card", true);
+        QCOMPARE(QDir::currentPath(), before);
+    }
+
+    void browseOpensAtTheTypedFolder()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid() && QDir().mkpath(dir.path() + "/CARD/DCIM"));
+        auto window = makeWindow();
+        QLineEdit* edit = child<QLineEdit>(window.get(), "drivePathEdit");
+
+        QString opened;
+        auto cancelWhenUp = [&] {
+            auto* poll = new QTimer(this);
+            connect(poll, &QTimer::timeout, this, [&, poll] {
+                auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+                if (!dialog || !dialog->isVisible())
+                    return;
+                poll->deleteLater();
+                opened = dialog->directory().absolutePath();
+                dialog->reject();
+            });
+            poll->start(10);
+        };
+
+        edit->setText(dir.path() + "/CARD/DCIM");
+        QCOMPARE(window->browseStartFolder(), dir.path() + "/CARD/DCIM");
+        cancelWhenUp();
+        QTest::mouseClick(child<QPushButton>(window.get(), "browseButton"), Qt::LeftButton);
+        QCOMPARE(opened, dir.path() + "/CARD/DCIM");
+
+        // A path that does not exist (yet) leaves the picker where it opens by itself.
+        edit->setText(dir.path() + "/CARD/MISSING");
+        QCOMPARE(window->browseStartFolder(), QString());
+        edit->clear();
+        QCOMPARE(window->browseStartFolder(), QString());
     }
 
 private:

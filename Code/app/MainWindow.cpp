@@ -5,10 +5,14 @@
 #include "finalize/LogText.h"
 
 #include <QAbstractTextDocumentLayout>
+#include <QCloseEvent>
 #include <QCoreApplication>
+#include <QDir>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QMetaObject>
 #include <QScrollBar>
+#include <QStatusBar>
 #include <QTextCursor>
 #include <QTextDocument>
 
@@ -48,6 +52,7 @@ void debugHandler(QtMsgType, const QMessageLogContext&, const QString& message)
 MainWindow::MainWindow(QWidget* parent)
     : QMainWindow(parent)
     , ui(new Ui::MainWindow)
+    , m_startFolder(QDir::currentPath())
 {
     initResources();
     ui->setupUi(this);
@@ -158,9 +163,10 @@ void MainWindow::on_startButton_clicked()
     m_runInProgress = true;
     m_sinceLogShown.invalidate();
     m_shownBottom = ui->outputWindow->verticalScrollBar()->maximum();
-    run.run(ui->drivePathEdit->text());
+    run.run(typedPath());
     m_runInProgress = false;
     showLog();
+    statusBar()->clearMessage();
 
     ui->scanModeGroup->setEnabled(true);
     ui->drivePathEdit->setEnabled(true);
@@ -172,10 +178,33 @@ void MainWindow::on_startButton_clicked()
 
 void MainWindow::on_browseButton_clicked()
 {
-    const QString folder = QFileDialog::getExistingDirectory(this, tr("Drive/path to scan."), QString(),
-                                                             QFileDialog::ShowDirsOnly);
+    const QString folder = QFileDialog::getExistingDirectory(
+        this, tr("Drive/path to scan."), browseStartFolder(), QFileDialog::ShowDirsOnly);
     if (!folder.isEmpty())
         ui->drivePathEdit->setText(folder);
+}
+
+QString MainWindow::typedPath() const
+{
+    const QString text = ui->drivePathEdit->text();
+    return text.isEmpty() ? text : QDir(m_startFolder).filePath(text);
+}
+
+QString MainWindow::browseStartFolder() const
+{
+    const QString path = typedPath();
+    return !path.isEmpty() && QFileInfo(path).isDir() ? QDir::cleanPath(path) : QString();
+}
+
+void MainWindow::closeEvent(QCloseEvent* event)
+{
+    if (m_runInProgress) {
+        event->ignore();
+        statusBar()->showMessage(
+            tr("The run is still going: the window can be closed when it has finished."));
+        return;
+    }
+    QMainWindow::closeEvent(event);
 }
 
 void MainWindow::setRunning(bool running)

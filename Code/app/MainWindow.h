@@ -22,6 +22,16 @@ public:
     QString getDrive(const QString& path);
     int checkDrive(const QString& path, bool);
 
+    // The typed path as the run and Browse take it: a relative path is taken from the folder the program
+    // started in, whatever folder is current.
+    QString typedPath() const;
+    // Where Browse opens: the typed folder when there is one, else the picker's own default.
+    QString browseStartFolder() const;
+
+protected:
+    // While a run is going the window stays: closing it would hide a run that goes on changing the card.
+    void closeEvent(QCloseEvent* event) override;
+
 public slots:
     void output(const QString& text);
     void drivePathTextChanged(const QString& text);
@@ -37,6 +47,7 @@ private:
     void showLog();
 
     Ui::MainWindow* ui;
+    const QString m_startFolder; // the current folder when the program started
     bool m_runInProgress = false;
     QElapsedTimer m_sinceLogShown;
     int m_shownBottom = 0; // the scroll bar's end when the box was last shown
