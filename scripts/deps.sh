@@ -18,4 +18,4 @@ install_missing_packages() {
 }
 
 BUILD_PACKAGES=(cmake g++ make qtbase5-dev qtbase5-dev-tools)
-TEST_PACKAGES=(ffmpeg xauth strace)
+TEST_PACKAGES=(ffmpeg xauth strace exfatprogs exfat-fuse fuse3 dosfstools fusefat)

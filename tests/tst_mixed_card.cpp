@@ -1,9 +1,8 @@
 // One finalize run over a card holding both recorder families' movies, audio files, given-up files and
 // nested folders: the exact log, the exit status and the names left behind.
 
-#include "simulate/RecordingSimulator.h"
-#include "simulate/WavSimulator.h"
 #include "support/AtomWalker.h"
+#include "support/MixedCard.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -14,20 +13,6 @@ using namespace TestSupport;
 using namespace AtomWalker;
 
 namespace {
-
-RecordingPlan moviePlan(RecordingPlan::Family family, int frames, int tracks)
-{
-    RecordingPlan plan;
-    plan.family = family;
-    plan.audioSamplesPerChunk = family == RecordingPlan::Heron ? 3072 : 1920;
-    plan.width = 1280;
-    plan.height = 720;
-    for (int i = 0; i < frames; ++i)
-        plan.videoFrames << syntheticFrame(i, 1800 + i);
-    for (int t = 0; t < tracks; ++t)
-        plan.audioTracks << syntheticPcm(t, frames * 1920, 3);
-    return plan;
-}
 
 QString recordedLine(const QByteArray& movie)
 {
@@ -70,21 +55,7 @@ void TestMixedCard::wholeCardInOneRun()
     const QString clips = card + "/DCIM/100CLIPS";
     const QString old = card + "/DCIM/099CLIPS";
     const QString audio = card + "/AUDIO";
-    QDir().mkpath(clips);
-    QDir().mkpath(old);
-    QDir().mkpath(audio + "/EMPTY");
-    QVERIFY(writeInterruptedRecording(clips + "/A001C001.zqv", moviePlan(RecordingPlan::Tern, 30, 2)).ok);
-    QVERIFY(writeInterruptedRecording(clips + "/A001C002.zqv", moviePlan(RecordingPlan::Tern, 10, 0)).ok);
-    QVERIFY(writeInterruptedRecording(old + "/B001C001.zqv", moviePlan(RecordingPlan::Heron, 9, 2)).ok);
-    QVERIFY(writeFile(old + "/B001C000.nrv", "given up before"));
-    QVERIFY(writeFile(old + "/notes.txt", "not a recording"));
-    WavPlan wav;
-    wav.pcm = interleavePcm({syntheticPcm(0, 4800, 3), syntheticPcm(1, 4800, 3)}, 3);
-    QVERIFY(writeWav(audio + "/B001T001.zqa", wav));
-    QByteArray broken = buildWav(wav);
-    broken.replace(8, 4, "AVI ");
-    QVERIFY(writeFile(audio + "/B001T002.zqa", broken));
-    QVERIFY(writeFile(audio + "/B001T000.nra", "given up before"));
+    QVERIFY(writeMixedCard(card));
 
     QStringList out;
     QCOMPARE(runCli({card}, &out), 1);

@@ -1,0 +1,46 @@
+#include "support/MixedCard.h"
+
+#include "simulate/RecordingSimulator.h"
+#include "simulate/WavSimulator.h"
+#include "support/TestSupport.h"
+
+#include <QDir>
+
+RecordingPlan moviePlan(RecordingPlan::Family family, int frames, int tracks)
+{
+    RecordingPlan plan;
+    plan.family = family;
+    plan.audioSamplesPerChunk = family == RecordingPlan::Heron ? 3072 : 1920;
+    plan.width = 1280;
+    plan.height = 720;
+    for (int i = 0; i < frames; ++i)
+        plan.videoFrames << syntheticFrame(i, 1800 + i);
+    for (int t = 0; t < tracks; ++t)
+        plan.audioTracks << syntheticPcm(t, frames * 1920, 3);
+    return plan;
+}
+
+bool writeMixedCard(const QString& card)
+{
+    using TestSupport::writeFile;
+    const QString clips = card + "/DCIM/100CLIPS";
+    const QString old = card + "/DCIM/099CLIPS";
+    const QString audio = card + "/AUDIO";
+    if (!QDir().mkpath(clips) || !QDir().mkpath(old) || !QDir().mkpath(audio + "/EMPTY"))
+        return false;
+    if (!writeInterruptedRecording(clips + "/A001C001.zqv", moviePlan(RecordingPlan::Tern, 30, 2)).ok
+        || !writeInterruptedRecording(clips + "/A001C002.zqv", moviePlan(RecordingPlan::Tern, 10, 0)).ok
+        || !writeInterruptedRecording(old + "/B001C001.zqv", moviePlan(RecordingPlan::Heron, 9, 2)).ok)
+        return false;
+    if (!writeFile(old + "/B001C000.nrv", "given up before")
+        || !writeFile(old + "/notes.txt", "not a recording"))
+        return false;
+    WavPlan wav;
+    wav.pcm = interleavePcm({ syntheticPcm(0, 4800, 3), syntheticPcm(1, 4800, 3) }, 3);
+    if (!writeWav(audio + "/B001T001.zqa", wav))
+        return false;
+    QByteArray broken = buildWav(wav);
+    broken.replace(8, 4, "AVI ");
+    return writeFile(audio + "/B001T002.zqa", broken)
+        && writeFile(audio + "/B001T000.nra", "given up before");
+}
