@@ -2,6 +2,7 @@
 // read-only card, folders and files that cannot be read or written, and the current directory a run
 // leaves behind. No take is given up for what the card does, and every line names its own file.
 
+#include "finalize/CardFile.h"
 #include "finalize/FinalizeRun.h"
 #include "finalize/RecordingLock.h"
 #include "simulate/RecordingSimulator.h"
@@ -131,6 +132,7 @@ private slots:
     void writeProtectedDrive();
     void cardWithoutWritePermission();
     void unreadableFileFolderAndStartFolder();
+    void cardFileTellsWhatTheCardRefused();
 };
 
 void TestCardSafety::lockModes()
@@ -426,6 +428,27 @@ void TestCardSafety::unreadableFileFolderAndStartFolder()
             "Run again with Scan Mode set to 'Scan and Finalize'" }));
     QFile::setPermissions(card + "/SHUT", everyone); // so the temporary folder can be removed
     QFile::setPermissions(card + "/A001.zqa", everyone);
+}
+
+void TestCardSafety::cardFileTellsWhatTheCardRefused()
+{
+    // /dev/full answers every write as a full card does (ENOSPC).
+    if (!QFileInfo::exists("/dev/full"))
+        QSKIP("no /dev/full on this system");
+    CardFile full("/dev/full");
+    QVERIFY(full.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
+    QCOMPARE(full.mediumFailure(), QString());
+    QCOMPARE(full.write(QByteArray(4096, 'x')), qint64(-1));
+    QCOMPARE(full.mediumFailure(), QString("the card is full"));
+
+    // What the recording's own values cause is not the card's: a read past the end refuses nothing.
+    QTemporaryDir tmp;
+    QVERIFY(writeFile(tmp.filePath("A001.zqv"), "abc"));
+    CardFile file(tmp.filePath("A001.zqv"));
+    QVERIFY(file.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
+    QVERIFY(file.seek(1000));
+    QCOMPARE(file.read(16), QByteArray());
+    QCOMPARE(file.mediumFailure(), QString());
 }
 
 QTEST_GUILESS_MAIN(TestCardSafety)

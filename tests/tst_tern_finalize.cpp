@@ -70,6 +70,7 @@ private slots:
     void vanishedFileIsNotCreated();
     void settingsNoIndexCanBeBuiltFromAreInvalid_data();
     void settingsNoIndexCanBeBuiltFromAreInvalid();
+    void endBeyondTheLargestFileShowsNoQtNotice();
 };
 
 void TestTernFinalize::healthyRecordingBecomesMov()
@@ -285,6 +286,22 @@ void TestTernFinalize::settingsNoIndexCanBeBuiltFromAreInvalid()
                                      stars(zqv, "recovery failed, invalid recovery settings!"),
                                      "     " + mov + " (Tern) Unrecoverable"}));
     QCOMPARE(readFile(mov), before);
+}
+
+void TestTernFinalize::endBeyondTheLargestFileShowsNoQtNotice()
+{
+    // A recorded end no file system holds: the seek there fails, and the log carries the procedure's own
+    // line only, not Qt's "QFile::at: Cannot set file position ...".
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    QVERIFY(record(zqv));
+    patchLe32(zqv, kRecord + 72, 0);
+    patchLe32(zqv, kRecord + 76, 0x40000000); // 2^62 bytes
+    const DriverRun run = runDriver({tmp.path()});
+    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
+                                     stars(zqv, "needs to be restored!"),
+                                     stars(zqv, "recovery failed, no frame map or finalization failed!"),
+                                     "     " + tmp.filePath("A001.nrv") + " (Tern) Unrecoverable"}));
 }
 
 QTEST_GUILESS_MAIN(TestTernFinalize)

@@ -1,5 +1,7 @@
 #include "finalize/CardFile.h"
 
+#include "movie/QuickTimeFile.h"
+
 #include <cerrno>
 #include <cstring>
 
@@ -33,10 +35,10 @@ void CardFile::noteFailure(int systemError, const QString& what)
 #ifdef EDQUOT
     case EDQUOT:
 #endif
-        m_mediumFailure = QStringLiteral("the drive is full");
+        m_mediumFailure = QStringLiteral("the card is full");
         break;
     case EROFS:
-        m_mediumFailure = QStringLiteral("the drive is write-protected");
+        m_mediumFailure = QStringLiteral("the card is write-protected");
         break;
     case EACCES:
     case EPERM:
@@ -49,10 +51,20 @@ void CardFile::noteFailure(int systemError, const QString& what)
 #ifdef ENODEV
     case ENODEV:
 #endif
-        m_mediumFailure = QStringLiteral("the drive could not be %1 (%2)")
+        m_mediumFailure = QStringLiteral("the card could not be %1 (%2)")
                               .arg(what, QString::fromLocal8Bit(std::strerror(systemError)));
         break;
     default:
         break;
     }
+}
+
+void CardFile::noteFailedClose(const Tern::QuickTimeFile& movie)
+{
+    if (!m_mediumFailure.isEmpty())
+        return;
+    if (movie.spaceShortfall() > 0)
+        m_mediumFailure = QStringLiteral("the card needs %1 more bytes free").arg(movie.spaceShortfall());
+    else if (!movie.syncFailure().isEmpty())
+        m_mediumFailure = QStringLiteral("the card could not be written (%1)").arg(movie.syncFailure());
 }

@@ -3,6 +3,10 @@
 #include <QFile>
 #include <QString>
 
+namespace Tern {
+class QuickTimeFile;
+}
+
 // The recording's file as a finalize procedure opens it, remembering the first transfer the medium
 // refused. QFile's own error is cleared by every later successful seek or resize (and the finish cuts
 // back what it appended after a failure), and a write cut short by a full disk sets none; so the reason
@@ -12,8 +16,12 @@ class CardFile : public QFile
 public:
     using QFile::QFile;
 
-    // Why the card or the system refused a transfer ("the drive is full", ...); empty while none was.
+    // Why the card or the system refused a transfer ("the card is full", ...); empty while none was.
     QString mediumFailure() const { return m_mediumFailure; }
+
+    // Takes over what a failed close of `movie` learned of the card: the room the index lacked (nothing
+    // was written then) or a sync the disk refused.
+    void noteFailedClose(const Tern::QuickTimeFile& movie);
 
 protected:
     qint64 readData(char* data, qint64 maxSize) override;

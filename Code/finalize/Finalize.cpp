@@ -1,6 +1,7 @@
 #include "finalize/Finalize.h"
 
 #include "finalize/CardAccess.h"
+#include "finalize/QtMessageFilter.h"
 
 #include <QDirIterator>
 #include <QFile>
@@ -274,12 +275,11 @@ bool Finalize::finalizeFolder(QDir& dir)
                                 .arg(path, type == kFamilyTern ? "(tern)" : "(heron)"));
             ++goodCount;
         } else {
-            leftReason.clear();
+            notFinishedReason.clear();
             const unsigned int result = doFinalize(path);
-            if (!leftReason.isEmpty()) {
+            if (!notFinishedReason.isEmpty()) {
                 ++leftCount;
-                emit textOutput(QString("     %1 %2 Left as it is: %3\n")
-                                    .arg(path, isTern ? "(Tern)" : "(Heron)", leftReason));
+                emit textOutput(QString("     %1 not finished: %2.\n").arg(path, notFinishedReason));
                 continue;
             }
             if (result == 0)
@@ -302,6 +302,7 @@ int Finalize::getFileType(QString path)
 
 unsigned int Finalize::doFinalize(QString path)
 {
+    const QtMessageFilter qtNoticesDropped; // the procedures' own lines say what failed
     int type;
     {
         QFile unused(path); // constructed and dropped around the check, never opened

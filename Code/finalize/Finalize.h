@@ -48,8 +48,8 @@ public:
     // Folders whose entries could not be listed, so whatever they hold was passed over.
     int unreadableFolderCount;
     // Set by a finalize procedure when the card or the system, not the recording, stopped the finish: the
-    // reason for the line. The file then keeps its in-progress name and its bytes.
-    QString leftReason;
+    // reason for the line. The file then keeps its in-progress name and its bytes, for a later run.
+    QString notFinishedReason;
 
 signals:
     void textOutput(const QString& text);

@@ -74,12 +74,14 @@ unsigned int Finalize::heronDoFinalize(QString path)
                 setQuickTimeFileInfo(settings, movie);
                 if (movie->recover())
                     result = kFinalized;
+                else
+                    file.noteFailedClose(*movie);
             }
         }
         delete movie;
         file.close();
         if (result != kFinalized && !file.mediumFailure().isEmpty()) {
-            leftReason = file.mediumFailure(); // the card failed, not the take: it keeps its name
+            notFinishedReason = file.mediumFailure(); // the card failed, not the take: it keeps its name
             return result;
         }
         // Unlike Tern, every failure gives the movie up; an existing file of the new name is kept.
@@ -99,7 +101,7 @@ unsigned int Finalize::heronDoFinalize(QString path)
         StableStorage::sync(file); // the repaired sizes reach the disk before the finished name does
         file.close();
         if (result != 0 && !file.mediumFailure().isEmpty()) {
-            leftReason = file.mediumFailure();
+            notFinishedReason = file.mediumFailure();
             return result;
         }
         const QString newName = QString(path).replace(".zqa", result == 0 ? ".wav" : ".nra");

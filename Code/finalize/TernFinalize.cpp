@@ -95,6 +95,7 @@ unsigned int Finalize::ternDoFinalize(QString path)
                     result = kFinalized;
                     file.flush();
                 } else {
+                    file.noteFailedClose(*movie);
                     logFailure(
                         "********************* %s recovery failed, no frame map or finalization failed!\n");
                     rebuildFailed = true;
@@ -106,7 +107,7 @@ unsigned int Finalize::ternDoFinalize(QString path)
     if (file.isOpen())
         file.close();
     if (result != kFinalized && !file.mediumFailure().isEmpty()) {
-        leftReason = file.mediumFailure(); // keeps its name: a later run on a sound card finishes it
+        notFinishedReason = file.mediumFailure(); // keeps its name: a later run with room finishes it
         return result;
     }
 

@@ -90,6 +90,8 @@ bool QuickTimeFile::closeFile()
 {
     if (!movieData)
         return false;
+    m_spaceShortfall = 0;
+    m_syncFailure.clear();
     // What a failed attempt appended is cut off again, so a retry finds the file as this one did.
     m_sizeBeforeClose = device.size();
     if (family().closeAppendsTimecodeSample) {
@@ -213,6 +215,15 @@ bool QuickTimeFile::closeFile()
     }
 
     const qint64 moovStart = moov->position;
+    // The tree knows its size before a byte of it is written: when the card cannot take the index and the
+    // closing block, nothing is written and the file stays as the recorder left it.
+    const qint64 growth = moovStart + qint64(moov->size) + kClosingZeroBytes - device.size();
+    const qint64 available = StableStorage::bytesAvailable(device);
+    if (growth > 0 && available >= 0 && growth > available) {
+        m_spaceShortfall = growth - available;
+        restoreSizeBeforeClose();
+        return false;
+    }
     if (!writeAtomList()) {
         restoreSizeBeforeClose();
         return false;
@@ -231,7 +242,7 @@ bool QuickTimeFile::finishMovieData()
 {
     m_indexEnd = device.pos();
     const bool indexWritten = device.write(QByteArray(kClosingZeroBytes, '\0')) == kClosingZeroBytes
-                           && StableStorage::sync(device);
+                           && StableStorage::sync(device, &m_syncFailure);
     if (!indexWritten) {
         restoreSizeBeforeClose();
         return false;
@@ -251,7 +262,7 @@ bool QuickTimeFile::finishMovieData()
         return false;
     }
     // A failed sync leaves the header's fate to the disk; the index it may point at stays in place.
-    const bool patched = StableStorage::sync(device);
+    const bool patched = StableStorage::sync(device, &m_syncFailure);
     device.seek(closedEnd);
     return patched;
 }

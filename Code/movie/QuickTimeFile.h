@@ -274,6 +274,11 @@ public:
     bool writeAtomList();
     bool closeFile();
 
+    // After a failed closeFile: the bytes the card lacked for the index (0 when room was not the reason;
+    // nothing was written then), and the system's words for a sync the disk refused (empty when none was).
+    qint64 spaceShortfall() const { return m_spaceShortfall; }
+    QString syncFailure() const { return m_syncFailure; }
+
     // Recovery data.
     bool verifyHeader();
     RecoverySettings* loadSavedSettings();
@@ -358,6 +363,8 @@ private:
     void restoreSizeBeforeClose();
     qint64 m_sizeBeforeClose = 0;
     qint64 m_indexEnd = 0;
+    qint64 m_spaceShortfall = 0;
+    QString m_syncFailure;
 
     // The family's reserved region, from offset 0 and zero-filled up to the 'mdat' header.
     void writeReservedRegion(QIODevice* target);

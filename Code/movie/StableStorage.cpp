@@ -3,6 +3,10 @@
 #include <QFile>
 #include <QFileDevice>
 #include <QIODevice>
+#include <QStorageInfo>
+
+#include <cerrno>
+#include <cstring>
 
 #ifdef Q_OS_WIN
 #include <io.h>
@@ -13,21 +17,36 @@
 
 namespace StableStorage {
 
-bool sync(QIODevice& device)
+bool sync(QIODevice& device, QString* failure)
 {
     auto* file = qobject_cast<QFileDevice*>(&device);
     if (!file)
         return true;
-    if (!file->flush())
+    if (!file->flush()) {
+        if (failure)
+            *failure = file->errorString();
         return false;
+    }
     const int handle = file->handle();
     if (handle < 0)
         return false;
 #ifdef Q_OS_WIN
-    return _commit(handle) == 0;
+    const bool synced = _commit(handle) == 0;
 #else
-    return ::fsync(handle) == 0;
+    const bool synced = ::fsync(handle) == 0;
 #endif
+    if (!synced && failure)
+        *failure = QString::fromLocal8Bit(std::strerror(errno));
+    return synced;
+}
+
+qint64 bytesAvailable(QIODevice& device)
+{
+    auto* file = qobject_cast<QFileDevice*>(&device);
+    if (!file || file->fileName().isEmpty())
+        return -1;
+    const QStorageInfo storage(file->fileName());
+    return storage.isValid() ? storage.bytesAvailable() : -1;
 }
 
 bool syncFolder(const QString& folder)
