@@ -229,11 +229,12 @@ void TestFaults::killedAtRandomMomentsIsCompletedToTheSameBytes()
         verifyUntouched(before, after, recording.recordedEndPosition);
         const QByteArray header = after.mid(int(kDatPos), 16);
         QVERIFY(header == kUnclosedHeader || header == undisturbed.mid(int(kDatPos), 16));
+        // No kill gives the take up, and the next run completes it with no step by hand: it finishes an
+        // unfinished file, and renames one whose header was already patched.
+        QVERIFY2(left != nrv, qPrintable(QString("round %1").arg(round)));
         if (left != mov) {
             ++interrupted;
-            if (left != zqv)
-                QVERIFY(QFile::rename(left, zqv));
-            runCli({card}, &out);
+            QCOMPARE(runCli({card}, &out), 0);
         }
         QVERIFY2(readFile(mov) == undisturbed, qPrintable(QString("round %1").arg(round)));
     }

@@ -59,6 +59,7 @@ private slots:
     void workBufferIsTheFrameMapStorage();
     void vanishedFilesAreNotCreated();
     void hostileTrackCountGivesTheMovieUp();
+    void finishCutShortBeforeTheRenameIsRenamed();
 };
 
 void TestHeronFinalize::cutOffWavBecomesWavAndPlays()
@@ -252,6 +253,25 @@ void TestHeronFinalize::hostileTrackCountGivesTheMovieUp()
     Finalize driver;
     QCOMPARE(driver.heronDoFinalize(zqv), 31u);
     QCOMPARE(readFile(tmp.filePath("B001.nrv")), bytes);
+}
+
+void TestHeronFinalize::finishCutShortBeforeTheRenameIsRenamed()
+{
+    // The finished movie under its in-progress name, as a finish killed before the rename leaves it, is
+    // renamed after the reader has checked it, not given up.
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("B001.zqv");
+    const QString mov = tmp.filePath("B001.mov");
+    QVERIFY(writeInterruptedRecording(zqv, heronPlan(9)).ok);
+    runDriver({tmp.path()});
+    const QByteArray finished = readFile(mov);
+    QVERIFY(QFile::rename(mov, zqv));
+
+    const DriverRun run = runDriver({tmp.path()});
+    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing heron finalize",
+                                     "     " + mov + " (Heron) Finalized"}));
+    QCOMPARE(run.good, 1);
+    QCOMPARE(readFile(mov), finished);
 }
 
 QTEST_GUILESS_MAIN(TestHeronFinalize)

@@ -71,6 +71,8 @@ private slots:
     void settingsNoIndexCanBeBuiltFromAreInvalid_data();
     void settingsNoIndexCanBeBuiltFromAreInvalid();
     void endBeyondTheLargestFileShowsNoQtNotice();
+    void finishCutShortBeforeTheRenameIsRenamed();
+    void finishedLayoutThatDoesNotVerifyIsCorrupted();
 };
 
 void TestTernFinalize::healthyRecordingBecomesMov()
@@ -302,6 +304,49 @@ void TestTernFinalize::endBeyondTheLargestFileShowsNoQtNotice()
                                      stars(zqv, "needs to be restored!"),
                                      stars(zqv, "recovery failed, no frame map or finalization failed!"),
                                      "     " + tmp.filePath("A001.nrv") + " (Tern) Unrecoverable"}));
+}
+
+void TestTernFinalize::finishCutShortBeforeTheRenameIsRenamed()
+{
+    // A finish killed between patching the header and the rename leaves the finished movie under the
+    // in-progress name: the next run checks it through the reader and only renames it.
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    const QString mov = tmp.filePath("A001.mov");
+    QVERIFY(record(zqv));
+    runDriver({tmp.path()});
+    const QByteArray finished = readFile(mov);
+    QVERIFY(QFile::rename(mov, zqv));
+
+    const DriverRun run = runDriver({tmp.path()});
+    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
+                                     stars(zqv, "was finished by an earlier run cut short, verified!"),
+                                     "     " + mov + " (Tern) Finalized"}));
+    QCOMPARE(run.good, 1);
+    QCOMPARE(run.bad, 0);
+    QCOMPARE(readFile(mov), finished);
+}
+
+void TestTernFinalize::finishedLayoutThatDoesNotVerifyIsCorrupted()
+{
+    // Laid out like a finished movie, but the index sends a chunk beyond the file: not taken as finished.
+    QTemporaryDir tmp;
+    const QString zqv = tmp.filePath("A001.zqv");
+    const QString mov = tmp.filePath("A001.mov");
+    QVERIFY(record(zqv));
+    runDriver({tmp.path()});
+    QByteArray damaged = readFile(mov);
+    const AtomWalker::Atom co64 = AtomWalker::find(damaged, "moov/trak:2/mdia/minf/stbl/co64");
+    QVERIFY(co64.valid());
+    damaged.replace(int(co64.offset) + 16, 8, hex("0000007FFFFFFF00"));
+    QVERIFY(QFile::remove(mov));
+    QVERIFY(writeFile(zqv, damaged));
+
+    const DriverRun run = runDriver({tmp.path()});
+    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
+                                     stars(zqv, "recovery failed, corrupted file!"),
+                                     "     " + mov + " (Tern) Unrecoverable"}));
+    QCOMPARE(readFile(mov), damaged);
 }
 
 QTEST_GUILESS_MAIN(TestTernFinalize)

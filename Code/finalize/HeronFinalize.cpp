@@ -4,6 +4,7 @@
 
 #include "audio/AudioFile.h"
 #include "finalize/CardFile.h"
+#include "finalize/EarlierFinish.h"
 #include "finalize/Finalize.h"
 #include "movie/StableStorage.h"
 
@@ -68,7 +69,10 @@ unsigned int Finalize::heronDoFinalize(QString path)
             return kUnrecoverable;
         unsigned int result = kUnrecoverable;
         auto* movie = new QuickTimeFile(file, workBuffer);
-        if (movie->verifyHeader()) {
+        if (!movie->verifyHeader()) {
+            if (EarlierFinish::completes(*movie, path))
+                result = kFinalized; // finished before, renamed now
+        } else {
             movie->initFile(nullptr);
             if (QuickTimeFile::RecoverySettings* settings = movie->loadSavedSettings()) {
                 setQuickTimeFileInfo(settings, movie);

@@ -2,24 +2,36 @@
 
 #include <QString>
 
+#include <cstdio>
+
 namespace {
 
-QtMessageHandler previousHandler = nullptr;
+// Filters nest: the outermost installs the handler and puts back the one it found; each restores the
+// kind of dropping that was in force when it began.
+int depth = 0;
+QtMessageHandler outerHandler = nullptr;
+QtMessageFilter::Drop dropping = QtMessageFilter::Drop::QtNotices;
 
 // The classes a finish reaches through Qt; they report misuse and refused positions in this form.
-const char* const kQtNoticePrefixes[] = { "QFile::", "QFileDevice::", "QIODevice::", "QDataStream::" };
+const char* const kQtNoticePrefixes[] = {"QFile::", "QFileDevice::", "QIODevice::", "QDataStream::"};
 
 } // namespace
 
-QtMessageFilter::QtMessageFilter()
+QtMessageFilter::QtMessageFilter(Drop drop)
+    : m_previousDrop(dropping)
 {
-    previousHandler = qInstallMessageHandler(&QtMessageFilter::handle);
+    if (depth++ == 0)
+        outerHandler = qInstallMessageHandler(&QtMessageFilter::handle);
+    dropping = drop;
 }
 
 QtMessageFilter::~QtMessageFilter()
 {
-    qInstallMessageHandler(previousHandler);
-    previousHandler = nullptr;
+    dropping = m_previousDrop;
+    if (--depth == 0) {
+        qInstallMessageHandler(outerHandler);
+        outerHandler = nullptr;
+    }
 }
 
 bool QtMessageFilter::fromQtItself(const QString& message)
@@ -33,8 +45,10 @@ bool QtMessageFilter::fromQtItself(const QString& message)
 
 void QtMessageFilter::handle(QtMsgType type, const QMessageLogContext& context, const QString& message)
 {
-    if (fromQtItself(message))
+    if (dropping == Drop::Everything || fromQtItself(message))
         return;
-    if (previousHandler)
-        previousHandler(type, context, message);
+    if (outerHandler)
+        outerHandler(type, context, message);
+    else
+        std::fprintf(stderr, "%s\n", message.toLocal8Bit().constData()); // as Qt's default would
 }

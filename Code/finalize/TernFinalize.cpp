@@ -2,6 +2,7 @@
 // configure the movie object from them, rebuild the index, and rename the file.
 
 #include "finalize/CardFile.h"
+#include "finalize/EarlierFinish.h"
 #include "finalize/Finalize.h"
 #include "finalize/TernSettings.h"
 #include "movie/QuickTimeFile.h"
@@ -79,7 +80,12 @@ unsigned int Finalize::ternDoFinalize(QString path)
         logFailure("********************* %s recovery failed, can't open the file!\n");
     } else {
         movie = new Tern::QuickTimeFile(file);
-        if (!movie->verifyHeader()) {
+        const bool unfinished = movie->verifyHeader();
+        if (!unfinished && EarlierFinish::completes(*movie, path)) {
+            qDebug("********************* %s was finished by an earlier run cut short, verified!\n",
+                   name.constData());
+            result = kFinalized;
+        } else if (!unfinished) {
             logFailure("********************* %s recovery failed, corrupted file!\n");
         } else {
             qDebug("********************* %s needs to be restored!\n", name.constData());

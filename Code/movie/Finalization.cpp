@@ -20,7 +20,6 @@ namespace {
 
 const quint16 kTrackVolume = 0x0100;    // 8.8 fixed point, 1.0
 const quint32 kMediaRateOne = 0x00010000; // 16.16 fixed point, 1.0
-const int kClosingZeroBytes = 512;
 const int kReelNameMax = 31;
 
 // Alignment targets: the byte this far into the next atom lands on a 512-byte boundary, which puts the
@@ -217,7 +216,7 @@ bool QuickTimeFile::closeFile()
     const qint64 moovStart = moov->position;
     // The tree knows its size before a byte of it is written: when the card cannot take the index and the
     // closing block, nothing is written and the file stays as the recorder left it.
-    const qint64 growth = moovStart + qint64(moov->size) + kClosingZeroBytes - device.size();
+    const qint64 growth = moovStart + qint64(moov->size) + s_closingZeroBytes - device.size();
     const qint64 available = StableStorage::bytesAvailable(device);
     if (growth > 0 && available >= 0 && growth > available) {
         m_spaceShortfall = growth - available;
@@ -241,7 +240,7 @@ bool QuickTimeFile::closeFile()
 bool QuickTimeFile::finishMovieData()
 {
     m_indexEnd = device.pos();
-    const bool indexWritten = device.write(QByteArray(kClosingZeroBytes, '\0')) == kClosingZeroBytes
+    const bool indexWritten = device.write(QByteArray(s_closingZeroBytes, '\0')) == s_closingZeroBytes
                            && StableStorage::sync(device, &m_syncFailure);
     if (!indexWritten) {
         restoreSizeBeforeClose();

@@ -141,6 +141,8 @@ public:
     static constexpr qint64 s_recoveryFrameMapPos = 156;
     static constexpr qint64 s_datPos = 5472240;
     static constexpr qint64 s_movieDataStartOffset = 5472256;
+    // The zero bytes a finish writes behind the index: the last bytes of a finished file.
+    static constexpr int s_closingZeroBytes = 512;
     static constexpr quint32 s_frameMapEntries = 2736000;
     static constexpr qint64 s_frameMapBytes = 2 * qint64(s_frameMapEntries);
     static constexpr int s_maxTracks = 64;
@@ -281,6 +283,10 @@ public:
 
     // Recovery data.
     bool verifyHeader();
+    // Whether the file is laid out as this library finishes a recording: a closed 'mdat' from the fixed
+    // header position, the 'moov' right behind it, and the closing zero block ending the file. A finish
+    // cut short after its header was patched leaves exactly that under the in-progress name.
+    bool looksFinished();
     RecoverySettings* loadSavedSettings();
     void saveRecoverySettings();
     void periodicFrameMapSave();
@@ -358,6 +364,9 @@ protected:
     QuickTimeFile(QIODevice& device, const MovieFamily& family, quint16* callerFrameMap);
 
 private:
+    // The 64-bit size in the 'mdat' header at s_datPos (16 while unclosed); -1 when no such header is there.
+    qint64 movieDataSizeAtHeader();
+
     // Closing: the zero block and the final 'mdat' header behind a written index; undoing a failed close.
     bool finishMovieData();
     void restoreSizeBeforeClose();

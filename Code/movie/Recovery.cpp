@@ -19,21 +19,46 @@ const quint32 kExtendedSizeMarker = 1;
 const qint64 kUnclosedMovieDataSize = 16;
 } // namespace
 
-bool QuickTimeFile::verifyHeader()
+qint64 QuickTimeFile::movieDataSizeAtHeader()
 {
-    if (device.size() <= s_movieDataStartOffset)
-        return false;
-    if (!device.seek(s_datPos))
-        return false;
+    if (device.size() <= s_movieDataStartOffset || !device.seek(s_datPos))
+        return -1;
     stream.resetStatus();
     quint32 sizeMarker = 0;
     quint32 atomType = 0;
     qint64 movieDataSize = 0;
     stream >> sizeMarker >> atomType >> movieDataSize;
-    const bool unclosed = stream.status() == QDataStream::Ok && sizeMarker == kExtendedSizeMarker
-                       && atomType == fourCC("mdat") && movieDataSize == kUnclosedMovieDataSize;
+    const bool read = stream.status() == QDataStream::Ok && sizeMarker == kExtendedSizeMarker
+                   && atomType == fourCC("mdat") && movieDataSize >= kUnclosedMovieDataSize;
     stream.resetStatus();
-    return unclosed;
+    return read ? movieDataSize : -1;
+}
+
+bool QuickTimeFile::verifyHeader()
+{
+    return movieDataSizeAtHeader() == kUnclosedMovieDataSize;
+}
+
+bool QuickTimeFile::looksFinished()
+{
+    const qint64 fileSize = device.size();
+    const qint64 movieDataSize = movieDataSizeAtHeader();
+    if (movieDataSize <= kUnclosedMovieDataSize || movieDataSize >= fileSize - s_datPos)
+        return false;
+
+    const qint64 moovPos = s_datPos + movieDataSize;
+    quint32 moovSize = 0;
+    quint32 moovType = 0;
+    if (!device.seek(moovPos))
+        return false;
+    stream >> moovSize >> moovType;
+    const bool moovBehind = stream.status() == QDataStream::Ok && moovType == fourCC("moov") && moovSize >= 8;
+    stream.resetStatus();
+    if (!moovBehind || moovPos + qint64(moovSize) + s_closingZeroBytes != fileSize)
+        return false;
+    if (!device.seek(moovPos + moovSize))
+        return false;
+    return device.read(s_closingZeroBytes) == QByteArray(s_closingZeroBytes, '\0');
 }
 
 QuickTimeFile::RecoverySettings* QuickTimeFile::loadSavedSettings()
