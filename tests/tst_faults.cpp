@@ -97,6 +97,30 @@ bool finish(QFile& file, RecordingPlan::Family family, QVector<quint16>& heronMa
     return movie->recover();
 }
 
+// A file whose process is killed at its n-th write (counting from 1): that write and everything after it
+// never happen, the cut-back of a failed close included, so the file is left as a kill leaves it.
+class KilledFile : public QFile
+{
+public:
+    KilledFile(const QString& path, int killAt)
+        : QFile(path)
+        , m_killAt(killAt)
+    {
+    }
+    bool resize(qint64 size) override { return !killed() && QFile::resize(size); }
+
+protected:
+    qint64 writeData(const char* data, qint64 len) override
+    {
+        return ++m_writes >= m_killAt ? -1 : QFile::writeData(data, len);
+    }
+
+private:
+    bool killed() const { return m_writes >= m_killAt; }
+    int m_killAt;
+    int m_writes = 0;
+};
+
 // Finishes the file at `path`, failing its n-th write (0: none). Returns the number of writes made.
 int finishFile(const QString& path, RecordingPlan::Family family, int failAt, bool* finished)
 {
@@ -134,6 +158,8 @@ private slots:
     void everyFailingWriteLeavesARetryableFile_data();
     void everyFailingWriteLeavesARetryableFile();
     void killedAtRandomMomentsIsCompletedToTheSameBytes();
+    void killedAtEveryWriteIsCompletedToTheSameBytes_data() { everyFailingWriteLeavesARetryableFile_data(); }
+    void killedAtEveryWriteIsCompletedToTheSameBytes();
     void fullDiskGivesUpAndCanBeRetried();
     void indexReachesTheDiskBeforeTheHeaderAndTheName();
 };
@@ -184,6 +210,55 @@ void TestFaults::everyFailingWriteLeavesARetryableFile()
             QVERIFY(finished);
         }
         QVERIFY2(readFile(path) == undisturbed, qPrintable(QString("after failing write %1").arg(failAt)));
+    }
+}
+
+void TestFaults::killedAtEveryWriteIsCompletedToTheSameBytes()
+{
+    // Killed just before each write of a finish in turn, the file holds the media, part of the index or
+    // all of it, and an unclosed header. Without a recorded end the file's end is not the media's any
+    // more; the media the frame map does not list (saved every few chunks) and a torn chunk lie past the
+    // listed end, so only the index itself tells where it begins. Finishing again gives the undisturbed
+    // bytes every time.
+    QFETCH(int, family);
+    QFETCH(bool, storeEnd);
+    const auto kind = RecordingPlan::Family(family);
+    RecordingPlan p = plan(kind, storeEnd);
+    p.tornTailBytes = 3000;
+    p.frameMapSaveInterval = 8;
+    QTemporaryDir tmp;
+    const QString original = tmp.filePath("original.zqv");
+    const RecordingResult recording = writeInterruptedRecording(original, p);
+    QVERIFY(recording.ok);
+    const QByteArray before = readFile(original);
+
+    const QString reference = tmp.filePath("reference.zqv");
+    QVERIFY(writeFile(reference, before));
+    bool finished = false;
+    const int writes = finishFile(reference, kind, 0, &finished);
+    QVERIFY(finished);
+    const QByteArray undisturbed = readFile(reference);
+
+    const QtMessageHandler previous = qInstallMessageHandler(dropMessage);
+    const auto restoreHandler = qScopeGuard([previous] { qInstallMessageHandler(previous); });
+    for (int killAt = 1; killAt <= writes; ++killAt) {
+        const QString path = tmp.filePath(QString("killed%1.zqv").arg(killAt));
+        QVERIFY(writeFile(path, before));
+        {
+            QVector<quint16> heronMap(2736000);
+            KilledFile file(path, killAt);
+            QVERIFY(file.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
+            QVERIFY(!finish(file, kind, heronMap));
+        }
+        const QByteArray left = readFile(path);
+        QVERIFY2(left.mid(int(kDatPos), 16) == kUnclosedHeader, qPrintable(QString::number(killAt)));
+        finishFile(path, kind, 0, &finished);
+        QVERIFY2(finished, qPrintable(QString("killed at write %1 of %2").arg(killAt).arg(writes)));
+        QVERIFY2(readFile(path) == undisturbed,
+                 qPrintable(QString("killed at write %1 of %2, %3 bytes left past the media")
+                                .arg(killAt)
+                                .arg(writes)
+                                .arg(left.size() - before.size())));
     }
 }
 

@@ -93,13 +93,15 @@ bool QuickTimeFile::closeFile()
     m_syncFailure.clear();
     // What a failed attempt appended is cut off again, so a retry finds the file as this one did.
     m_sizeBeforeClose = device.size();
+    // The family's closing timecode sample joins 'mdat' and the index names it; its bytes go out in the same
+    // first write as the index's start, so a finish killed early leaves nothing of itself or the start of
+    // an index a later run recognises.
+    QByteArray leadIn;
     if (family().closeAppendsTimecodeSample) {
-        const quint64 before = movieData->dataSize;
-        addMovieTimecodeData(timecode);
-        if (movieData->dataSize == before) {
-            restoreSizeBeforeClose();
-            return false; // the sample the index will name is not in the file
-        }
+        leadIn = timecodeSampleBytes(timecode);
+        storeFrameMapEntry(s_timecodeSampleEntry);
+        ++timecodeSamples;
+        movieData->dataSize += quint64(leadIn.size());
     }
 
     if (!indexFitsAtomSizes()) {
@@ -107,6 +109,30 @@ bool QuickTimeFile::closeFile()
         return false;
     }
 
+    QuickTimeAtom* moov = buildIndex(device.pos() + leadIn.size());
+    const qint64 moovStart = moov->position;
+    // The tree knows its size before a byte of it is written: when the card cannot take the index and the
+    // closing block, nothing is written and the file stays as the recorder left it.
+    const qint64 growth = moovStart + qint64(moov->size) + s_closingZeroBytes - device.size();
+    const qint64 available = StableStorage::bytesAvailable(device);
+    if (growth > 0 && available >= 0 && growth > available) {
+        m_spaceShortfall = growth - available;
+        restoreSizeBeforeClose();
+        return false;
+    }
+    if (!writeAtomList(leadIn)) {
+        restoreSizeBeforeClose();
+        return false;
+    }
+    if (!finishMovieData())
+        return false;
+    qDebug("Recorded FILE Last Position Start:%lld End:%lld Size:%lld", moovStart, m_indexEnd,
+           m_indexEnd - moovStart);
+    return true;
+}
+
+QuickTimeAtom* QuickTimeFile::buildIndex(qint64 position)
+{
     const quint32 V = videoFrameCount;
     const quint32 A = soundChunks;
     const quint32 T = timecodeSamples;
@@ -121,7 +147,7 @@ bool QuickTimeFile::closeFile()
     const quint32 Q = soundSamplesPerTrack(*this);
 
     QuickTimeAtom* moov = addAtom(new QuickTimeMovieAtom());
-    moov->position = device.pos();
+    moov->position = position;
     QuickTimeAtom* udta = moov->addAtom(new QuickTimeUserDataAtom());
     udta->addAtom(new QuickTimeHaldenAtom(this));
     moov->addAtom(new QuickTimeMovieHeaderAtom(this));
@@ -213,25 +239,7 @@ bool QuickTimeFile::closeFile()
         }
     }
 
-    const qint64 moovStart = moov->position;
-    // The tree knows its size before a byte of it is written: when the card cannot take the index and the
-    // closing block, nothing is written and the file stays as the recorder left it.
-    const qint64 growth = moovStart + qint64(moov->size) + s_closingZeroBytes - device.size();
-    const qint64 available = StableStorage::bytesAvailable(device);
-    if (growth > 0 && available >= 0 && growth > available) {
-        m_spaceShortfall = growth - available;
-        restoreSizeBeforeClose();
-        return false;
-    }
-    if (!writeAtomList()) {
-        restoreSizeBeforeClose();
-        return false;
-    }
-    if (!finishMovieData())
-        return false;
-    qDebug("Recorded FILE Last Position Start:%lld End:%lld Size:%lld", moovStart, m_indexEnd,
-           m_indexEnd - moovStart);
-    return true;
+    return moov;
 }
 
 // Closes the file behind a written index: the 512 zero bytes, then the final 'mdat' header. Each step

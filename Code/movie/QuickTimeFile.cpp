@@ -32,9 +32,6 @@ const quint32 s_blockBytesMask = 0x7FFE00;
 const quint16 s_videoEntryType = 0x4000;
 const quint16 s_timecodeEntryType = 0x8000;
 
-// A timecode sample is one 512-byte block holding the timecode word; its entry is "timecode, 1 block".
-const int s_timecodeSampleBytes = 512;
-const quint16 s_timecodeSampleEntry = 0x8001;
 
 // spaceLeft keeps this many entries in reserve below the map's capacity.
 const quint32 s_frameMapReserve = 20;
@@ -336,8 +333,7 @@ int QuickTimeFile::addMovieTimecodeData(unsigned int tc)
 {
     if (!movieData)
         return 0;
-    QByteArray sample(s_timecodeSampleBytes, '\0');
-    qToBigEndian<quint32>(tc, reinterpret_cast<uchar*>(sample.data()));
+    const QByteArray sample = timecodeSampleBytes(tc);
     storeFrameMapEntry(s_timecodeSampleEntry);
     ++timecodeSamples;
     movieData->addData(sample, device);
@@ -426,12 +422,20 @@ void QuickTimeFile::alignNextAtom(QuickTimeAtom* parent, qint64 extra)
     skip->alignNext(skip->position + extra);
 }
 
-bool QuickTimeFile::writeAtomList()
+QByteArray QuickTimeFile::timecodeSampleBytes(quint32 tc)
+{
+    QByteArray sample(s_timecodeSampleBytes, '\0');
+    qToBigEndian<quint32>(tc, reinterpret_cast<uchar*>(sample.data()));
+    return sample;
+}
+
+bool QuickTimeFile::writeAtomList(const QByteArray& leadIn)
 {
     QuickTimeBufferDevice buffered(stream.device());
     buffered.open(QIODevice::ReadWrite | QIODevice::Unbuffered);
     {
         QDataStream out(&buffered);
+        out.writeRawData(leadIn.constData(), leadIn.size());
         root.writeHeader(out);
         for (QuickTimeAtom* atom : qAsConst(root.children))
             atom->write(out);

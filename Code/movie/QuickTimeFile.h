@@ -143,6 +143,9 @@ public:
     static constexpr qint64 s_movieDataStartOffset = 5472256;
     // The zero bytes a finish writes behind the index: the last bytes of a finished file.
     static constexpr int s_closingZeroBytes = 512;
+    // A timecode sample is one 512-byte block holding the timecode word; its entry is "timecode, 1 block".
+    static constexpr int s_timecodeSampleBytes = 512;
+    static constexpr quint16 s_timecodeSampleEntry = 0x8001;
     static constexpr quint32 s_frameMapEntries = 2736000;
     static constexpr qint64 s_frameMapBytes = 2 * qint64(s_frameMapEntries);
     static constexpr int s_maxTracks = 64;
@@ -273,7 +276,10 @@ public:
     // Atom list and the index.
     QuickTimeAtom* addAtom(QuickTimeAtom* atom);
     void alignNextAtom(QuickTimeAtom* parent, qint64 extra);
-    bool writeAtomList();
+    // Writes the atom list through the buffered device, after `leadIn` (bytes that precede the first atom).
+    bool writeAtomList(const QByteArray& leadIn = QByteArray());
+    // A timecode sample: the timecode word `tc`, big-endian, then zeros to its 512 bytes.
+    static QByteArray timecodeSampleBytes(quint32 tc);
     bool closeFile();
 
     // After a failed closeFile: the bytes the card lacked for the index (0 when room was not the reason;
@@ -364,6 +370,17 @@ protected:
     QuickTimeFile(QIODevice& device, const MovieFamily& family, quint16* callerFrameMap);
 
 private:
+    // The 'moov' tree of the index for the current counts, to be written at `position` (its alignment
+    // depends on it), added to the atom list.
+    QuickTimeAtom* buildIndex(qint64 position);
+
+    // Where an index that a finish killed mid-way left behind begins, between the end of the media the
+    // frame map lists (`mapEnd`) and the end of the file: the first place holding the start of exactly the
+    // index this movie would write there. -1 when there is none.
+    qint64 interruptedIndexStart(qint64 mapEnd);
+    // The size of the 'moov' a finish would write at `position`, as closeFile would build it then.
+    quint32 indexSizeAt(qint64 position);
+
     // The 64-bit size in the 'mdat' header at s_datPos (16 while unclosed); -1 when no such header is there.
     qint64 movieDataSizeAtHeader();
 

@@ -4,6 +4,7 @@
 
 #include "movie/QuickTimeFile.h"
 
+#include <QFileDevice>
 #include <QIODevice>
 #include <QSysInfo>
 #include <QtEndian>
@@ -123,6 +124,60 @@ bool QuickTimeFile::settingsAllowIndex() const
     return settingsAllowIndex(videoFramesPerChunk, audioTracks, audioBytesPerSample, recordedEndPosition);
 }
 
+quint32 QuickTimeFile::indexSizeAt(qint64 position)
+{
+    // As closeFile builds it: after the family's timecode sample, when it appends one.
+    const bool appends = family().closeAppendsTimecodeSample;
+    const quint32 entry = totalFrames();
+    const quint16 savedEntry = frameMap && entry < s_frameMapEntries ? frameMap[entry] : 0;
+    if (appends) {
+        storeFrameMapEntry(s_timecodeSampleEntry);
+        ++timecodeSamples;
+    }
+    QuickTimeAtom* moov = buildIndex(position);
+    const quint32 size = moov->size;
+    removeAllAtoms();
+    if (appends) {
+        --timecodeSamples;
+        if (frameMap && entry < s_frameMapEntries)
+            frameMap[entry] = savedEntry;
+    }
+    return size;
+}
+
+qint64 QuickTimeFile::interruptedIndexStart(qint64 mapEnd)
+{
+    const qint64 fileEnd = device.size();
+    // What the finish writes first at the end of the media: the timecode sample (when the family appends
+    // one), then the 'moov' header.
+    const qint64 sampleBytes = family().closeAppendsTimecodeSample ? s_timecodeSampleBytes : 0;
+    const QByteArray sample = sampleBytes != 0 ? timecodeSampleBytes(timecode) : QByteArray();
+    if (mapEnd < s_movieDataStartOffset || fileEnd - mapEnd < sampleBytes + 8 || !device.seek(mapEnd))
+        return -1;
+    // Read a piece at a time; a piece overlaps the next by the bytes a candidate needs in one view.
+    const qint64 kPiece = 1 << 20;
+    const qint64 overlap = sampleBytes + 8;
+    for (qint64 from = mapEnd; from + overlap <= fileEnd; from += kPiece) {
+        if (!device.seek(from))
+            return -1;
+        const QByteArray bytes = device.read(qMin(kPiece + overlap, fileEnd - from));
+        for (int at = bytes.indexOf("moov"); at >= 0; at = bytes.indexOf("moov", at + 1)) {
+            const qint64 moovPos = from + at - 4;
+            const qint64 start = moovPos - sampleBytes;
+            if (start < mapEnd || at - 4 - sampleBytes >= kPiece)
+                continue;
+            const int local = at - 4 - int(sampleBytes);
+            if (local < 0 || (sampleBytes != 0 && bytes.mid(local, int(sampleBytes)) != sample))
+                continue;
+            const auto* sizeField = reinterpret_cast<const uchar*>(bytes.constData()) + at - 4;
+            const quint32 sizeThere = qFromBigEndian<quint32>(sizeField);
+            if (sizeThere == indexSizeAt(moovPos))
+                return start;
+        }
+    }
+    return -1;
+}
+
 bool QuickTimeFile::recover()
 {
     if (!frameMap || !movieData)
@@ -142,6 +197,7 @@ bool QuickTimeFile::recover()
     // their blocks. A stretch without a 0 in it is counted in plain loops that need no exit of their own.
     const quint32 kStretch = 4096;
     quint32 byType[4] = {};
+    qint64 mappedBlocks = 0; // every chunk the map lists, whatever its type
     for (quint32 i = 0; i < s_frameMapEntries;) {
         const quint16* stretch = frameMap + i;
         quint32 length = qMin(kStretch, s_frameMapEntries - i);
@@ -156,6 +212,7 @@ bool QuickTimeFile::recover()
             sound += type == quicktime_frametype_sound;
             video += type == quicktime_frametype_video;
             timecode += type == quicktime_frametype_timecode;
+            mappedBlocks += stretch[k] & s_blockCountMask;
         }
         byType[quicktime_frametype_sound] += sound;
         byType[quicktime_frametype_video] += video;
@@ -174,8 +231,20 @@ bool QuickTimeFile::recover()
     if (!settingsAllowIndex())
         return false;
 
-    // Media past the recorded end (a chunk begun but not committed) stays outside 'mdat'.
-    const qint64 end = recordedEndPosition != 0 ? qint64(recordedEndPosition) : device.size();
+    // Media past the recorded end (a chunk begun but not committed) stays outside 'mdat'. Without a recorded
+    // end the file's end is the media's, unless a finish killed mid-way left part of its index there: that
+    // is cut off first, so the index is rebuilt where the undisturbed finish puts it.
+    qint64 end = recordedEndPosition != 0 ? qint64(recordedEndPosition) : device.size();
+    if (recordedEndPosition == 0) {
+        const qint64 mapEnd = s_movieDataStartOffset + (mappedBlocks << s_blockShift);
+        const qint64 interrupted = interruptedIndexStart(mapEnd);
+        if (interrupted >= 0) {
+            auto* file = qobject_cast<QFileDevice*>(&device);
+            if (!file || !file->resize(interrupted))
+                return false;
+            end = interrupted;
+        }
+    }
     movieData->dataSize += quint64(end - s_movieDataStartOffset);
     if (!device.seek(end))
         return false;
