@@ -1,6 +1,7 @@
 #include "movie/MovieVerifier.h"
 
 #include "movie/QuickTimeFile.h"
+#include "movie/SampleTableCheck.h"
 
 #include <QFile>
 #include <QtEndian>
@@ -218,6 +219,13 @@ MovieVerification verifyMovie(const QString& path)
     if (movie.writtenByRecorder)
         movie.dumpTrackInfo();
     result.tracks = movie.trackCount;
+    // The tables as the strictest readers take them first; then every sample through the reader.
+    const QString tableProblem = checkSampleTables(file);
+    if (!tableProblem.isEmpty()) {
+        result.failure = tableProblem;
+        movie.closeFileRead();
+        return result;
+    }
     Verifier verifier(file, movie, result);
     result.verified = verifier.run();
     movie.closeFileRead();
@@ -229,10 +237,9 @@ QString verificationSummary(const QString& path, const MovieVerification& result
     QStringList samples;
     for (quint64 count : result.soundSamples)
         samples << QString::number(count);
+    // One substitution pass: a '%' in the name or the failure text is printed as it stands.
     return QString("     %1: %2 tracks, %3 video frames, samples per sound track %4, %5")
-        .arg(path)
-        .arg(result.tracks)
-        .arg(result.videoFrames)
-        .arg(samples.isEmpty() ? QString("none") : samples.join(' '))
-        .arg(result.verified ? QString("verified") : "FAILED: " + result.failure);
+        .arg(path, QString::number(result.tracks), QString::number(result.videoFrames),
+             samples.isEmpty() ? QString("none") : samples.join(' '),
+             result.verified ? QString("verified") : "FAILED: " + result.failure);
 }

@@ -170,8 +170,7 @@ void QuickTimeFile::setFrameRate(unsigned int rate)
     calculateVideoInfoFromFrameRate(rate, &sampleDuration, &timeScale);
 }
 
-quint32 QuickTimeFile::calculateVideoInfoFromFrameRate(unsigned int rate, quint32* duration,
-                                                       quint32* scale) const
+quint32 QuickTimeFile::calculateVideoInfoFromFrameRate(unsigned int rate, quint32* duration, quint32* scale)
 {
     quint32 frameDuration = s_defaultSampleDuration;
     quint32 frameScale = rate;

@@ -169,7 +169,7 @@ public:
 
     // Parameters.
     void setFrameRate(unsigned int rate);
-    quint32 calculateVideoInfoFromFrameRate(unsigned int rate, quint32* duration, quint32* scale) const;
+    static quint32 calculateVideoInfoFromFrameRate(unsigned int rate, quint32* duration, quint32* scale);
     void setAudioSampleRate(unsigned int rate) { audioSampleRate = rate; }
     void setAudioBytesPerSample(unsigned int bytes) { audioBytesPerSample = bytes; }
     void setAudioSamplesPerFrame(int samples) { audioSamplesPerChunk = quint32(samples); }

@@ -44,3 +44,17 @@ bool writeMixedCard(const QString& card)
     return writeFile(audio + "/B001T002.zqa", broken)
         && writeFile(audio + "/B001T000.nra", "given up before");
 }
+
+RecordingPlan syntheticPlan(
+    RecordingPlan::Family family, int frames, int tracks, quint32 samplesPerChunk, quint32 soundSamples)
+{
+    RecordingPlan p;
+    p.family = family;
+    p.audioBytesPerSample = 3;
+    p.audioSamplesPerChunk = samplesPerChunk;
+    for (int i = 0; i < frames; ++i)
+        p.videoFrames << syntheticFrame(i, 3000 + 7 * i);
+    for (int t = 0; t < tracks; ++t)
+        p.audioTracks << syntheticPcm(t, int(soundSamples), 3);
+    return p;
+}

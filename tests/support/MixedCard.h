@@ -22,3 +22,8 @@ bool writeMixedCard(const QString& card);
 // A small healthy movie of `family`: 1280x720 synthetic frames and `tracks` 24-bit sound tracks of the
 // frames' length, in the chunking the family's recorder uses.
 RecordingPlan moviePlan(RecordingPlan::Family family, int frames, int tracks);
+
+// A movie of synthetic frames (3,000 bytes and 7 more each frame) and `tracks` 24-bit sound tracks of
+// `soundSamples` samples, `samplesPerChunk` to a chunk.
+RecordingPlan syntheticPlan(
+    RecordingPlan::Family family, int frames, int tracks, quint32 samplesPerChunk, quint32 soundSamples);

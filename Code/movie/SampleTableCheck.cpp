@@ -1,0 +1,557 @@
+#include "movie/SampleTableCheck.h"
+
+#include "movie/QuickTimeFile.h"
+#include "movie/SampleDescriptions.h"
+
+#include <QByteArray>
+#include <QIODevice>
+#include <QVector>
+#include <QtEndian>
+
+namespace {
+
+// An index this large is no recorder's; reading it whole would be a damaged size's doing.
+const quint64 kMaxIndexBytes = 512ull * 1024 * 1024;
+
+quint32 code(const char* letters)
+{
+    return qFromBigEndian<quint32>(reinterpret_cast<const uchar*>(letters));
+}
+
+struct Span
+{
+    quint64 begin = 0;
+    quint64 end = 0;
+    bool valid() const { return end > begin; }
+};
+
+// One atom inside a byte array: where its payload lies.
+struct Atom
+{
+    quint32 type = 0;
+    int payload = 0; // offset of the first byte after the header
+    int end = 0;
+    bool valid() const { return type != 0; }
+};
+
+quint32 be32(const QByteArray& bytes, int at)
+{
+    return qFromBigEndian<quint32>(reinterpret_cast<const uchar*>(bytes.constData()) + at);
+}
+
+quint64 be64(const QByteArray& bytes, int at)
+{
+    return qFromBigEndian<quint64>(reinterpret_cast<const uchar*>(bytes.constData()) + at);
+}
+
+// The first child of `type` in [from, to); an invalid Atom when there is none or the children overrun.
+Atom child(const QByteArray& bytes, int from, int to, quint32 type, int nth = 0)
+{
+    for (int at = from; at + 8 <= to;) {
+        const quint32 size = be32(bytes, at);
+        if (size < 8 || size > quint32(to - at))
+            return Atom();
+        if (be32(bytes, at + 4) == type && nth-- == 0)
+            return Atom { type, at + 8, at + int(size) };
+        at += int(size);
+    }
+    return Atom();
+}
+
+// The top-level atoms of the file: the 'moov' and the payload of every 'mdat'.
+bool topLevel(QIODevice& file, Span* moov, QVector<Span>* media)
+{
+    const quint64 size = quint64(file.size());
+    quint64 pos = 0;
+    while (pos + 8 <= size && file.seek(qint64(pos))) {
+        uchar header[16];
+        if (file.read(reinterpret_cast<char*>(header), 8) != 8)
+            return false;
+        quint64 atomSize = qFromBigEndian<quint32>(header);
+        const quint32 type = qFromBigEndian<quint32>(header + 4);
+        quint64 headerSize = 8;
+        if (atomSize == 1) {
+            if (file.read(reinterpret_cast<char*>(header + 8), 8) != 8)
+                return false;
+            atomSize = qFromBigEndian<quint64>(header + 8);
+            headerSize = 16;
+        } else if (atomSize == 0) {
+            atomSize = size - pos;
+        }
+        if (atomSize < headerSize || atomSize > size - pos)
+            return false;
+        if (type == code("mdat"))
+            *media << Span { pos + headerSize, pos + atomSize };
+        else if (type == code("moov") && !moov->valid())
+            *moov = Span { pos, pos + atomSize };
+        pos += atomSize;
+    }
+    return moov->valid();
+}
+
+quint16 be16(const QByteArray& bytes, int at)
+{
+    return qFromBigEndian<quint16>(reinterpret_cast<const uchar*>(bytes.constData()) + at);
+}
+
+// What a movie this library finished tells about itself in its maker atom and movie header, against
+// which its tracks are held besides the rules every movie must keep.
+struct OwnMovie
+{
+    bool present = false; // a maker atom was found
+    quint32 movieTimeScale = 0;
+    quint32 videoFrames = 0;
+    bool dropFrame = false;
+    quint32 frameDuration = 0; // of the picture and the timecode, in units of the movie's time scale
+    quint32 frameTimeScale = 0;
+    QVector<quint64> timecodeOffsets; // where the frame list puts each timecode sample
+    QVector<quint32> timecodeBytes;
+    bool listComplete = false; // the list reaches every timecode sample it counts
+};
+
+OwnMovie ownMovie(const QByteArray& moov)
+{
+    OwnMovie own;
+    const Atom mvhd = child(moov, 8, moov.size(), code("mvhd"));
+    const Atom udta = child(moov, 8, moov.size(), code("udta"));
+    const Atom hldn = udta.valid() ? child(moov, udta.payload, udta.end, code("hldn")) : Atom();
+    if (!mvhd.valid() || mvhd.end - mvhd.payload < 16 || !hldn.valid() || hldn.end - hldn.payload < 28)
+        return own;
+    own.present = true;
+    own.movieTimeScale = be32(moov, mvhd.payload + 12);
+    // Behind version and flags, the constant and the interlace flag: the entry count, then the counts of
+    // video frames, sound chunks and timecode samples; the entries end the atom.
+    const quint32 entries = be32(moov, hldn.payload + 12);
+    own.videoFrames = be32(moov, hldn.payload + 16);
+    const quint32 timecodeSamples = be32(moov, hldn.payload + 24);
+    if (hldn.end - hldn.payload >= 44) {
+        // The recorder's nine values follow the counts: the third is the frame rate in hundredths (the
+        // field rate when interlaced), the fourth the drop-frame flag.
+        const bool interlaced = be32(moov, hldn.payload + 8) != 0;
+        const quint32 rate = be32(moov, hldn.payload + 36);
+        Tern::QuickTimeFile::calculateVideoInfoFromFrameRate(
+            interlaced ? rate >> 1 : rate, &own.frameDuration, &own.frameTimeScale);
+        own.dropFrame = be32(moov, hldn.payload + 40) != 0;
+    }
+    if (quint64(entries) * 2 > quint64(hldn.end - hldn.payload - 28))
+        return own;
+    quint64 position = quint64(Tern::QuickTimeFile::s_movieDataStartOffset);
+    for (int i = 0, at = hldn.end - 2 * int(entries); i < int(entries); ++i, at += 2) {
+        const quint16 entry = be16(moov, at);
+        const quint32 bytes = quint32(entry & Tern::QuickTimeFile::s_blockCountMask)
+            << Tern::QuickTimeFile::s_blockShift;
+        if ((entry >> Tern::QuickTimeFile::s_frameTypeShift) == Tern::quicktime_frametype_timecode) {
+            own.timecodeOffsets << position;
+            own.timecodeBytes << bytes;
+        }
+        position += bytes;
+    }
+    own.listComplete = quint32(own.timecodeOffsets.size()) == timecodeSamples;
+    return own;
+}
+
+// The data formats this library writes, by kind of track.
+bool writtenFormat(quint32 handler, quint32 format, quint32 soundSampleBytes)
+{
+    if (handler == code("vide"))
+        return format == code("apch") || format == code("apcn") || format == code("apcs")
+            || format == code("apco") || format == code("ap4h") || format == code("ap4x")
+            || format == code("AVdn");
+    if (handler == code("soun"))
+        return format == Tern::SoundResolutionToFormat(int(soundSampleBytes));
+    return handler != code("tmcd") || format == code("tmcd");
+}
+
+class TrackCheck
+{
+public:
+    TrackCheck(const QByteArray& moov, const Atom& trak, int number, const QVector<Span>& media,
+        quint64 fileSize, const OwnMovie& own)
+        : m_bytes(moov)
+        , m_own(own)
+        , m_trak(trak)
+        , m_number(number)
+        , m_media(media)
+        , m_fileSize(fileSize)
+    {
+    }
+
+    QString run()
+    {
+        const Atom tkhd = child(m_bytes, m_trak.payload, m_trak.end, code("tkhd"));
+        const Atom mdia = child(m_bytes, m_trak.payload, m_trak.end, code("mdia"));
+        const Atom mdhd = mdia.valid() ? child(m_bytes, mdia.payload, mdia.end, code("mdhd")) : Atom();
+        const Atom hdlr = mdia.valid() ? child(m_bytes, mdia.payload, mdia.end, code("hdlr")) : Atom();
+        if (!tkhd.valid() || !mdhd.valid() || mdhd.end - mdhd.payload < 20)
+            return fail("has no track header or media header");
+        m_timeScale = be32(m_bytes, mdhd.payload + 12);
+        // Version 0 track header: the picture's width and height, 16.16, at 76 and 80.
+        if (m_bytes.at(tkhd.payload) == 0 && tkhd.end - tkhd.payload >= 84) {
+            m_trackWidth = be32(m_bytes, tkhd.payload + 76) >> 16;
+            m_trackHeight = be32(m_bytes, tkhd.payload + 80) >> 16;
+        }
+        if (m_timeScale == 0)
+            return fail("'mdhd': a time scale of 0");
+        const Atom minf = mdia.valid() ? child(m_bytes, mdia.payload, mdia.end, code("minf")) : Atom();
+        const Atom stbl = minf.valid() ? child(m_bytes, minf.payload, minf.end, code("stbl")) : Atom();
+        if (!hdlr.valid() || hdlr.end - hdlr.payload < 12 || !stbl.valid())
+            return fail("has no sample table");
+        m_handler = be32(m_bytes, hdlr.payload + 8);
+        const Atom stsd = child(m_bytes, stbl.payload, stbl.end, code("stsd"));
+        const Atom stts = child(m_bytes, stbl.payload, stbl.end, code("stts"));
+        const Atom stsc = child(m_bytes, stbl.payload, stbl.end, code("stsc"));
+        const Atom stsz = child(m_bytes, stbl.payload, stbl.end, code("stsz"));
+        Atom offsets = child(m_bytes, stbl.payload, stbl.end, code("co64"));
+        const bool wide = offsets.valid();
+        if (!wide)
+            offsets = child(m_bytes, stbl.payload, stbl.end, code("stco"));
+        if (!stsd.valid() || !stts.valid() || !stsc.valid() || !stsz.valid() || !offsets.valid())
+            return fail("lacks one of 'stsd', 'stts', 'stsc', 'stsz' and a chunk offset table");
+
+        QString problem;
+        if (!(problem = description(stsd)).isEmpty() || !(problem = chunkOffsets(offsets, wide)).isEmpty()
+            || !(problem = sampleSizes(stsz)).isEmpty() || !(problem = timeToSample(stts)).isEmpty()
+            || !(problem = sampleToChunk(stsc)).isEmpty() || !(problem = chunksInMedia()).isEmpty()
+            || !(problem = asItsMakerSays()).isEmpty())
+            return problem;
+        return QString();
+    }
+
+private:
+    QString fail(const QString& what) const { return QString("track %1 %2").arg(m_number).arg(what); }
+
+public:
+    quint32 handler() const { return m_handler; }
+    // The duration of the last run of samples: a frame's for the picture, the whole for the timecode.
+    quint32 lastDuration() const { return m_lastDelta; }
+    quint32 timecodeFrameDuration() const { return m_timecodeFrameDuration; }
+
+private:
+    // The table's entry count, when `entryBytes` entries of that count fit behind `head` bytes of the
+    // atom's payload (version and flags, count, and any fields before the entries).
+    bool counted(const Atom& table, int head, int entryBytes, quint32* count) const
+    {
+        if (table.end - table.payload < head)
+            return false;
+        *count = be32(m_bytes, table.payload + head - 4);
+        return quint64(*count) * quint64(entryBytes) <= quint64(table.end - table.payload - head);
+    }
+
+    QString description(const Atom& stsd)
+    {
+        quint32 count = 0;
+        if (!counted(stsd, 8, 16, &count) || count < 1)
+            return fail("'stsd': no sample description fits the atom");
+        if (m_own.present && count != 1)
+            return fail(QString("'stsd': %1 sample descriptions, this movie's tracks have one").arg(count));
+        int entry = stsd.payload + 8;
+        for (quint32 i = 0; i < count; ++i) {
+            const quint32 entrySize = entry + 8 <= stsd.end ? be32(m_bytes, entry) : 0;
+            if (entrySize < 16 || entrySize > quint32(stsd.end - entry))
+                return fail(QString("'stsd': description %1 overruns the atom").arg(i + 1));
+            entry += int(entrySize);
+        }
+        const int first = stsd.payload + 8;
+        m_format = be32(m_bytes, first + 4);
+        // Sound: a version 1 description states the bytes of one frame (at 44 of the entry); version 0
+        // gives channels and bits per sample (at 24 and 26). The rate is 16.16 at 32.
+        if (m_handler == code("soun")) {
+            if (be32(m_bytes, first) < 36)
+                return fail("'stsd': the sound description is too short");
+            const quint16 version = be16(m_bytes, first + 16);
+            const quint16 channels = be16(m_bytes, first + 24);
+            if (version == 1 && be32(m_bytes, first) >= 48)
+                m_soundFrameBytes = be32(m_bytes, first + 44);
+            else if (version == 0)
+                m_soundFrameBytes = quint32(channels) * (be16(m_bytes, first + 26) / 8);
+            else
+                return fail(QString("'stsd': sound description version %1").arg(version));
+            if (channels == 0)
+                return fail("'stsd': sound of 0 channels");
+            m_soundSampleBytes = m_soundFrameBytes / channels;
+            m_soundRate = be32(m_bytes, first + 32) >> 16;
+            if (m_soundRate != m_timeScale)
+                return fail(QString("'mdhd': a time scale of %1, the sound description's rate is %2")
+                                .arg(m_timeScale)
+                                .arg(m_soundRate));
+        }
+        if (m_handler == code("vide") && m_own.present && be32(m_bytes, first) >= 36 && m_trackWidth != 0) {
+            const quint32 width = be16(m_bytes, first + 32);
+            const quint32 height = be16(m_bytes, first + 34);
+            if (width != m_trackWidth || height != m_trackHeight)
+                return fail(QString("'stsd': pictures of %1x%2, the track header's are %3x%4")
+                                .arg(width)
+                                .arg(height)
+                                .arg(m_trackWidth)
+                                .arg(m_trackHeight));
+        }
+        if (m_handler == code("tmcd") && m_own.present) {
+            const QString problem = timecodeDescription(first);
+            if (!problem.isEmpty())
+                return problem;
+        }
+        if (m_own.present && !writtenFormat(m_handler, m_format, m_soundSampleBytes))
+            return fail(QString("'stsd': a data format this movie's tracks do not have (%1)")
+                            .arg(QString::fromLatin1(m_bytes.mid(first + 4, 4))));
+        return QString();
+    }
+
+    // This library's timecode description: reserved 0, the drop-frame flag as recorded, the movie's time
+    // scale, and the whole frames a second its frame duration gives.
+    QString timecodeDescription(int entry)
+    {
+        if (be32(m_bytes, entry) < 33)
+            return fail("'stsd': the timecode description is too short");
+        const quint32 reserved = be32(m_bytes, entry + 16);
+        const quint32 flags = be32(m_bytes, entry + 20);
+        const quint32 timeScale = be32(m_bytes, entry + 24);
+        m_timecodeFrameDuration = be32(m_bytes, entry + 28);
+        const quint32 framesPerSecond = quint8(m_bytes.at(entry + 32));
+        if (reserved != 0 || ((flags & 1) != 0) != m_own.dropFrame || timeScale != m_own.movieTimeScale
+            || m_timecodeFrameDuration != m_own.frameDuration || m_timecodeFrameDuration == 0
+            || framesPerSecond != (timeScale + m_timecodeFrameDuration / 2) / m_timecodeFrameDuration)
+            return fail(QString("'stsd': the timecode description (flags %1, %2/%3 units, %4 frames) is not "
+                                "this movie's")
+                            .arg(flags)
+                            .arg(timeScale)
+                            .arg(m_timecodeFrameDuration)
+                            .arg(framesPerSecond));
+        return QString();
+    }
+
+    QString chunkOffsets(const Atom& table, bool wide)
+    {
+        const char* name = wide ? "'co64'" : "'stco'";
+        quint32 count = 0;
+        if (!counted(table, 8, wide ? 8 : 4, &count))
+            return fail(QString("%1: its count of %2 entries does not fit the atom").arg(name).arg(count));
+        m_chunkOffsets.resize(int(count));
+        for (quint32 i = 0; i < count; ++i)
+            m_chunkOffsets[int(i)] = wide ? be64(m_bytes, table.payload + 8 + 8 * int(i))
+                                          : be32(m_bytes, table.payload + 8 + 4 * int(i));
+        return QString();
+    }
+
+    QString sampleSizes(const Atom& stsz)
+    {
+        if (stsz.end - stsz.payload < 12)
+            return fail("'stsz': the atom is too short");
+        m_constantSize = be32(m_bytes, stsz.payload + 4);
+        m_sampleCount = be32(m_bytes, stsz.payload + 8);
+        if (m_constantSize == 0) {
+            quint32 count = 0;
+            if (!counted(stsz, 12, 4, &count))
+                return fail(QString("'stsz': its count of %1 sizes does not fit the atom").arg(count));
+            m_sizes.resize(int(count));
+            for (quint32 i = 0; i < count; ++i)
+                m_sizes[int(i)] = be32(m_bytes, stsz.payload + 12 + 4 * int(i));
+        } else if (m_handler == code("soun") && m_soundFrameBytes != 0 && m_constantSize != 1
+            && m_constantSize != m_soundFrameBytes) {
+            return fail(QString("'stsz': samples of %1 bytes, the sound description's are %2")
+                            .arg(m_constantSize)
+                            .arg(m_soundFrameBytes));
+        }
+        return QString();
+    }
+
+    QString timeToSample(const Atom& stts)
+    {
+        quint32 count = 0;
+        if (!counted(stts, 8, 8, &count))
+            return fail(QString("'stts': its count of %1 entries does not fit the atom").arg(count));
+        quint64 samples = 0;
+        for (quint32 i = 0; i < count; ++i) {
+            const quint32 delta = be32(m_bytes, stts.payload + 12 + 8 * int(i));
+            samples += be32(m_bytes, stts.payload + 8 + 8 * int(i));
+            // A timecode sample of this library's audio-only movies lasts 0: there is no picture to span.
+            if (delta == 0 && m_handler != code("tmcd"))
+                return fail(QString("'stts': entry %1 gives its samples no duration").arg(i));
+            if (m_own.present && m_handler == code("soun") && delta != 1)
+                return fail(QString("'stts': entry %1 gives a sound sample %2 units").arg(i).arg(delta));
+            m_lastDelta = delta;
+        }
+        if (samples != m_sampleCount)
+            return fail(QString("'stts' counts %1 samples, 'stsz' %2").arg(samples).arg(m_sampleCount));
+        m_sttsEntries = count;
+        return QString();
+    }
+
+    QString sampleToChunk(const Atom& stsc)
+    {
+        quint32 count = 0;
+        if (!counted(stsc, 8, 12, &count))
+            return fail(QString("'stsc': its count of %1 entries does not fit the atom").arg(count));
+        const quint64 chunks = quint64(m_chunkOffsets.size());
+        m_chunkSamples.fill(0, m_chunkOffsets.size());
+        quint64 samples = 0;
+        for (quint32 i = 0; i < count; ++i) {
+            const int at = stsc.payload + 8 + 12 * int(i);
+            const quint32 first = be32(m_bytes, at);
+            const quint32 perChunk = be32(m_bytes, at + 4);
+            const quint32 descriptionId = be32(m_bytes, at + 8);
+            const quint32 next = i + 1 < count ? be32(m_bytes, at + 12) : quint32(chunks + 1);
+            if ((i == 0 && first != 1) || first < 1 || first > chunks || next <= first || next > chunks + 1)
+                return fail(QString("'stsc': entry %1 starts at chunk %2 of %3, out of order")
+                                .arg(i)
+                                .arg(first)
+                                .arg(chunks));
+            if (perChunk == 0)
+                return fail(QString("'stsc': entry %1 gives its chunks no samples").arg(i));
+            if (descriptionId != 1)
+                return fail(
+                    QString("'stsc': entry %1 names sample description %2").arg(i).arg(descriptionId));
+            for (quint32 c = first; c < next; ++c)
+                m_chunkSamples[int(c - 1)] = perChunk;
+            samples += quint64(next - first) * perChunk;
+        }
+        if (chunks != 0 && count == 0)
+            return fail("'stsc' is empty, yet there are chunks");
+        if (samples != m_sampleCount)
+            return fail(QString("'stsc' puts %1 samples in the chunks, 'stsz' counts %2")
+                            .arg(samples)
+                            .arg(m_sampleCount));
+        return QString();
+    }
+
+    QString chunksInMedia() const
+    {
+        quint64 sample = 0;
+        for (int c = 0; c < m_chunkOffsets.size(); ++c) {
+            quint64 bytes = 0;
+            for (quint32 s = 0; s < m_chunkSamples[c]; ++s, ++sample)
+                bytes += m_constantSize != 0 ? m_constantSize : m_sizes.value(int(sample));
+            const quint64 at = m_chunkOffsets[c];
+            const QString where = QString("chunk %1 at 0x%2 (%3 bytes)").arg(c).arg(at, 0, 16).arg(bytes);
+            if (at > m_fileSize || bytes > m_fileSize - at)
+                return fail(
+                    QString("%1 lies past the end of the file (%2 bytes)").arg(where).arg(m_fileSize));
+            bool inside = false;
+            for (const Span& media : m_media)
+                inside = inside || (at >= media.begin && at <= media.end && bytes <= media.end - at);
+            if (!inside)
+                return fail(where + " lies outside 'mdat'");
+        }
+        return QString();
+    }
+
+    // A movie of this library: its picture and timecode run on the movie's time scale, the timecode sample
+    // lasts as long as the picture, and the timecode samples are where the maker atom's list puts them.
+    QString asItsMakerSays() const
+    {
+        if (!m_own.present || m_handler == code("soun"))
+            return QString();
+        if (m_timeScale != m_own.movieTimeScale)
+            return fail(QString("'mdhd': a time scale of %1, the movie's is %2")
+                            .arg(m_timeScale)
+                            .arg(m_own.movieTimeScale));
+        if (m_handler == code("vide")) {
+            if (m_sttsEntries != 1 || m_sampleCount != m_own.videoFrames)
+                return fail(QString("'stts': %1 frames in %2 runs, the maker atom counts %3 in one")
+                                .arg(m_sampleCount)
+                                .arg(m_sttsEntries)
+                                .arg(m_own.videoFrames));
+        }
+        if (m_handler != code("tmcd"))
+            return QString();
+        if (m_sttsEntries != 1)
+            return fail(QString("'stts': %1 runs for the timecode, this movie has one").arg(m_sttsEntries));
+        if (!m_own.listComplete)
+            return QString(); // the list ends before the samples: nothing to hold them to
+        if (m_chunkOffsets.size() != m_own.timecodeOffsets.size())
+            return fail(QString("%1 timecode chunks, the maker atom's list %2")
+                            .arg(m_chunkOffsets.size())
+                            .arg(m_own.timecodeOffsets.size()));
+        for (int i = 0; i < m_chunkOffsets.size(); ++i) {
+            const quint32 bytes = m_constantSize != 0 ? m_constantSize : m_sizes.value(i);
+            if (m_chunkOffsets[i] != m_own.timecodeOffsets[i] || bytes != m_own.timecodeBytes[i])
+                return fail(
+                    QString("timecode sample %1: the index puts it at 0x%2 (%3 bytes), the maker atom's "
+                            "list at 0x%4 (%5 bytes)")
+                        .arg(i)
+                        .arg(m_chunkOffsets[i], 0, 16)
+                        .arg(bytes)
+                        .arg(m_own.timecodeOffsets[i], 0, 16)
+                        .arg(m_own.timecodeBytes[i]));
+        }
+        return QString();
+    }
+
+    const QByteArray& m_bytes;
+    const OwnMovie& m_own;
+    Atom m_trak;
+    int m_number;
+    const QVector<Span>& m_media;
+    quint64 m_fileSize;
+    quint32 m_handler = 0;
+    quint32 m_timeScale = 0;
+    quint32 m_format = 0;
+    quint32 m_soundSampleBytes = 0;
+    quint32 m_soundRate = 0;
+    quint32 m_lastDelta = 0;
+    quint32 m_sttsEntries = 0;
+    quint32 m_timecodeFrameDuration = 0;
+    quint32 m_trackWidth = 0;
+    quint32 m_trackHeight = 0;
+
+    quint32 m_soundFrameBytes = 0;
+    quint32 m_constantSize = 0;
+    quint32 m_sampleCount = 0;
+    QVector<quint32> m_sizes;
+    QVector<quint64> m_chunkOffsets;
+    QVector<quint32> m_chunkSamples;
+};
+
+} // namespace
+
+QString checkSampleTables(QIODevice& file)
+{
+    Span moovSpan;
+    QVector<Span> media;
+    if (!topLevel(file, &moovSpan, &media))
+        return QStringLiteral("the top-level atoms do not lead to a 'moov'");
+    if (moovSpan.end - moovSpan.begin > kMaxIndexBytes || !file.seek(qint64(moovSpan.begin)))
+        return QStringLiteral("the 'moov' cannot be read");
+    const QByteArray moov = file.read(qint64(moovSpan.end - moovSpan.begin));
+    if (quint64(moov.size()) != moovSpan.end - moovSpan.begin)
+        return QStringLiteral("the 'moov' cannot be read");
+    const OwnMovie own = ownMovie(moov);
+    if (own.present && own.movieTimeScale != own.frameTimeScale)
+        return QString("'mvhd': a time scale of %1, the recorded frame rate gives %2")
+            .arg(own.movieTimeScale)
+            .arg(own.frameTimeScale);
+    quint64 pictureDuration = 0;
+    quint32 frameDuration = 0;
+    int timecodeTrack = -1;
+    quint32 timecodeDuration = 0;
+    quint32 timecodeFrameDuration = 0;
+    for (int n = 0;; ++n) {
+        const Atom trak = child(moov, 8, moov.size(), code("trak"), n);
+        if (!trak.valid())
+            break;
+        TrackCheck track(moov, trak, n, media, quint64(file.size()), own);
+        const QString problem = track.run();
+        if (!problem.isEmpty())
+            return problem;
+        if (track.handler() == code("vide")) {
+            frameDuration = track.lastDuration();
+            pictureDuration = quint64(frameDuration) * own.videoFrames;
+        }
+        if (track.handler() == code("tmcd")) {
+            timecodeTrack = n;
+            timecodeDuration = track.lastDuration();
+            timecodeFrameDuration = track.timecodeFrameDuration();
+        }
+    }
+    // In this library's movies the timecode sample lasts as long as the picture, counting its frames.
+    if (own.present && timecodeTrack >= 0 && timecodeDuration != pictureDuration)
+        return QString("track %1 'stts': the timecode sample lasts %2, the picture %3")
+            .arg(timecodeTrack)
+            .arg(timecodeDuration)
+            .arg(pictureDuration);
+    if (own.present && timecodeTrack >= 0 && frameDuration != 0 && timecodeFrameDuration != frameDuration)
+        return QString("track %1 'stsd': timecode frames of %2 units, the picture's last %3")
+            .arg(timecodeTrack)
+            .arg(timecodeFrameDuration)
+            .arg(frameDuration);
+    return QString();
+}
