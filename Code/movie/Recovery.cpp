@@ -152,8 +152,13 @@ qint64 QuickTimeFile::interruptedIndexStart(qint64 mapEnd)
     // one), then the 'moov' header.
     const qint64 sampleBytes = family().closeAppendsTimecodeSample ? s_timecodeSampleBytes : 0;
     const QByteArray sample = sampleBytes != 0 ? timecodeSampleBytes(timecode) : QByteArray();
-    if (mapEnd < s_movieDataStartOffset || fileEnd - mapEnd < sampleBytes + 8 || !device.seek(mapEnd))
+    if (mapEnd < s_movieDataStartOffset || fileEnd - mapEnd < sampleBytes + 8)
         return -1;
+    // A partial index is at most the whole one: only the end of the file that long (and a margin for the
+    // tables' alignment, which depends on where the index begins) is searched, not a card's worth of media.
+    const qint64 kAlignmentMargin = 64 * 1024;
+    const qint64 longest = sampleBytes + qint64(indexSizeAt(fileEnd)) + s_closingZeroBytes + kAlignmentMargin;
+    mapEnd = qMax(mapEnd, fileEnd - longest);
     // Read a piece at a time; a piece overlaps the next by the bytes a candidate needs in one view.
     const qint64 kPiece = 1 << 20;
     const qint64 overlap = sampleBytes + 8;
