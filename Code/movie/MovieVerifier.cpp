@@ -200,6 +200,21 @@ private:
     QVector<Extent> m_media;
 };
 
+
+// The maker atom lists as many entries of the frame map as the movie counts frames, sound chunks and
+// timecode samples. Chunks of unknown type are not counted but take their place in the map, so a list
+// holding any ends before the movie's last chunks, which the reader, following the list, cannot reach.
+bool frameListEndsEarly(const QuickTimeFile& movie)
+{
+    if (!movie.writtenByRecorder || !movie.frameMap)
+        return false;
+    for (quint32 i = 0; i < movie.frameMapLength; ++i) {
+        if ((movie.frameMap[i] >> QuickTimeFile::s_frameTypeShift) == Tern::quicktime_frametype_unknown)
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 MovieVerification verifyMovie(const QString& path)
@@ -223,6 +238,15 @@ MovieVerification verifyMovie(const QString& path)
     const QString tableProblem = checkSampleTables(file);
     if (!tableProblem.isEmpty()) {
         result.failure = tableProblem;
+        movie.closeFileRead();
+        return result;
+    }
+    if (frameListEndsEarly(movie)) {
+        // The tables, checked whole above, stand for the movie; the counts are theirs.
+        result.videoFrames = movie.videoTrack.stszEntries;
+        for (int n = 0; QuickTimeTrackInfo* track = movie.getAudioTrack(n); ++n)
+            result.soundSamples << track->stszEntries;
+        result.verified = true;
         movie.closeFileRead();
         return result;
     }

@@ -8,6 +8,8 @@
 #include <QVector>
 #include <QtEndian>
 
+#include <algorithm>
+
 namespace {
 
 // An index this large is no recorder's; reading it whole would be a damaged size's doing.
@@ -104,12 +106,39 @@ struct OwnMovie
     bool dropFrame = false;
     quint32 frameDuration = 0; // of the picture and the timecode, in units of the movie's time scale
     quint32 frameTimeScale = 0;
-    QVector<quint64> timecodeOffsets; // where the frame list puts each timecode sample
+    // Where the frame list puts each video frame, sound chunk and timecode sample, and their lengths.
+    QVector<quint64> videoOffsets;
+    QVector<quint32> videoBytes;
+    QVector<quint64> soundChunkOffsets;
+    QVector<quint64> timecodeOffsets;
     QVector<quint32> timecodeBytes;
     bool listComplete = false; // the list reaches every timecode sample it counts
+    bool listDiffersFromMap = false; // the list is not the start of the recorder's map
 };
 
-OwnMovie ownMovie(const QByteArray& moov)
+// The frame map a Tern recorder left in the reserved region of the file, up to its terminator; empty for
+// a file that is not laid out as a Tern recording (its first atom is 128 bytes or more).
+QVector<quint16> recorderFrameMap(QIODevice& file)
+{
+    QVector<quint16> map;
+    uchar first[4];
+    if (!file.seek(0) || file.read(reinterpret_cast<char*>(first), 4) != 4
+        || qFromBigEndian<quint32>(first) >= 128)
+        return map;
+    if (!file.seek(Tern::QuickTimeFile::s_recoveryFrameMapPos))
+        return map;
+    const QByteArray bytes = file.read(Tern::QuickTimeFile::s_frameMapBytes);
+    const auto* entries = reinterpret_cast<const uchar*>(bytes.constData());
+    for (int i = 0; i + 1 < bytes.size(); i += 2) {
+        const quint16 entry = qFromLittleEndian<quint16>(entries + i);
+        if (entry == 0)
+            break;
+        map << entry;
+    }
+    return map;
+}
+
+OwnMovie ownMovie(const QByteArray& moov, const QVector<quint16>& recorderMap)
 {
     OwnMovie own;
     const Atom mvhd = child(moov, 8, moov.size(), code("mvhd"));
@@ -135,14 +164,40 @@ OwnMovie ownMovie(const QByteArray& moov)
     }
     if (quint64(entries) * 2 > quint64(hldn.end - hldn.payload - 28))
         return own;
+    QVector<quint16> list(static_cast<int>(entries), 0);
+    for (int i = 0, at = hldn.end - 2 * int(entries); i < int(entries); ++i, at += 2)
+        list[i] = be16(moov, at);
+    // Chunks of unknown type are listed but not counted, so such a list ends before the movie's last
+    // chunks. A Tern movie still holds the recorder's whole map in its reserved region: the list must be
+    // its start, and the map goes on where the list stops.
+    const bool endsEarly = std::any_of(list.begin(), list.end(), [](quint16 entry) {
+        return (entry >> Tern::QuickTimeFile::s_frameTypeShift) == Tern::quicktime_frametype_unknown;
+    });
+    if (endsEarly && !recorderMap.isEmpty()) {
+        if (recorderMap.mid(0, list.size()) != list) {
+            own.listDiffersFromMap = true;
+            return own;
+        }
+        list = recorderMap;
+    }
     quint64 position = quint64(Tern::QuickTimeFile::s_movieDataStartOffset);
-    for (int i = 0, at = hldn.end - 2 * int(entries); i < int(entries); ++i, at += 2) {
-        const quint16 entry = be16(moov, at);
+    for (const quint16 entry : qAsConst(list)) {
         const quint32 bytes = quint32(entry & Tern::QuickTimeFile::s_blockCountMask)
             << Tern::QuickTimeFile::s_blockShift;
-        if ((entry >> Tern::QuickTimeFile::s_frameTypeShift) == Tern::quicktime_frametype_timecode) {
+        switch (entry >> Tern::QuickTimeFile::s_frameTypeShift) {
+        case Tern::quicktime_frametype_video:
+            own.videoOffsets << position;
+            own.videoBytes << bytes;
+            break;
+        case Tern::quicktime_frametype_sound:
+            own.soundChunkOffsets << position;
+            break;
+        case Tern::quicktime_frametype_timecode:
             own.timecodeOffsets << position;
             own.timecodeBytes << bytes;
+            break;
+        default:
+            break; // chunks of unknown type take their place and nothing else
         }
         position += bytes;
     }
@@ -166,13 +221,14 @@ class TrackCheck
 {
 public:
     TrackCheck(const QByteArray& moov, const Atom& trak, int number, const QVector<Span>& media,
-        quint64 fileSize, const OwnMovie& own)
+        quint64 fileSize, const OwnMovie& own, int soundTrackOrdinal)
         : m_bytes(moov)
         , m_own(own)
         , m_trak(trak)
         , m_number(number)
         , m_media(media)
         , m_fileSize(fileSize)
+        , m_soundTrackOrdinal(soundTrackOrdinal)
     {
     }
 
@@ -438,8 +494,10 @@ private:
     // lasts as long as the picture, and the timecode samples are where the maker atom's list puts them.
     QString asItsMakerSays() const
     {
-        if (!m_own.present || m_handler == code("soun"))
+        if (!m_own.present)
             return QString();
+        if (m_handler == code("soun"))
+            return soundAsListed();
         if (m_timeScale != m_own.movieTimeScale)
             return fail(QString("'mdhd': a time scale of %1, the movie's is %2")
                             .arg(m_timeScale)
@@ -450,6 +508,7 @@ private:
                                 .arg(m_sampleCount)
                                 .arg(m_sttsEntries)
                                 .arg(m_own.videoFrames));
+            return videoAsListed();
         }
         if (m_handler != code("tmcd"))
             return QString();
@@ -476,12 +535,59 @@ private:
         return QString();
     }
 
+    // Every frame the maker atom's list reaches has the list's length, and every chunk starts at the
+    // list's place of its first frame.
+    QString videoAsListed() const
+    {
+        const int listed = m_own.videoOffsets.size();
+        for (int f = 0; f < listed && f < int(m_sampleCount); ++f) {
+            const quint32 bytes = m_constantSize != 0 ? m_constantSize : m_sizes.value(f);
+            if (bytes != m_own.videoBytes[f])
+                return fail(QString("'stsz': frame %1 of %2 bytes, the maker atom's list has %3")
+                                .arg(f)
+                                .arg(bytes)
+                                .arg(m_own.videoBytes[f]));
+        }
+        quint64 firstFrame = 0;
+        for (int c = 0; c < m_chunkOffsets.size() && firstFrame < quint64(listed); ++c) {
+            if (m_chunkOffsets[c] != m_own.videoOffsets[int(firstFrame)])
+                return fail(QString("chunk %1 at 0x%2, the maker atom's list puts its first frame at 0x%3")
+                                .arg(c)
+                                .arg(m_chunkOffsets[c], 0, 16)
+                                .arg(m_own.videoOffsets[int(firstFrame)], 0, 16));
+            firstFrame += m_chunkSamples[c];
+        }
+        return QString();
+    }
+
+    // Each sound chunk of the list holds the tracks one after another: this track's part starts as many
+    // track-parts in as tracks come before it. A short first chunk is addressed like a full one.
+    QString soundAsListed() const
+    {
+        if (m_constantSize == 0 || m_chunkOffsets.isEmpty())
+            return QString();
+        const int chunks = m_chunkOffsets.size();
+        const quint64 full = m_chunkSamples[qMin(1, chunks - 1)];
+        for (int k = 0; k < chunks && k < m_own.soundChunkOffsets.size(); ++k) {
+            const quint64 samples = k == 0 && chunks > 1 ? full : m_chunkSamples[k];
+            const quint64 expected
+                = m_own.soundChunkOffsets[k] + quint64(m_soundTrackOrdinal) * samples * m_constantSize;
+            if (m_chunkOffsets[k] != expected)
+                return fail(QString("chunk %1 at 0x%2, the maker atom's list puts it at 0x%3")
+                                .arg(k)
+                                .arg(m_chunkOffsets[k], 0, 16)
+                                .arg(expected, 0, 16));
+        }
+        return QString();
+    }
+
     const QByteArray& m_bytes;
     const OwnMovie& m_own;
     Atom m_trak;
     int m_number;
     const QVector<Span>& m_media;
     quint64 m_fileSize;
+    int m_soundTrackOrdinal; // sound tracks before this one
     quint32 m_handler = 0;
     quint32 m_timeScale = 0;
     quint32 m_format = 0;
@@ -514,13 +620,16 @@ QString checkSampleTables(QIODevice& file)
     const QByteArray moov = file.read(qint64(moovSpan.end - moovSpan.begin));
     if (quint64(moov.size()) != moovSpan.end - moovSpan.begin)
         return QStringLiteral("the 'moov' cannot be read");
-    const OwnMovie own = ownMovie(moov);
+    const OwnMovie own = ownMovie(moov, recorderFrameMap(file));
+    if (own.listDiffersFromMap)
+        return QStringLiteral("the maker atom's frame list is not the start of the recorder's frame map");
     if (own.present && own.movieTimeScale != own.frameTimeScale)
         return QString("'mvhd': a time scale of %1, the recorded frame rate gives %2")
             .arg(own.movieTimeScale)
             .arg(own.frameTimeScale);
     quint64 pictureDuration = 0;
     quint32 frameDuration = 0;
+    int soundTracks = 0;
     int timecodeTrack = -1;
     quint32 timecodeDuration = 0;
     quint32 timecodeFrameDuration = 0;
@@ -528,10 +637,11 @@ QString checkSampleTables(QIODevice& file)
         const Atom trak = child(moov, 8, moov.size(), code("trak"), n);
         if (!trak.valid())
             break;
-        TrackCheck track(moov, trak, n, media, quint64(file.size()), own);
+        TrackCheck track(moov, trak, n, media, quint64(file.size()), own, soundTracks);
         const QString problem = track.run();
         if (!problem.isEmpty())
             return problem;
+        soundTracks += track.handler() == code("soun");
         if (track.handler() == code("vide")) {
             frameDuration = track.lastDuration();
             pictureDuration = quint64(frameDuration) * own.videoFrames;

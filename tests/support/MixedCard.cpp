@@ -5,6 +5,8 @@
 #include "support/TestSupport.h"
 
 #include <QDir>
+#include <QFile>
+#include <QtEndian>
 
 RecordingPlan moviePlan(RecordingPlan::Family family, int frames, int tracks)
 {
@@ -57,4 +59,24 @@ RecordingPlan syntheticPlan(
     for (int t = 0; t < tracks; ++t)
         p.audioTracks << syntheticPcm(t, int(soundSamples), 3);
     return p;
+}
+
+bool markSoundChunkUnknown(const QString& path, int nth)
+{
+    const qint64 kTernFrameMapPos = 156; // behind the 120-byte settings record at 36
+    QFile file(path);
+    if (!file.open(QIODevice::ReadWrite) || !file.seek(kTernFrameMapPos))
+        return false;
+    for (qint64 at = kTernFrameMapPos;; at += 2) {
+        uchar entry[2];
+        if (!file.seek(at) || file.read(reinterpret_cast<char*>(entry), 2) != 2)
+            return false;
+        const quint16 value = qFromLittleEndian<quint16>(entry);
+        if (value == 0)
+            return false;
+        if (value >> 14 == 0 && nth-- == 0) {
+            qToLittleEndian<quint16>(quint16(value | 0xC000), entry);
+            return file.seek(at) && file.write(reinterpret_cast<const char*>(entry), 2) == 2;
+        }
+    }
 }

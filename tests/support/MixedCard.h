@@ -27,3 +27,7 @@ RecordingPlan moviePlan(RecordingPlan::Family family, int frames, int tracks);
 // `soundSamples` samples, `samplesPerChunk` to a chunk.
 RecordingPlan syntheticPlan(
     RecordingPlan::Family family, int frames, int tracks, quint32 samplesPerChunk, quint32 soundSamples);
+
+// Marks the `nth` sound chunk in the frame map of the Tern recording at `path` as of unknown type (3), as
+// a recorder writes chunks the finalizer does not count. False when there is no such chunk.
+bool markSoundChunkUnknown(const QString& path, int nth);
