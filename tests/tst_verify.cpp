@@ -325,7 +325,8 @@ void TestVerify::chunksOfUnknownTypeRaiseNoFalseAlarm()
         "     " + movie + ": 3 tracks, 31 video frames, samples per sound track 57600, verified");
     if (MediaTools::available()) {
         bool ok = false;
-        MediaTools::run("ffmpeg", { "-v", "error", "-i", movie, "-map", "0", "-c", "copy", "-f", "null", "-" }, &ok);
+        MediaTools::run(
+            "ffmpeg", { "-v", "error", "-i", movie, "-map", "0", "-c", "copy", "-f", "null", "-" }, &ok);
         QVERIFY(ok);
     }
 }
