@@ -246,6 +246,15 @@ def parser_seeds():
     write(t, "truncated_extended_size", be32(1) + b"moov" + be64(1 << 40) + box(b"mvhd", b"\0" * 4))
 
 
+# ---- fuzz_verify: the same small movies as the parser's, read by the sample-table check.
+
+def verify_seeds():
+    t = "fuzz_verify"
+    prores = video_description(b"apcn", 1920, 1080, box(b"colr", b"nclc" + be16(1) * 3))
+    write(t, "prores_with_maker_atom", movie(prores))
+    write(t, "prores_without_maker_atom", movie(prores, with_halden=False))
+
+
 # ---- fuzz_timecode: bytes read as rate codes, sample rates and timecode words.
 
 def timecode_seeds():
@@ -268,3 +277,4 @@ if __name__ == "__main__":
     wav_seeds()
     parser_seeds()
     timecode_seeds()
+    verify_seeds()

@@ -242,7 +242,7 @@ public:
             return fail("has no track header or media header");
         m_timeScale = be32(m_bytes, mdhd.payload + 12);
         // Version 0 track header: the picture's width and height, 16.16, at 76 and 80.
-        if (m_bytes.at(tkhd.payload) == 0 && tkhd.end - tkhd.payload >= 84) {
+        if (tkhd.end - tkhd.payload >= 84 && m_bytes.at(tkhd.payload) == 0) {
             m_trackWidth = be32(m_bytes, tkhd.payload + 76) >> 16;
             m_trackHeight = be32(m_bytes, tkhd.payload + 80) >> 16;
         }
@@ -473,9 +473,12 @@ private:
     {
         quint64 sample = 0;
         for (int c = 0; c < m_chunkOffsets.size(); ++c) {
-            quint64 bytes = 0;
-            for (quint32 s = 0; s < m_chunkSamples[c]; ++s, ++sample)
-                bytes += m_constantSize != 0 ? m_constantSize : m_sizes.value(int(sample));
+            // A constant size needs no walk: a damaged count of billions of samples costs nothing here.
+            quint64 bytes = quint64(m_chunkSamples[c]) * m_constantSize;
+            if (m_constantSize == 0) {
+                for (quint32 s = 0; s < m_chunkSamples[c]; ++s, ++sample)
+                    bytes += m_sizes.value(int(sample));
+            }
             const quint64 at = m_chunkOffsets[c];
             const QString where = QString("chunk %1 at 0x%2 (%3 bytes)").arg(c).arg(at, 0, 16).arg(bytes);
             if (at > m_fileSize || bytes > m_fileSize - at)
