@@ -23,8 +23,6 @@ using namespace TestSupport;
 
 namespace {
 
-const QString kNobody = "65534";
-
 bool writeWavRecording(const QString& path, int seed)
 {
     WavPlan wav;
@@ -47,30 +45,11 @@ struct CliResult
     QStringList lines;
 };
 
-// clipward-cli as the unprivileged user "nobody", whom permissions stop (root they do not).
 CliResult runCliAsNobody(const QStringList& args)
 {
-    QProcess process;
-    process.start("setpriv",
-        QStringList { "--reuid=" + kNobody, "--regid=" + kNobody, "--clear-groups", CLIPWARD_CLI_PATH }
-            + args);
-    process.waitForFinished(-1);
     CliResult result;
-    result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    result.lines = QString::fromUtf8(process.readAllStandardOutput()).split('\n');
-    if (!result.lines.isEmpty() && result.lines.last().isEmpty())
-        result.lines.removeLast();
+    result.exitCode = runCliUnprivileged(args, &result.lines);
     return result;
-}
-
-bool canRunAsNobody()
-{
-    if (::geteuid() != 0)
-        return false;
-    QProcess probe;
-    probe.start("setpriv",
-        { "--reuid=" + kNobody, "--regid=" + kNobody, "--clear-groups", CLIPWARD_CLI_PATH, "--version" });
-    return probe.waitForFinished(-1) && probe.exitStatus() == QProcess::NormalExit && probe.exitCode() == 0;
 }
 
 // Opens the temporary folder to others, so an unprivileged run can reach the card inside it.
@@ -358,7 +337,7 @@ void TestCardSafety::cardWithoutWritePermission()
 {
     // Owned by root, readable by all, writable by none but root; one folder's file is writable by all but
     // its folder is not, so it could be written but not renamed.
-    if (!canRunAsNobody())
+    if (::geteuid() != 0 || !canRunCliUnprivileged())
         QSKIP("needs root to run the program as a user that permissions stop");
     QTemporaryDir tmp;
     openToOthers(tmp.path());
@@ -394,7 +373,7 @@ void TestCardSafety::cardWithoutWritePermission()
 
 void TestCardSafety::unreadableFileFolderAndStartFolder()
 {
-    if (!canRunAsNobody())
+    if (::geteuid() != 0 || !canRunCliUnprivileged())
         QSKIP("needs root to run the program as a user that permissions stop");
     QTemporaryDir tmp;
     openToOthers(tmp.path());

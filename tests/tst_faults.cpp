@@ -133,6 +133,35 @@ int finishFile(const QString& path, RecordingPlan::Family family, int failAt, bo
     return file.writes();
 }
 
+// A recording as the recorder left it and as one undisturbed finish leaves it, with that finish's writes.
+struct Reference
+{
+    RecordingResult recording;
+    QByteArray before;
+    QByteArray undisturbed;
+    int writes = 0; // 0 when the recording could not be written or finished
+};
+
+Reference writeAndFinish(const QString& folder, RecordingPlan::Family kind, const RecordingPlan& plan)
+{
+    Reference reference;
+    const QString original = folder + "/original.zqv";
+    reference.recording = writeInterruptedRecording(original, plan);
+    if (!reference.recording.ok)
+        return reference;
+    reference.before = readFile(original);
+    const QString finished = folder + "/reference.zqv";
+    bool done = false;
+    if (!writeFile(finished, reference.before))
+        return reference;
+    const int writes = finishFile(finished, kind, 0, &done);
+    if (done) {
+        reference.undisturbed = readFile(finished);
+        reference.writes = writes;
+    }
+    return reference;
+}
+
 // The device-error messages are expected here by the hundred; keep the test log readable.
 void dropMessage(QtMsgType, const QMessageLogContext&, const QString&) {}
 
@@ -180,18 +209,13 @@ void TestFaults::everyFailingWriteLeavesARetryableFile()
     QFETCH(bool, storeEnd);
     const auto kind = RecordingPlan::Family(family);
     QTemporaryDir tmp;
-    const QString original = tmp.filePath("original.zqv");
-    const RecordingResult recording = writeInterruptedRecording(original, plan(kind, storeEnd));
-    QVERIFY(recording.ok);
-    const QByteArray before = readFile(original);
-
-    const QString reference = tmp.filePath("reference.zqv");
-    QVERIFY(writeFile(reference, before));
-    bool finished = false;
-    const int writes = finishFile(reference, kind, 0, &finished);
-    QVERIFY(finished);
+    const Reference reference = writeAndFinish(tmp.path(), kind, plan(kind, storeEnd));
+    const RecordingResult& recording = reference.recording;
+    const QByteArray& before = reference.before;
+    const QByteArray& undisturbed = reference.undisturbed;
+    const int writes = reference.writes;
     QVERIFY(writes >= 4);
-    const QByteArray undisturbed = readFile(reference);
+    bool finished = false;
     const QByteArray finalHeader = undisturbed.mid(int(kDatPos), 16);
 
     const QtMessageHandler previous = qInstallMessageHandler(dropMessage);
@@ -227,17 +251,12 @@ void TestFaults::killedAtEveryWriteIsCompletedToTheSameBytes()
     p.tornTailBytes = 3000;
     p.frameMapSaveInterval = 8;
     QTemporaryDir tmp;
-    const QString original = tmp.filePath("original.zqv");
-    const RecordingResult recording = writeInterruptedRecording(original, p);
-    QVERIFY(recording.ok);
-    const QByteArray before = readFile(original);
-
-    const QString reference = tmp.filePath("reference.zqv");
-    QVERIFY(writeFile(reference, before));
+    const Reference reference = writeAndFinish(tmp.path(), kind, p);
+    const QByteArray& before = reference.before;
+    const QByteArray& undisturbed = reference.undisturbed;
+    const int writes = reference.writes;
+    QVERIFY(writes > 0);
     bool finished = false;
-    const int writes = finishFile(reference, kind, 0, &finished);
-    QVERIFY(finished);
-    const QByteArray undisturbed = readFile(reference);
 
     const QtMessageHandler previous = qInstallMessageHandler(dropMessage);
     const auto restoreHandler = qScopeGuard([previous] { qInstallMessageHandler(previous); });

@@ -2,9 +2,9 @@
 
 #include <QString>
 
-// What the card lets a run do, asked before anything is changed, and what a failed finish says about
-// the card rather than the recording. A take is only ever given up for what it holds itself; a card that
-// cannot be written, read or has no room leaves the take as it is, with the reason told.
+// What the card lets a run do, asked before anything is changed, and the words for what it does not: a
+// take is only ever given up for what it holds itself, and a card that cannot be written leaves the take
+// as it is, with the reason told. (A finish the card stops part-way is told by CardFile.)
 namespace CardAccess {
 
 enum class WriteBlock {

@@ -1,5 +1,6 @@
 #include "finalize/CardFile.h"
 
+#include "finalize/CardAccess.h"
 #include "movie/QuickTimeFile.h"
 
 #include <cerrno>
@@ -38,11 +39,11 @@ void CardFile::noteFailure(int systemError, const QString& what)
         m_mediumFailure = QStringLiteral("the card is full");
         break;
     case EROFS:
-        m_mediumFailure = QStringLiteral("the card is write-protected");
+        m_mediumFailure = CardAccess::reasonText(CardAccess::WriteBlock::DriveWriteProtected);
         break;
     case EACCES:
     case EPERM:
-        m_mediumFailure = QStringLiteral("no permission to write it");
+        m_mediumFailure = CardAccess::reasonText(CardAccess::WriteBlock::FileNotWritable);
         break;
     case EIO:
 #ifdef ENXIO

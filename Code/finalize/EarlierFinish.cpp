@@ -10,8 +10,8 @@ bool completes(Tern::QuickTimeFile& movie, const QString& path)
 {
     if (!movie.looksFinished())
         return false;
-    const QtMessageFilter readerQuiet(
-        QtMessageFilter::Drop::Everything); // its track listing is not the run's
+    // The reader lists the tracks it learned; that listing is not the run's.
+    const QtMessageFilter readerQuiet(QtMessageFilter::Drop::Everything);
     return verifyMovie(path).verified;
 }
 

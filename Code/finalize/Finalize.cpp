@@ -157,6 +157,12 @@ int familyByFirstAtom(const QString& path, QIODevice::OpenMode mode)
     const quint32 firstAtomSize = qFromBigEndian<quint32>(firstWord);
     return firstAtomSize < kHeronFirstAtomMinimum ? kFamilyTern : kFamilyHeron;
 }
+// The line for a file or folder that cannot be read: it is passed over, as it is.
+QString cannotBeRead(const QString& path)
+{
+    return QString("     %1 cannot be read, left as it is\n").arg(path);
+}
+
 } // namespace
 
 Finalize::Finalize()
@@ -246,7 +252,7 @@ bool Finalize::finalizeFolder(QDir& dir)
 {
     emit textOutput(QString("Scanning folder: %1\n").arg(dir.absolutePath()));
     if (!CardAccess::folderListable(dir.absolutePath())) {
-        emit textOutput(QString("     %1 cannot be read, left as it is\n").arg(dir.absolutePath()));
+        emit textOutput(cannotBeRead(dir.absolutePath()));
         ++unreadableFolderCount;
         return true;
     }
@@ -329,7 +335,7 @@ bool Finalize::reportRecordingNotHeld(const QString& path, RecordingLock::State 
         emit textOutput(QString("     %1 is no longer there, passed over\n").arg(path));
         return false;
     case RecordingLock::State::Unreadable:
-        emit textOutput(QString("     %1 cannot be read, left as it is\n").arg(path));
+        emit textOutput(cannotBeRead(path));
         ++leftCount;
         return false;
     }

@@ -19,10 +19,9 @@ public:
     QtMessageFilter(const QtMessageFilter&) = delete;
     QtMessageFilter& operator=(const QtMessageFilter&) = delete;
 
+private:
     // Whether `message` is one of Qt's own notices ("QFile::at: Cannot set file position ...").
     static bool fromQtItself(const QString& message);
-
-private:
     static void handle(QtMsgType type, const QMessageLogContext& context, const QString& message);
     Drop m_previousDrop;
 };

@@ -16,48 +16,9 @@ const quint64 s_maxFrameBytes = 256 * 1024 * 1024;
 // Sound is read in pieces of at most this many bytes.
 const quint64 s_soundPieceBytes = 4 * 1024 * 1024;
 
-struct Extent
-{
-    quint64 begin;
-    quint64 end;
-};
-
 QString hexPosition(quint64 position)
 {
     return QString("0x%1").arg(position, 0, 16);
-}
-
-// The media ranges of the file: the payload of every top-level 'mdat'.
-QVector<Extent> movieDataExtents(QFile& file)
-{
-    QVector<Extent> extents;
-    const quint64 size = quint64(file.size());
-    quint64 pos = 0;
-    while (pos + 8 <= size && file.seek(qint64(pos))) {
-        uchar header[16];
-        if (file.read(reinterpret_cast<char*>(header), 8) != 8)
-            break;
-        quint64 atomSize = qFromBigEndian<quint32>(header);
-        const quint32 type = qFromBigEndian<quint32>(header + 4);
-        quint64 headerSize = 8;
-        if (atomSize == 1) {
-            if (file.read(reinterpret_cast<char*>(header + 8), 8) != 8)
-                break;
-            atomSize = qFromBigEndian<quint64>(header + 8);
-            headerSize = 16;
-        } else if (atomSize == 0) {
-            atomSize = size - pos;
-        }
-        if (atomSize < headerSize)
-            break;
-        const quint64 end = atomSize > size - pos ? size : pos + atomSize;
-        if (type == Tern::fourCC("mdat"))
-            extents << Extent { pos + headerSize, end };
-        if (atomSize > size - pos)
-            break;
-        pos += atomSize;
-    }
-    return extents;
 }
 
 class Verifier
@@ -67,8 +28,9 @@ public:
         : m_movie(movie)
         , m_result(result)
         , m_fileSize(quint64(file.size()))
-        , m_media(movieDataExtents(file))
     {
+        FileSpan moov;
+        readTopLevelAtoms(file, &moov, &m_media);
     }
 
     bool run()
@@ -91,7 +53,7 @@ private:
         const QString where = QString("%1 at %2 (%3 bytes)").arg(what, hexPosition(position)).arg(bytes);
         if (position > m_fileSize || bytes > m_fileSize - position)
             return fail(QString("%1 lies past the end of the file (%2 bytes)").arg(where).arg(m_fileSize));
-        for (const Extent& media : m_media) {
+        for (const FileSpan& media : m_media) {
             if (position >= media.begin && position + bytes <= media.end)
                 return true;
         }
@@ -197,9 +159,8 @@ private:
     QuickTimeFile& m_movie;
     MovieVerification& m_result;
     quint64 m_fileSize;
-    QVector<Extent> m_media;
+    QVector<FileSpan> m_media;
 };
-
 
 // The maker atom lists as many entries of the frame map as the movie counts frames, sound chunks and
 // timecode samples. Chunks of unknown type are not counted but take their place in the map, so a list

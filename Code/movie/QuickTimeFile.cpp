@@ -32,7 +32,6 @@ const quint32 s_blockBytesMask = 0x7FFE00;
 const quint16 s_videoEntryType = 0x4000;
 const quint16 s_timecodeEntryType = 0x8000;
 
-
 // spaceLeft keeps this many entries in reserve below the map's capacity.
 const quint32 s_frameMapReserve = 20;
 

@@ -167,17 +167,17 @@ qint64 QuickTimeFile::interruptedIndexStart(qint64 mapEnd)
             return -1;
         const QByteArray bytes = device.read(qMin(kPiece + overlap, fileEnd - from));
         for (int at = bytes.indexOf("moov"); at >= 0; at = bytes.indexOf("moov", at + 1)) {
-            const qint64 moovPos = from + at - 4;
-            const qint64 start = moovPos - sampleBytes;
-            if (start < mapEnd || at - 4 - sampleBytes >= kPiece)
-                continue;
+            // Where the finish's first byte would be, within this piece; one that begins before or after
+            // it is judged with the piece it begins in.
             const int local = at - 4 - int(sampleBytes);
-            if (local < 0 || (sampleBytes != 0 && bytes.mid(local, int(sampleBytes)) != sample))
+            if (local < 0 || local >= kPiece)
                 continue;
+            if (sampleBytes != 0 && bytes.mid(local, int(sampleBytes)) != sample)
+                continue;
+            const qint64 moovPos = from + at - 4;
             const auto* sizeField = reinterpret_cast<const uchar*>(bytes.constData()) + at - 4;
-            const quint32 sizeThere = qFromBigEndian<quint32>(sizeField);
-            if (sizeThere == indexSizeAt(moovPos))
-                return start;
+            if (qFromBigEndian<quint32>(sizeField) == indexSizeAt(moovPos))
+                return from + local;
         }
     }
     return -1;

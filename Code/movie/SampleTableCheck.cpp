@@ -20,13 +20,6 @@ quint32 code(const char* letters)
     return qFromBigEndian<quint32>(reinterpret_cast<const uchar*>(letters));
 }
 
-struct Span
-{
-    quint64 begin = 0;
-    quint64 end = 0;
-    bool valid() const { return end > begin; }
-};
-
 // One atom inside a byte array: where its payload lies.
 struct Atom
 {
@@ -58,37 +51,6 @@ Atom child(const QByteArray& bytes, int from, int to, quint32 type, int nth = 0)
         at += int(size);
     }
     return Atom();
-}
-
-// The top-level atoms of the file: the 'moov' and the payload of every 'mdat'.
-bool topLevel(QIODevice& file, Span* moov, QVector<Span>* media)
-{
-    const quint64 size = quint64(file.size());
-    quint64 pos = 0;
-    while (pos + 8 <= size && file.seek(qint64(pos))) {
-        uchar header[16];
-        if (file.read(reinterpret_cast<char*>(header), 8) != 8)
-            return false;
-        quint64 atomSize = qFromBigEndian<quint32>(header);
-        const quint32 type = qFromBigEndian<quint32>(header + 4);
-        quint64 headerSize = 8;
-        if (atomSize == 1) {
-            if (file.read(reinterpret_cast<char*>(header + 8), 8) != 8)
-                return false;
-            atomSize = qFromBigEndian<quint64>(header + 8);
-            headerSize = 16;
-        } else if (atomSize == 0) {
-            atomSize = size - pos;
-        }
-        if (atomSize < headerSize || atomSize > size - pos)
-            return false;
-        if (type == code("mdat"))
-            *media << Span { pos + headerSize, pos + atomSize };
-        else if (type == code("moov") && !moov->valid())
-            *moov = Span { pos, pos + atomSize };
-        pos += atomSize;
-    }
-    return moov->valid();
 }
 
 quint16 be16(const QByteArray& bytes, int at)
@@ -220,7 +182,7 @@ bool writtenFormat(quint32 handler, quint32 format, quint32 soundSampleBytes)
 class TrackCheck
 {
 public:
-    TrackCheck(const QByteArray& moov, const Atom& trak, int number, const QVector<Span>& media,
+    TrackCheck(const QByteArray& moov, const Atom& trak, int number, const QVector<FileSpan>& media,
         quint64 fileSize, const OwnMovie& own, int soundTrackOrdinal)
         : m_bytes(moov)
         , m_own(own)
@@ -485,7 +447,7 @@ private:
                 return fail(
                     QString("%1 lies past the end of the file (%2 bytes)").arg(where).arg(m_fileSize));
             bool inside = false;
-            for (const Span& media : m_media)
+            for (const FileSpan& media : m_media)
                 inside = inside || (at >= media.begin && at <= media.end && bytes <= media.end - at);
             if (!inside)
                 return fail(where + " lies outside 'mdat'");
@@ -588,7 +550,7 @@ private:
     const OwnMovie& m_own;
     Atom m_trak;
     int m_number;
-    const QVector<Span>& m_media;
+    const QVector<FileSpan>& m_media;
     quint64 m_fileSize;
     int m_soundTrackOrdinal; // sound tracks before this one
     quint32 m_handler = 0;
@@ -612,11 +574,41 @@ private:
 
 } // namespace
 
+bool readTopLevelAtoms(QIODevice& file, FileSpan* moov, QVector<FileSpan>* media)
+{
+    const quint64 size = quint64(file.size());
+    quint64 pos = 0;
+    while (pos + 8 <= size && file.seek(qint64(pos))) {
+        uchar header[16];
+        if (file.read(reinterpret_cast<char*>(header), 8) != 8)
+            return false;
+        quint64 atomSize = qFromBigEndian<quint32>(header);
+        const quint32 type = qFromBigEndian<quint32>(header + 4);
+        quint64 headerSize = 8;
+        if (atomSize == 1) {
+            if (file.read(reinterpret_cast<char*>(header + 8), 8) != 8)
+                return false;
+            atomSize = qFromBigEndian<quint64>(header + 8);
+            headerSize = 16;
+        } else if (atomSize == 0) {
+            atomSize = size - pos;
+        }
+        if (atomSize < headerSize || atomSize > size - pos)
+            return false;
+        if (type == code("mdat"))
+            *media << FileSpan { pos + headerSize, pos + atomSize };
+        else if (type == code("moov") && !moov->valid())
+            *moov = FileSpan { pos, pos + atomSize };
+        pos += atomSize;
+    }
+    return moov->valid();
+}
+
 QString checkSampleTables(QIODevice& file)
 {
-    Span moovSpan;
-    QVector<Span> media;
-    if (!topLevel(file, &moovSpan, &media))
+    FileSpan moovSpan;
+    QVector<FileSpan> media;
+    if (!readTopLevelAtoms(file, &moovSpan, &media))
         return QStringLiteral("the top-level atoms do not lead to a 'moov'");
     if (moovSpan.end - moovSpan.begin > kMaxIndexBytes || !file.seek(qint64(moovSpan.begin)))
         return QStringLiteral("the 'moov' cannot be read");

@@ -7,6 +7,8 @@
 #include <QMap>
 #include <QProcess>
 
+#include <unistd.h>
+
 namespace TestSupport {
 
 QByteArray hex(const char* text)
@@ -75,6 +77,38 @@ qint64 FailingBuffer::writeData(const char* data, qint64 len)
     if (written > 0)
         m_accepted += written;
     return written;
+}
+
+namespace {
+
+QStringList unprivilegedCommand(const QStringList& args)
+{
+    QStringList command{CLIPWARD_CLI_PATH};
+    if (::geteuid() == 0)
+        command = QStringList{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"} + command;
+    return command + args;
+}
+
+} // namespace
+
+int runCliUnprivileged(const QStringList& args, QStringList* stdoutLines)
+{
+    const QStringList command = unprivilegedCommand(args);
+    QProcess process;
+    process.start(command.first(), command.mid(1));
+    process.waitForFinished(-1);
+    if (stdoutLines) {
+        QStringList lines = QString::fromUtf8(process.readAllStandardOutput()).split('\n');
+        if (!lines.isEmpty() && lines.last().isEmpty())
+            lines.removeLast();
+        *stdoutLines = lines;
+    }
+    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
+
+bool canRunCliUnprivileged()
+{
+    return runCliUnprivileged({"--version"}, nullptr) == 0;
 }
 
 } // namespace TestSupport

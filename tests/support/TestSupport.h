@@ -22,6 +22,12 @@ QMap<QString, QByteArray> snapshotTree(const QString& root);
 // Runs clipward-cli with `args`; returns its exit code and fills stdout lines and stderr text.
 int runCli(const QStringList& args, QStringList* stdoutLines, QString* stderrText = nullptr);
 
+// clipward-cli run as a user whom file permissions stop: as root, as "nobody" (through setpriv); else as
+// the user running the tests. Returns its exit code (-1 when it crashed) and fills the stdout lines.
+int runCliUnprivileged(const QStringList& args, QStringList* stdoutLines);
+// Whether runCliUnprivileged can start the program at all.
+bool canRunCliUnprivileged();
+
 // A buffer whose writes fail once `limit` bytes have been accepted: drives every write-error path.
 class FailingBuffer : public QBuffer
 {
