@@ -395,8 +395,8 @@ void TestCardFilesystems::mixedCardOnFat32EqualsExt4()
     // Checked first: a file system that loses data on its own would make any result on it meaningless.
     const QString defect = extendingLosesData(image.mountPoint());
     if (!defect.isEmpty())
-        QSKIP(qPrintable("fusefat loses data when a file grows, so a finish on FAT32 cannot be judged "
-                         "through it: "
+        QSKIP(qPrintable("fusefat loses data when a reopened file grows, so a finish on FAT32 cannot be "
+                         "judged through it: "
             + defect));
     mixedCardEqualsExt4(Kind::Fat32, tmp.filePath("ext4"), image);
 }

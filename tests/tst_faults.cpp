@@ -1,5 +1,5 @@
 // Failures while finishing a recording: a write that fails at every possible point, a process killed at
-// random moments, a full disk, and the order in which the finished index reaches the disk. Whatever
+// random moments, a file size limit, a file system that refuses writes past the end of a file, and the order in which the finished index reaches the disk. Whatever
 // happens, the media and the recovery data are never changed, the 'mdat' header is either untouched or
 // final, and finishing the file again gives exactly the bytes of an undisturbed finish.
 
@@ -121,6 +121,27 @@ private:
     int m_writes = 0;
 };
 
+// A file on a file system that refuses a write starting past the end of the file (some FUSE drivers
+// do, or lose it); it notes the first such write.
+class GapRefusingFile : public QFile
+{
+public:
+    using QFile::QFile;
+    QString refused;
+
+protected:
+    qint64 writeData(const char* data, qint64 len) override
+    {
+        const qint64 end = size();
+        if (pos() > end) {
+            if (refused.isEmpty())
+                refused = QString("%1 bytes at %2, %3 bytes past the end").arg(len).arg(pos()).arg(pos() - end);
+            return -1;
+        }
+        return QFile::writeData(data, len);
+    }
+};
+
 // Finishes the file at `path`, failing its n-th write (0: none). Returns the number of writes made.
 int finishFile(const QString& path, RecordingPlan::Family family, int failAt, bool* finished)
 {
@@ -189,7 +210,9 @@ private slots:
     void killedAtRandomMomentsIsCompletedToTheSameBytes();
     void killedAtEveryWriteIsCompletedToTheSameBytes_data() { everyFailingWriteLeavesARetryableFile_data(); }
     void killedAtEveryWriteIsCompletedToTheSameBytes();
-    void fullDiskGivesUpAndCanBeRetried();
+    void fileSizeLimitLeavesTheTakeForALaterRun();
+    void noWriteLandsPastTheEndOfTheFile_data() { everyFailingWriteLeavesARetryableFile_data(); }
+    void noWriteLandsPastTheEndOfTheFile();
     void indexReachesTheDiskBeforeTheHeaderAndTheName();
 };
 
@@ -335,9 +358,10 @@ void TestFaults::killedAtRandomMomentsIsCompletedToTheSameBytes()
     qInfo("%d of 50 runs were interrupted before the file was renamed", interrupted);
 }
 
-void TestFaults::fullDiskGivesUpAndCanBeRetried()
+void TestFaults::fileSizeLimitLeavesTheTakeForALaterRun()
 {
-    // The size limit of a process stands in for a full disk: writes past it fail (EFBIG).
+    // The size limit of a process stands in for a card that cannot hold the finished file: writes past
+    // it fail (EFBIG). The take keeps its in-progress name and bytes; a run without the limit finishes it.
     if (QStandardPaths::findExecutable("bash").isEmpty())
         QSKIP("bash is needed to limit the file size");
     QTemporaryDir tmp;
@@ -354,19 +378,47 @@ void TestFaults::fullDiskGivesUpAndCanBeRetried()
                                  .arg(limitKb)
                                  .arg(CLIPWARD_CLI_PATH, card)});
     QVERIFY(cli.waitForFinished(-1));
-    QCOMPARE(cli.exitCode(), 1);
-    const QString nrv = card + "/A001.nrv";
-    QVERIFY(QFile::exists(nrv));
-    // Given up with the file exactly as it was: the part of the index that fit is cut off again.
-    QCOMPARE(readFile(nrv), before);
+    QCOMPARE(cli.exitCode(), 3);
+    const QStringList lines = QString::fromUtf8(cli.readAllStandardOutput()).split('\n');
+    QVERIFY2(lines.contains("     " + zqv + " not finished: the finished file would be larger than the card "
+                                          "allows."),
+             qPrintable(lines.join('\n')));
+    QVERIFY(lines.contains("1 file(s) left as they are."));
+    // The part of the index that fit is cut off again.
+    QCOMPARE(readFile(zqv), before);
 
-    QVERIFY(QFile::rename(nrv, zqv));
     QStringList out;
     QCOMPARE(runCli({card}, &out), 0);
     const QString undisturbedCard = tmp.filePath("undisturbed");
     QVERIFY(writeFile(undisturbedCard + "/A001.zqv", before));
     QCOMPARE(runCli({undisturbedCard}, &out), 0);
     QCOMPARE(readFile(card + "/A001.mov"), readFile(undisturbedCard + "/A001.mov"));
+}
+
+void TestFaults::noWriteLandsPastTheEndOfTheFile()
+{
+    // Four 16-bit sound tracks: their chunk offset tables are written in one walk of the frame map, the
+    // later tables' entries ahead of the stream. The file is grown first, so every write lands within it.
+    QFETCH(int, family);
+    QFETCH(bool, storeEnd);
+    const auto kind = RecordingPlan::Family(family);
+    RecordingPlan p = plan(kind, storeEnd, 90);
+    p.audioTracks << syntheticPcm(2, 90 * 1920, 3) << syntheticPcm(3, 90 * 1920, 3);
+    QTemporaryDir tmp;
+    const Reference reference = writeAndFinish(tmp.path(), kind, p);
+    QVERIFY(reference.writes > 0);
+
+    const QString path = tmp.filePath("card.zqv");
+    QVERIFY(writeFile(path, reference.before));
+    {
+        QVector<quint16> heronMap(2736000);
+        GapRefusingFile file(path);
+        QVERIFY(file.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
+        const bool finished = finish(file, kind, heronMap);
+        QVERIFY2(file.refused.isEmpty(), qPrintable("a write past the end: " + file.refused));
+        QVERIFY(finished);
+    }
+    QVERIFY(readFile(path) == reference.undisturbed);
 }
 
 void TestFaults::indexReachesTheDiskBeforeTheHeaderAndTheName()

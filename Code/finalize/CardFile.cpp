@@ -29,14 +29,19 @@ void CardFile::noteFailure(int systemError, const QString& what)
 {
     if (!m_mediumFailure.isEmpty())
         return;
-    // Only what the card or the system answers counts; a refusal the recording's own values cause (an
-    // offset past the largest file, EFBIG or EINVAL) stays the recording's failure.
+    // Only what the card or the system answers counts; a refusal the recording's own values cause (a seek
+    // to an offset no file reaches, EINVAL) stays the recording's failure. A write that would grow the
+    // file past the largest the file system or the process may hold (EFBIG: a FAT32 card's 4 GiB, a
+    // size limit) is the card's: the same take finishes where it fits.
     switch (systemError) {
     case ENOSPC:
 #ifdef EDQUOT
     case EDQUOT:
 #endif
         m_mediumFailure = QStringLiteral("the card is full");
+        break;
+    case EFBIG:
+        m_mediumFailure = QStringLiteral("the finished file would be larger than the card allows");
         break;
     case EROFS:
         m_mediumFailure = CardAccess::reasonText(CardAccess::WriteBlock::DriveWriteProtected);

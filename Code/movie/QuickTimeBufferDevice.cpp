@@ -61,10 +61,28 @@ bool QuickTimeBufferDevice::writeAhead(qint64 position, const char* data, int le
     if (m_fill < 0)
         return false;
     const qint64 back = m_target->pos();
-    if (!m_target->seek(position) || m_target->write(data, len) != len || !m_target->seek(back)) {
+    if (!growTargetTo(qMax(position + len, m_finalLength)) || !m_target->seek(position)
+        || m_target->write(data, len) != len || !m_target->seek(back)) {
         logDeviceError("*** QuickTime***BufferDevice encountered HDD error, dumping subsequent writes (%d)");
         m_fill = -1;
         return false;
+    }
+    return true;
+}
+
+bool QuickTimeBufferDevice::growTargetTo(qint64 length)
+{
+    const qint64 end = m_target->size();
+    if (end >= length)
+        return true;
+    if (!m_target->seek(end))
+        return false;
+    const QByteArray zeros(int(qMin<qint64>(length - end, 1 << 20)), '\0');
+    for (qint64 left = length - end; left > 0;) {
+        const int piece = int(qMin<qint64>(left, zeros.size()));
+        if (m_target->write(zeros.constData(), piece) != piece)
+            return false;
+        left -= piece;
     }
     return true;
 }

@@ -36,7 +36,11 @@ public:
     // For tables written out of file order: writes len bytes at `position` of the target, ahead of what
     // the stream has written, and returns to where the stream is; later the stream steps over them with
     // skipWritten. Bytes held here are written first. Failures latch the error like any other write.
+    // No write lands past the target's end: a target too short is first grown by zeros at its end, to
+    // the stream's final length when that is known, which the stream then writes over in order. (Some
+    // file systems refuse or lose writes past the end, and not all can grow a file by truncation.)
     bool writeAhead(qint64 position, const char* data, int len);
+    void setFinalLength(qint64 length) { m_finalLength = length; }
     bool skipWritten(qint64 bytes);
 
 protected:
@@ -45,11 +49,13 @@ protected:
 
 private:
     void logDeviceError(const char* format) const;
+    bool growTargetTo(qint64 length);
 
     QByteArray m_buffer;
     int m_bufferSize;
     int m_fill; // bytes held; -1 once a write to the target has failed
     QIODevice* m_target;
+    qint64 m_finalLength = 0;
 };
 
 } // namespace Tern

@@ -431,6 +431,10 @@ bool QuickTimeFile::writeAtomList(const QByteArray& leadIn)
 {
     QuickTimeBufferDevice buffered(stream.device());
     buffered.open(QIODevice::ReadWrite | QIODevice::Unbuffered);
+    if (!root.children.isEmpty()) {
+        const QuickTimeAtom* last = root.children.last();
+        buffered.setFinalLength(last->position + qint64(last->size));
+    }
     {
         QDataStream out(&buffered);
         out.writeRawData(leadIn.constData(), leadIn.size());
