@@ -1,7 +1,8 @@
 // Failures while finishing a recording: a write that fails at every possible point, a process killed at
-// random moments, a file size limit, a file system that refuses writes past the end of a file, and the order in which the finished index reaches the disk. Whatever
-// happens, the media and the recovery data are never changed, the 'mdat' header is either untouched or
-// final, and finishing the file again gives exactly the bytes of an undisturbed finish.
+// random moments, a file size limit, a file system that refuses writes past the end of a file, and the
+// order in which the finished index reaches the disk. Whatever happens, the media and the recovery data
+// are never changed, the 'mdat' header is either untouched or final, and finishing the file again gives
+// exactly the bytes of an undisturbed finish.
 
 #include "finalize/Finalize.h"
 #include "movie/HeronQuickTimeFile.h"
@@ -135,7 +136,7 @@ protected:
         const qint64 end = size();
         if (pos() > end) {
             if (refused.isEmpty())
-                refused = QString("%1 bytes at %2, %3 bytes past the end").arg(len).arg(pos()).arg(pos() - end);
+                refused = QString("%1 bytes at %2, %3 past the end").arg(len).arg(pos()).arg(pos() - end);
             return -1;
         }
         return QFile::writeData(data, len);
