@@ -65,6 +65,16 @@ RecordingPlan plan(RecordingPlan::Family family, bool storeEnd, int frames = 45)
     return p;
 }
 
+// A recording cut off as power failing leaves it: the last frame map entries unsaved (it is saved every
+// few chunks) and a chunk torn at the end.
+RecordingPlan tornPlan(RecordingPlan::Family family, bool storeEnd)
+{
+    RecordingPlan p = plan(family, storeEnd);
+    p.tornTailBytes = 3000;
+    p.frameMapSaveInterval = 8;
+    return p;
+}
+
 // The finalizer's library calls on an already open file; true when the index was written.
 bool finish(QFile& file, RecordingPlan::Family family, QVector<quint16>& heronMap)
 {
@@ -199,6 +209,63 @@ void verifyUntouched(const QByteArray& before, const QByteArray& after, qint64 m
     QCOMPARE(hashOf(after, kMediaStart, mediaEnd), hashOf(before, kMediaStart, mediaEnd));
 }
 
+// The calls of a run that change a file or a name, or make them durable.
+const QString kChangingCalls = "write,pwrite64,pwritev,pwritev2,fsync,fdatasync,ftruncate,fallocate,rename,"
+                               "renameat,renameat2,link,linkat,unlink,unlinkat";
+
+QProcessEnvironment traceableEnvironment()
+{
+    // LeakSanitizer cannot run under a tracer and would end a sanitized build of the program at exit.
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("ASAN_OPTIONS", env.value("ASAN_OPTIONS") + ":detect_leaks=0");
+    return env;
+}
+
+// One call of a traced run: its name and which call of that name it was in its thread, counting from 1
+// (the way strace counts the calls it tampers with).
+struct TracedCall
+{
+    QString name;
+    int number = 0;
+};
+
+// The calls that change files in a run of the program on `card`, in their order.
+QList<TracedCall> changingCalls(const QString& card, const QString& traceFile)
+{
+    QProcess strace;
+    strace.setProcessEnvironment(traceableEnvironment());
+    strace.start("strace", {"-f", "-qq", "-e", "trace=" + kChangingCalls, "-o", traceFile, CLIPWARD_CLI_PATH,
+                            card});
+    QList<TracedCall> calls;
+    if (!strace.waitForFinished(-1) || strace.exitCode() != 0)
+        return calls;
+    const QRegularExpression call("^(\\d+) +([a-z0-9_]+)\\(");
+    QHash<QString, int> seen; // per thread and name
+    for (const QString& line : QString::fromUtf8(readFile(traceFile)).split('\n')) {
+        const QRegularExpressionMatch match = call.match(line);
+        if (match.hasMatch())
+            calls << TracedCall{match.captured(2), ++seen[match.captured(1) + ' ' + match.captured(2)]};
+    }
+    return calls;
+}
+
+// Runs the program on `card`, killed as it makes `call`; returns whether the kill happened (the program
+// may finish without making the call).
+bool runKilledAt(const QString& card, const TracedCall& call, bool* ranOk)
+{
+    QProcess strace;
+    strace.setProcessEnvironment(traceableEnvironment());
+    // The call does not happen: it fails and the process is killed before it sees the failure.
+    strace.start("strace", {"-f", "-qq", "-o", "/dev/null", "-e",
+                            QString("inject=%1:error=EIO:signal=KILL:when=%2")
+                                .arg(call.name)
+                                .arg(call.number),
+                            CLIPWARD_CLI_PATH, card});
+    *ranOk = strace.waitForFinished(-1);
+    // strace ends as its tracee did: killed.
+    return *ranOk && strace.exitStatus() == QProcess::CrashExit;
+}
+
 } // namespace
 
 class TestFaults : public QObject
@@ -215,6 +282,11 @@ private slots:
     void noWriteLandsPastTheEndOfTheFile_data() { everyFailingWriteLeavesARetryableFile_data(); }
     void noWriteLandsPastTheEndOfTheFile();
     void indexReachesTheDiskBeforeTheHeaderAndTheName();
+    void killedAtEverySystemCallIsCompletedByTheNextRun_data()
+    {
+        everyFailingWriteLeavesARetryableFile_data();
+    }
+    void killedAtEverySystemCallIsCompletedByTheNextRun();
 };
 
 void TestFaults::everyFailingWriteLeavesARetryableFile_data()
@@ -271,9 +343,7 @@ void TestFaults::killedAtEveryWriteIsCompletedToTheSameBytes()
     QFETCH(int, family);
     QFETCH(bool, storeEnd);
     const auto kind = RecordingPlan::Family(family);
-    RecordingPlan p = plan(kind, storeEnd);
-    p.tornTailBytes = 3000;
-    p.frameMapSaveInterval = 8;
+    const RecordingPlan p = tornPlan(kind, storeEnd);
     QTemporaryDir tmp;
     const Reference reference = writeAndFinish(tmp.path(), kind, p);
     const QByteArray& before = reference.before;
@@ -462,6 +532,59 @@ void TestFaults::indexReachesTheDiskBeforeTheHeaderAndTheName()
     QVERIFY2(syncBetween(0, header), "the index is synced before the header is patched");
     QVERIFY2(syncBetween(header, rename), "the header is synced before the file is renamed");
     QVERIFY2(syncBetween(rename, calls.size()), "the folder is synced after the rename");
+}
+
+void TestFaults::killedAtEverySystemCallIsCompletedByTheNextRun()
+{
+    // The program is killed at each call of a finish that changes the file or its name in turn (every
+    // write, sync, truncation and rename), and the next run is killed at its first truncation (cutting
+    // off what the killed run left). The run after that leaves the undisturbed movie under its finished
+    // name, with no step by hand.
+    if (QStandardPaths::findExecutable("strace").isEmpty())
+        QSKIP("strace is needed to kill the program at its system calls (the test command installs it)");
+    QFETCH(int, family);
+    QFETCH(bool, storeEnd);
+    const auto kind = RecordingPlan::Family(family);
+    const RecordingPlan p = tornPlan(kind, storeEnd);
+    QTemporaryDir tmp;
+    const QString card = tmp.filePath("card");
+    const QString zqv = card + "/A001.zqv";
+    const QString mov = card + "/A001.mov";
+    QVERIFY(QDir().mkpath(card));
+    QVERIFY(writeInterruptedRecording(zqv, p).ok);
+    const QByteArray before = readFile(zqv);
+
+    const QList<TracedCall> calls = changingCalls(card, tmp.filePath("trace"));
+    QVERIFY(!calls.isEmpty());
+    const QByteArray undisturbed = readFile(mov);
+    QVERIFY(!undisturbed.isEmpty());
+    const auto made = [&](const QString& name) {
+        const auto named = [&](const TracedCall& c) { return c.name.startsWith(name); };
+        return std::any_of(calls.begin(), calls.end(), named);
+    };
+    QVERIFY(made("write") && made("fsync") && made("rename"));
+
+    int killedTwice = 0;
+    for (int i = 0; i < calls.size(); ++i) {
+        const QString at = QString("killed at call %1 of %2 (%3 #%4)")
+                               .arg(i + 1)
+                               .arg(calls.size())
+                               .arg(calls[i].name)
+                               .arg(calls[i].number);
+        QVERIFY(QFile::remove(mov) || QFile::remove(zqv));
+        QVERIFY(writeFile(zqv, before));
+        bool ranOk = false;
+        QVERIFY2(runKilledAt(card, calls[i], &ranOk), qPrintable(at + ": the program was not killed"));
+        if (runKilledAt(card, TracedCall{"ftruncate", 1}, &ranOk))
+            ++killedTwice;
+        QVERIFY2(ranOk, qPrintable(at));
+        QStringList out;
+        QCOMPARE(runCli({card}, &out), 0);
+        QCOMPARE(QDir(card).entryList(QDir::Files), QStringList{"A001.mov"});
+        QVERIFY2(readFile(mov) == undisturbed, qPrintable(at));
+    }
+    qInfo("%d calls killed in turn; %d of the next runs killed again as they cut back", int(calls.size()),
+          killedTwice);
 }
 
 QTEST_GUILESS_MAIN(TestFaults)
