@@ -28,10 +28,11 @@ void copyOverlap(qint64 sourcePos, const char* source, qint64 sourceSize, qint64
 } // namespace
 
 SynthesizedRecording::SynthesizedRecording(Family family, const QByteArray& record,
-    const QByteArray& frameMap, bool repeatMap, qint64 mediaBytes, qint64 writeCapacity)
+    const QByteArray& frameMap, qint64 mapBytes, qint64 mediaBytes, qint64 writeCapacity, qint64 keptBytes)
     : m_mapPos(frameMapPos(family))
     , m_map(frameMap.left(int(std::min<qint64>(frameMap.size(), s_frameMapBytes))))
     , m_mediaBytes(mediaBytes)
+    , m_keptBytes(keptBytes)
     , m_writeCapacity(writeCapacity)
 {
     // 'ftyp': major brand 'qt  ', minor version 0x20070400, compatible brand 'qt  '. Tern's is 20 bytes and
@@ -51,9 +52,10 @@ SynthesizedRecording::SynthesizedRecording(Family family, const QByteArray& reco
 
     // Whole entries only, so that a repeated map keeps them aligned.
     m_map.truncate(m_map.size() & ~1);
-    if (repeatMap && !m_map.isEmpty()) {
+    if (mapBytes > m_map.size() && !m_map.isEmpty()) {
         while (m_pattern.size() < kMinimumPatternBytes)
             m_pattern.append(m_map);
+        m_repeatEnd = m_mapPos + std::min(mapBytes, s_frameMapBytes);
     }
 }
 
@@ -72,12 +74,12 @@ void SynthesizedRecording::fillOriginal(qint64 pos, char* out, qint64 n) const
         copyOverlap(m_mapPos, m_map.constData(), m_map.size(), pos, out, n);
     } else {
         // The pattern's length is a multiple of the given bytes: step through the map in whole patterns.
-        const qint64 mapEnd = m_mapPos + s_frameMapBytes;
         const qint64 first = std::max(pos, m_mapPos);
-        const qint64 last = std::min(pos + n, mapEnd);
+        const qint64 last = std::min(pos + n, m_repeatEnd);
         for (qint64 at = first; at < last;) {
             const qint64 patternStart = m_mapPos + (at - m_mapPos) / m_pattern.size() * m_pattern.size();
-            const qint64 length = std::min<qint64>(patternStart + m_pattern.size(), mapEnd) - patternStart;
+            const qint64 patternEnd = std::min<qint64>(patternStart + m_pattern.size(), m_repeatEnd);
+            const qint64 length = patternEnd - patternStart;
             copyOverlap(patternStart, m_pattern.constData(), length, pos, out, n);
             at = patternStart + length;
         }
@@ -93,8 +95,18 @@ void SynthesizedRecording::fill(qint64 pos, char* out, qint64 n) const
         fillOriginal(pos, out, original);
     // Beyond the original end, bytes not written read as zeros, as in a file extended by a seek.
     std::memset(out + original, 0, size_t(n - original));
-    for (const Extent& extent : m_extents)
-        copyOverlap(extent.offset, extent.bytes.constData(), extent.bytes.size(), pos, out, n);
+    for (const Extent& extent : m_extents) {
+        copyOverlap(extent.offset, extent.head.constData(), extent.head.size(), pos, out, n);
+        const qint64 unkept = extent.offset + extent.head.size();
+        if (unkept < extent.offset + extent.length) {
+            const qint64 unkeptEnd = extent.offset + extent.length;
+            if (std::max(unkept, pos) < std::min(unkeptEnd, pos + n)) {
+                m_readUnkept = true;
+                std::memset(out + (std::max(unkept, pos) - pos), 0,
+                    size_t(std::min(unkeptEnd, pos + n) - std::max(unkept, pos)));
+            }
+        }
+    }
 }
 
 QByteArray SynthesizedRecording::contentAt(qint64 offset, qint64 length) const
@@ -124,10 +136,12 @@ qint64 SynthesizedRecording::writeData(const char* data, qint64 len)
         return -1;
     }
     const qint64 at = pos();
-    if (!m_extents.empty() && m_extents.back().offset + m_extents.back().bytes.size() == at)
-        m_extents.back().bytes.append(data, int(len));
-    else
-        m_extents.push_back({ at, QByteArray(data, int(len)) });
+    if (m_extents.empty() || m_extents.back().offset + m_extents.back().length != at)
+        m_extents.push_back({ at, 0, QByteArray() });
+    Extent& extent = m_extents.back();
+    const qint64 kept = std::min(len, std::max<qint64>(0, m_keptBytes - extent.length));
+    extent.head.append(data, int(kept));
+    extent.length += len;
     m_written += len;
     m_writtenEnd = std::max(m_writtenEnd, at + len);
     return len;

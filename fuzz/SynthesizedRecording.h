@@ -10,6 +10,9 @@
 // the zero media behind it are produced on each read from a few given pieces. What is written goes to an
 // overlay of the written extents, in order, up to a total capacity; a write past it fails like a write to
 // a full disk. Seeks past the end are granted as by a file, and a write there extends the device.
+//
+// An index of a full map runs to tens of megabytes, which nothing reads back: of each extent only the
+// first `keptBytes` are kept. Reading written bytes beyond them is noted (readUnkeptBytes) and finds zeros.
 class SynthesizedRecording : public QIODevice
 {
 public:
@@ -23,14 +26,16 @@ public:
     struct Extent
     {
         qint64 offset;
-        QByteArray bytes;
+        qint64 length;
+        QByteArray head; // the first keptBytes of it
     };
 
     // `record` is the settings record (cut or zero-padded to the family's record size); `frameMap` the
-    // first bytes of the map as stored (little-endian entries), followed by zeros or, with `repeatMap`,
-    // by the same bytes again and again to the end of the map; `mediaBytes` of zero media follow 'mdat'.
-    SynthesizedRecording(Family family, const QByteArray& record, const QByteArray& frameMap, bool repeatMap,
-        qint64 mediaBytes, qint64 writeCapacity);
+    // first bytes of the map as stored (little-endian entries), repeated until `mapBytes` of the map are
+    // filled (no repetition when that is no more than the bytes given; the whole map with s_frameMapBytes),
+    // then zeros; `mediaBytes` of zero media follow 'mdat'.
+    SynthesizedRecording(Family family, const QByteArray& record, const QByteArray& frameMap, qint64 mapBytes,
+        qint64 mediaBytes, qint64 writeCapacity, qint64 keptBytes);
 
     static int recordSize(Family family) { return family == Tern ? 120 : 108; }
     static qint64 recordPos(Family family) { return family == Tern ? 36 : 20; }
@@ -47,6 +52,10 @@ public:
     qint64 writtenEnd() const { return m_writtenEnd; }
     // The device's content at `offset`, writes included, without moving the position.
     QByteArray contentAt(qint64 offset, qint64 length) const;
+    // The bytes of the map the given ones fill by repetition; 0 when they are not repeated.
+    qint64 repeatedMapBytes() const { return m_repeatEnd == 0 ? 0 : m_repeatEnd - m_mapPos; }
+    // Whether a read met written bytes that were not kept.
+    bool readUnkeptBytes() const { return m_readUnkept; }
 
 protected:
     qint64 readData(char* data, qint64 maxSize) override;
@@ -60,8 +69,11 @@ private:
     QByteArray m_head; // from offset 0 up to the frame map
     qint64 m_mapPos;
     QByteArray m_map; // the map bytes given
-    QByteArray m_pattern; // with repeatMap: the given bytes repeated to at least a few KiB
+    QByteArray m_pattern; // when repeated: the given bytes repeated to at least a few KiB
+    qint64 m_repeatEnd = 0; // where the repetition ends
     qint64 m_mediaBytes;
+    qint64 m_keptBytes;
+    mutable bool m_readUnkept = false;
     qint64 m_writeCapacity;
     qint64 m_written = 0;
     qint64 m_writtenEnd = 0;

@@ -105,6 +105,34 @@ def recovery_seeds():
         "heron", [], record_end=False, trailing_blocks=3, videoCodecType=1, proResVariant=3, audioTracks=4))
 
 
+# ---- fuzz_recovery_full_map: fuzz_recovery's input; the map is always repeated through the whole map.
+def full_map_seeds():
+    t = "fuzz_recovery_full_map"
+    write(t, "tern_sound_and_video", recovery_seed(
+        "tern", [0x8001, 0x4002, 0x0003, 0x4002, 0x0003], record_end=False, audioTracks=1)[:-2])
+    write(t, "tern_dnxhd_two_channels", recovery_seed("tern", interleaved_map(20, 3, 23))[:-2])
+    write(t, "heron_sound_and_video", recovery_seed(
+        "heron", [0x8001, 0x4004, 0x0024], record_end=False, trailing_blocks=3)[:-2])
+
+
+# ---- fuzz_resume: the write to kill at (little-endian 16 bits), then fuzz_recovery's input.
+def resume_seeds():
+    t = "fuzz_resume"
+    for kill in (1, 3, 7):
+        write(t, "tern_end_from_file_size_kill_%d" % kill, le16(kill - 1) + recovery_seed(
+            "tern", interleaved_map(20, 3, 23), record_end=False, trailing_blocks=5))
+        write(t, "tern_recorded_end_kill_%d" % kill, le16(kill - 1) + recovery_seed(
+            "tern", interleaved_map(20, 3, 23), trailing_blocks=5))
+        write(t, "heron_end_from_file_size_kill_%d" % kill, le16(kill - 1) + recovery_seed(
+            "heron", interleaved_map(12, 4, 36), record_end=False, trailing_blocks=5))
+    write(t, "tern_four_tracks_repeated_map", le16(4) + recovery_seed(
+        "tern", interleaved_map(20, 3, 23), repeat=True, record_end=False, audioTracks=4)[:-2])
+    # Inputs that once broke resuming, kept so that every replay tries them again.
+    # A map listing more media than the file holds: the partial index lies inside what the map lists.
+    write(t, "found_heron_map_beyond_the_file_kill_3", le16(2) + recovery_seed(
+        "heron", interleaved_map(12, 4, 36), repeat=True, record_end=False)[:-2])
+
+
 # ---- fuzz_wav: RIFF/WAVE files with 'fmt ', 'bext', 'iXML' and 'data' chunks.
 
 def chunk(ident, payload, size=None):
@@ -274,6 +302,8 @@ def timecode_seeds():
 
 if __name__ == "__main__":
     recovery_seeds()
+    full_map_seeds()
+    resume_seeds()
     wav_seeds()
     parser_seeds()
     timecode_seeds()

@@ -2,7 +2,7 @@
 # Builds the fuzz targets with clang (libFuzzer, AddressSanitizer, UndefinedBehaviorSanitizer) into
 # build/fuzz and runs them.
 #
-#   fuzz/run.sh SECONDS [target...]   each target (all five when none is named) for SECONDS, one after the
+#   fuzz/run.sh SECONDS [target...]   each target (all seven when none is named) for SECONDS, one after the
 #                                     other, starting from its committed corpus
 #   fuzz/run.sh ci                    replays every committed corpus input, then runs each target ~15 s
 #
@@ -14,7 +14,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
 
-ALL_TARGETS=(fuzz_wav fuzz_parser fuzz_recovery fuzz_timecode fuzz_verify)
+ALL_TARGETS=(fuzz_wav fuzz_parser fuzz_recovery fuzz_recovery_full_map fuzz_resume fuzz_timecode fuzz_verify)
 CI_SECONDS=15
 
 usage() {

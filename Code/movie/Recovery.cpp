@@ -152,6 +152,10 @@ qint64 QuickTimeFile::interruptedIndexStart(qint64 mapEnd)
     // one), then the 'moov' header.
     const qint64 sampleBytes = family().closeAppendsTimecodeSample ? s_timecodeSampleBytes : 0;
     const QByteArray sample = sampleBytes != 0 ? timecodeSampleBytes(timecode) : QByteArray();
+    // A map that lists more media than the file holds (the card lost the end of the file) does not say
+    // where the media end: then only the file's end bounds the search.
+    if (mapEnd > fileEnd)
+        mapEnd = s_movieDataStartOffset;
     if (mapEnd < s_movieDataStartOffset || fileEnd - mapEnd < sampleBytes + 8)
         return -1;
     // A partial index is at most the whole one: only the end of the file that long (and a margin for the
