@@ -59,10 +59,9 @@ private:
 
 QString folder()
 {
-    // tmpfs where there is one: the files are rewritten for every input.
-    static QTemporaryDir* dir
-        = new QTemporaryDir(QDir("/dev/shm").exists() ? "/dev/shm/clipward-fuzz-XXXXXX" : QString());
-    return dir->path();
+    // tmpfs where there is one: the files are rewritten for every input. Removed when the run exits.
+    static QTemporaryDir dir(QDir("/dev/shm").exists() ? "/dev/shm/clipward-fuzz-XXXXXX" : QString());
+    return dir.path();
 }
 
 // Writes the recording the device presents to `path`: only its pieces that are not all zeros, the rest
