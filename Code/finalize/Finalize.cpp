@@ -1,6 +1,7 @@
 #include "finalize/Finalize.h"
 
 #include "finalize/CardAccess.h"
+#include "finalize/CardFile.h"
 #include "finalize/QtMessageFilter.h"
 
 #include <QDirIterator>
@@ -356,4 +357,12 @@ void Finalize::reportNotWritable(const QString& path, const QString& reason)
             QString("     %1 %2 Left as it is: %3\n").arg(path, tern ? "(Tern)" : "(Heron)", reason));
         ++leftCount;
     }
+}
+
+bool Finalize::leftForTheCard(const CardFile& file, bool finished)
+{
+    if (finished || file.mediumFailure().isEmpty())
+        return false;
+    notFinishedReason = file.mediumFailure(); // a later run, with the card in order, finishes it
+    return true;
 }

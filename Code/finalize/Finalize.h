@@ -9,6 +9,8 @@
 #include <QString>
 #include <QStringList>
 
+class CardFile;
+
 // Driver of one run: walks the start folders depth-first, picks out the recorder's in-progress
 // files by name and either reports them (scan-only) or hands each to its family's procedure.
 class Finalize : public QObject
@@ -59,6 +61,9 @@ private:
     bool reportRecordingNotHeld(const QString& path, RecordingLock::State state);
     // A file the run could not change: reported with its family and the reason, and not tried.
     void reportNotWritable(const QString& path, const QString& reason);
+    // True when the finish of `file` failed because of the card or the system, not the recording: the
+    // reason is kept for the driver's line and the procedure leaves the file's name as it is.
+    bool leftForTheCard(const CardFile& file, bool finished);
 
     // Canonical paths of the folders the walk is inside of, from the start path down: a folder link that
     // leads back into one of them would loop, so it is reported as skipped instead. Links elsewhere,

@@ -84,10 +84,8 @@ unsigned int Finalize::heronDoFinalize(QString path)
         }
         delete movie;
         file.close();
-        if (result != kFinalized && !file.mediumFailure().isEmpty()) {
-            notFinishedReason = file.mediumFailure(); // the card failed, not the take: it keeps its name
+        if (leftForTheCard(file, result == kFinalized))
             return result;
-        }
         // Unlike Tern, every failure gives the movie up; an existing file of the new name is kept.
         const QString newName = QString(path).replace(".zqv", result == kFinalized ? ".mov" : ".nrv");
         renameDurably(file, newName);
@@ -104,10 +102,8 @@ unsigned int Finalize::heronDoFinalize(QString path)
             result = audio.VerifyHeader();
         StableStorage::sync(file); // the repaired sizes reach the disk before the finished name does
         file.close();
-        if (result != 0 && !file.mediumFailure().isEmpty()) {
-            notFinishedReason = file.mediumFailure();
+        if (leftForTheCard(file, result == 0))
             return result;
-        }
         const QString newName = QString(path).replace(".zqa", result == 0 ? ".wav" : ".nra");
         renameDurably(file, newName);
         outputFileName = newName;

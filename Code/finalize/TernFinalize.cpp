@@ -112,10 +112,8 @@ unsigned int Finalize::ternDoFinalize(QString path)
     delete movie;
     if (file.isOpen())
         file.close();
-    if (result != kFinalized && !file.mediumFailure().isEmpty()) {
-        notFinishedReason = file.mediumFailure(); // keeps its name: a later run with room finishes it
+    if (leftForTheCard(file, result == kFinalized))
         return result;
-    }
 
     // Only a failed rebuild gives the file up; a file that could not even be read is named finished,
     // unchanged. An old ".nrv" is replaced, an old ".mov" is not.

@@ -99,8 +99,7 @@ bool QuickTimeFile::closeFile()
     QByteArray leadIn;
     if (family().closeAppendsTimecodeSample) {
         leadIn = timecodeSampleBytes(timecode);
-        storeFrameMapEntry(s_timecodeSampleEntry);
-        ++timecodeSamples;
+        listTimecodeSample();
         movieData->dataSize += quint64(leadIn.size());
     }
 

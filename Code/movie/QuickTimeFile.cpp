@@ -332,8 +332,7 @@ int QuickTimeFile::addMovieTimecodeData(unsigned int tc)
     if (!movieData)
         return 0;
     const QByteArray sample = timecodeSampleBytes(tc);
-    storeFrameMapEntry(s_timecodeSampleEntry);
-    ++timecodeSamples;
+    listTimecodeSample();
     movieData->addData(sample, device);
     return 0;
 }
@@ -418,6 +417,12 @@ void QuickTimeFile::alignNextAtom(QuickTimeAtom* parent, qint64 extra)
     auto* skip = new QuickTimeSkipAtom;
     parent->addAtom(skip);
     skip->alignNext(skip->position + extra);
+}
+
+void QuickTimeFile::listTimecodeSample()
+{
+    storeFrameMapEntry(s_timecodeSampleEntry);
+    ++timecodeSamples;
 }
 
 QByteArray QuickTimeFile::timecodeSampleBytes(quint32 tc)

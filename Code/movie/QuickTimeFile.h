@@ -396,6 +396,8 @@ private:
     void writeReservedRegion(QIODevice* target);
     // Stores the entry of the chunk being added at the next index of the frame map.
     void storeFrameMapEntry(quint16 entry);
+    // Counts a timecode sample appended to the media and lists it in the frame map.
+    void listTimecodeSample();
 
     // Reading helpers.
     bool learnRecordedTracks();

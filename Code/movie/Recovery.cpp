@@ -131,8 +131,7 @@ quint32 QuickTimeFile::indexSizeAt(qint64 position)
     const quint32 entry = totalFrames();
     const quint16 savedEntry = frameMap && entry < s_frameMapEntries ? frameMap[entry] : 0;
     if (appends) {
-        storeFrameMapEntry(s_timecodeSampleEntry);
-        ++timecodeSamples;
+        listTimecodeSample();
     }
     QuickTimeAtom* moov = buildIndex(position);
     const quint32 size = moov->size;
