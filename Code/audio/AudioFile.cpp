@@ -332,6 +332,16 @@ void AudioFile::ExtractBWFDescValues()
 // the file and the RIFF size is set to match.
 unsigned int AudioFile::VerifyHeader()
 {
+    return repairSizes(false);
+}
+
+unsigned int AudioFile::VerifyHeaderInWholeFrames()
+{
+    return repairSizes(true);
+}
+
+unsigned int AudioFile::repairSizes(bool wholeFrames)
+{
     if (m_formatKind == FormatMpegLayer3)
         return s_resultOk;
     const qint64 dataSizePos = qint64(m_dataStart) - 4;
@@ -342,10 +352,20 @@ unsigned int AudioFile::VerifyHeader()
         return s_resultOk;
 
     const qint64 fileSize = m_device->size();
-    qToLittleEndian<quint32>(quint32(fileSize - m_dataStart), field);
+    qint64 dataSize = fileSize - m_dataStart;
+    qint64 riffEnd = fileSize;
+    if (wholeFrames) {
+        // A frame as readers count it: every channel's sample, in whole bytes (32-bit sound included).
+        const qint64 frameBytes = qMax<qint64>(1, qint64(m_channels) * ((m_bitsPerSample + 7) / 8));
+        dataSize = qMin<qint64>(dataSize, 0xFFFFFFFEu) / frameBytes * frameBytes;
+        riffEnd = qint64(m_dataStart) + dataSize + (dataSize & 1);
+        if (riffEnd > fileSize && (!seekTo(fileSize) || !writeExactly("", 1)))
+            return s_resultDeviceError;
+    }
+    qToLittleEndian<quint32>(quint32(dataSize), field);
     if (!seekTo(dataSizePos) || !writeExactly(reinterpret_cast<const char*>(field), 4))
         return s_resultDeviceError;
-    qToLittleEndian<quint32>(quint32(fileSize - 8), field);
+    qToLittleEndian<quint32>(quint32(riffEnd - 8), field);
     if (!seekTo(kRiffSizePos) || !writeExactly(reinterpret_cast<const char*>(field), 4))
         return s_resultDeviceError;
     return s_resultOk;

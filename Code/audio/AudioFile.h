@@ -87,6 +87,10 @@ public:
     void ExtractBWFDescValues();
     unsigned int ProcessIXMLChunk(ChunkInfo chunk);
     unsigned int VerifyHeader();
+    // As VerifyHeader, but the 'data' size covers whole sample frames only: bytes of a frame the
+    // recorder did not finish stay in the file behind the RIFF chunk, and an odd size is followed by its
+    // pad byte (one zero byte is appended when the file ends right after the sound).
+    unsigned int VerifyHeaderInWholeFrames();
 
     int GetiXMLStatus() const;
     const char* FindiXMLTag(const char* text, const char* tag, bool after, short length) const;
@@ -128,6 +132,9 @@ private:
     const char* iXmlEnd() const { return m_iXmlText + m_iXmlLength; }
     const char* findClosingBwfXml(bool after) const;
     void padIXmlWithSpaces(const char* from);
+    // The sizes of a cut-off WAV: unchanged when its 'data' size is set; else the sound reaches the end
+    // of the file, or (wholeFrames) its last whole sample frame.
+    unsigned int repairSizes(bool wholeFrames);
 
     quint32 m_status = 0;
     quint64 m_nextChunkPos = 0;

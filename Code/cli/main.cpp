@@ -6,8 +6,10 @@
 #include "movie/MovieVerifier.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QStringList>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace {
@@ -31,12 +33,19 @@ void messageToStdout(QtMsgType, const QMessageLogContext&, const QString& messag
 }
 
 const char* const kUsage =
-    "Usage: clipward-cli [--scan-only] PATH\n"
+    "Usage: clipward-cli [--scan-only] [--interchange] PATH\n"
+    "       clipward-cli --interchange FILE.mov...\n"
     "       clipward-cli --verify FILE...\n"
     "Finds recordings left unfinished on PATH (a drive or folder) and finalizes them,\n"
     "printing the same report as the Clipward window.\n"
     "\n"
     "  --scan-only   only list the files that need finalizing; change nothing\n"
+    "  --interchange finish movies in the form every common player and editor reads\n"
+    "                right (16-bit sound as 'sowt', the start timecode as readers\n"
+    "                count it, each track as long as its own media) and cut a\n"
+    "                repaired WAV's sound to whole sample frames; given finished\n"
+    "                movies (FILE.mov), rewrite the index of each that Clipward\n"
+    "                finished into that form\n"
     "  --verify      read every frame and sound sample of each finished movie FILE and\n"
     "                check that each lies inside the file and its media; one line per file\n"
     "  --help        show this text\n"
@@ -47,7 +56,8 @@ const char* const kUsage =
     "something was left as it is: a file in use by another run, one that could not\n"
     "be written, read or finished for want of room, or a folder that could not be\n"
     "read (the report says which). With --verify: 0 every FILE verified, 1 at least\n"
-    "one did not, 2 no FILE given.\n";
+    "one did not, 2 no FILE given. With --interchange FILE...: 0 every FILE rewritten,\n"
+    "1 at least one refused, 3 none refused but one was left as it is.\n";
 
 int usageError(const QString& reason)
 {
@@ -70,6 +80,19 @@ int verifyFiles(const QStringList& files)
     return failed != 0 ? kExitUnrecoverable : kExitOk;
 }
 
+// Rewrites the index of each finished movie into the interchange form, a line per file and the counts.
+int rewriteFiles(const QStringList& files)
+{
+    qInstallMessageHandler(messageToStdout);
+    FinalizeRun run(false, Tern::FinishStyle::Interchange);
+    QObject::connect(&run, &FinalizeRun::output, &printLine);
+    const FinalizeRun::Summary summary = run.rewriteForInterchange(files);
+    std::fflush(stdout);
+    if (summary.badCount != 0)
+        return kExitUnrecoverable;
+    return summary.somethingLeft() ? kExitSomethingLeft : kExitOk;
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -81,6 +104,7 @@ int main(int argc, char* argv[])
 
     bool scanOnly = false;
     bool verify = false;
+    bool interchange = false;
     QStringList paths;
     const QStringList args = QCoreApplication::arguments().mid(1);
     for (const QString& arg : args) {
@@ -96,6 +120,8 @@ int main(int argc, char* argv[])
             scanOnly = true;
         else if (arg == "--verify")
             verify = true;
+        else if (arg == "--interchange")
+            interchange = true;
         else if (arg.startsWith("--"))
             return usageError(QString("unknown option %1").arg(arg));
         else
@@ -104,15 +130,23 @@ int main(int argc, char* argv[])
     if (verify) {
         if (scanOnly)
             return usageError("--verify and --scan-only cannot be combined");
+        if (interchange)
+            return usageError("--verify and --interchange cannot be combined");
         if (paths.isEmpty())
             return usageError("no FILE given");
         return verifyFiles(paths);
+    }
+    const auto isFile = [](const QString& path) { return QFileInfo(path).isFile(); };
+    if (interchange && !paths.isEmpty() && std::all_of(paths.cbegin(), paths.cend(), isFile)) {
+        if (scanOnly)
+            return usageError("--scan-only lists recordings on a PATH; it does not take finished movies");
+        return rewriteFiles(paths);
     }
     if (paths.size() != 1)
         return usageError(paths.isEmpty() ? "no PATH given" : "give exactly one PATH");
 
     qInstallMessageHandler(messageToStdout);
-    FinalizeRun run(scanOnly);
+    FinalizeRun run(scanOnly, interchange ? Tern::FinishStyle::Interchange : Tern::FinishStyle::Recorder);
     QObject::connect(&run, &FinalizeRun::output, &printLine);
     const FinalizeRun::Summary summary = run.run(paths.first());
     std::fflush(stdout);

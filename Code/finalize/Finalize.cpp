@@ -18,9 +18,6 @@ const int kFamilyHeron = 0;
 const int kFamilyTern = 1;
 const int kFamilyUnreadable = 2;
 
-// A first atom at least this large is Heron's oversized 'ftyp'; Tern's is 20 bytes.
-const quint32 kHeronFirstAtomMinimum = 128;
-
 const unsigned int kResultUnrecoverable = 31;
 
 ushort asciiLower(ushort c)
@@ -156,7 +153,7 @@ int familyByFirstAtom(const QString& path, QIODevice::OpenMode mode)
     file.close();
 
     const quint32 firstAtomSize = qFromBigEndian<quint32>(firstWord);
-    return firstAtomSize < kHeronFirstAtomMinimum ? kFamilyTern : kFamilyHeron;
+    return &Tern::familyByFirstAtomSize(firstAtomSize) == &Tern::ternFamily ? kFamilyTern : kFamilyHeron;
 }
 // The line for a file or folder that cannot be read: it is passed over, as it is.
 QString cannotBeRead(const QString& path)

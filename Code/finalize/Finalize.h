@@ -35,11 +35,18 @@ public:
     unsigned int heronDoFinalize(QString path);
     void setQuickTimeFileInfo(QuickTimeFile::RecoverySettings* settings, QuickTimeFile* movie);
 
+    // Rewrites the index of a movie Clipward finished (in either form) into the interchange form; a
+    // rewrite cut short is completed. LeftForTheCard sets notFinishedReason.
+    enum class Rewrite { Rewritten, NotFinishedByClipward, Failed, InUse, LeftForTheCard };
+    Rewrite rewriteForInterchange(const QString& path);
+
     unsigned short* workBuffer;
     QString outputFileName;
     QStringList skipFolders;
     QStringList nameFilters;
     bool scanOnly;
+    // The form finished movies get (and whether a repaired WAV's sound is cut to whole frames).
+    Tern::FinishStyle finishStyle = Tern::FinishStyle::Recorder;
     int goodCount;
     int badCount;
     int isTern;

@@ -7,9 +7,54 @@
 #include <QFileInfo>
 #include <QStringList>
 
-FinalizeRun::FinalizeRun(bool scanOnly)
+FinalizeRun::FinalizeRun(bool scanOnly, Tern::FinishStyle style)
     : m_scanOnly(scanOnly)
+    , m_style(style)
 {
+}
+
+FinalizeRun::Summary FinalizeRun::rewriteForInterchange(const QStringList& files)
+{
+    Finalize driver;
+    Summary summary;
+    summary.pathExists = true;
+    for (const QString& each : files) {
+        const QString path = QFileInfo(each).absoluteFilePath();
+        if (!QFileInfo(path).isFile()) {
+            emit output(QString("     %1 not rewritten: there is no such file.").arg(path));
+            ++summary.badCount;
+            continue;
+        }
+        switch (driver.rewriteForInterchange(path)) {
+        case Finalize::Rewrite::Rewritten:
+            emit output(QString("     %1 rewritten for interchange.").arg(path));
+            ++summary.goodCount;
+            break;
+        case Finalize::Rewrite::NotFinishedByClipward:
+            emit output(QString("     %1 not rewritten: Clipward did not finish this movie.").arg(path));
+            ++summary.badCount;
+            break;
+        case Finalize::Rewrite::Failed:
+            emit output(QString("     %1 not rewritten: its recording could not be finished again.").arg(path));
+            ++summary.badCount;
+            break;
+        case Finalize::Rewrite::InUse:
+            emit output(QString("     %1 in use by another run, left as it is").arg(path));
+            ++summary.leftCount;
+            break;
+        case Finalize::Rewrite::LeftForTheCard:
+            emit output(QString("     %1 not rewritten: %2.").arg(path, driver.notFinishedReason));
+            ++summary.leftCount;
+            break;
+        }
+    }
+    emit output(" ");
+    if (summary.badCount != 0)
+        emit output(QString("%1 file(s) not rewritten.").arg(summary.badCount));
+    if (summary.leftCount != 0)
+        emit output(QString("%1 file(s) left as they are.").arg(summary.leftCount));
+    emit output(QString("%1 movie(s) rewritten for interchange.").arg(summary.goodCount));
+    return summary;
 }
 
 QString FinalizeRun::driveOf(const QString& path)
@@ -24,6 +69,7 @@ FinalizeRun::Summary FinalizeRun::run(const QString& path)
     QStringList paths;
     paths.append(path);
     driver.scanOnly = m_scanOnly;
+    driver.finishStyle = m_style;
     connect(&driver, &Finalize::textOutput, this, &FinalizeRun::output);
 
     Summary summary;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "movie/QuickTimeFile.h"
+
 #include <QObject>
 #include <QString>
 
@@ -23,11 +25,16 @@ public:
         bool somethingLeft() const { return leftCount != 0 || unreadableFolderCount != 0; }
     };
 
-    explicit FinalizeRun(bool scanOnly);
+    explicit FinalizeRun(bool scanOnly, Tern::FinishStyle style = Tern::FinishStyle::Recorder);
 
     // The process's current directory is the same after the run as before it: the walk makes the start
     // folder current, and a card that stays anyone's current directory cannot be ejected.
     Summary run(const QString& path);
+
+    // Rewrites the index of each movie Clipward finished into the interchange form: one line per file and
+    // the counts. goodCount counts the movies rewritten, badCount those refused, leftCount those the card
+    // or another run kept from it.
+    Summary rewriteForInterchange(const QStringList& files);
 
     // First two characters of the absolute path of the folder holding `path` ("/V" for /Volumes/CARD).
     static QString driveOf(const QString& path);
@@ -37,4 +44,5 @@ signals:
 
 private:
     bool m_scanOnly;
+    Tern::FinishStyle m_style;
 };

@@ -76,6 +76,7 @@ unsigned int Finalize::heronDoFinalize(QString path)
             movie->initFile(nullptr);
             if (QuickTimeFile::RecoverySettings* settings = movie->loadSavedSettings()) {
                 setQuickTimeFileInfo(settings, movie);
+                movie->finishStyle = finishStyle;
                 if (movie->recover())
                     result = kFinalized;
                 else
@@ -99,7 +100,8 @@ unsigned int Finalize::heronDoFinalize(QString path)
         AudioFile audio(file);
         unsigned int result = audio.ReadAudioFileInfo();
         if (result == 0)
-            result = audio.VerifyHeader();
+            result = finishStyle == Tern::FinishStyle::Interchange ? audio.VerifyHeaderInWholeFrames()
+                                                                   : audio.VerifyHeader();
         StableStorage::sync(file); // the repaired sizes reach the disk before the finished name does
         file.close();
         if (leftForTheCard(file, result == 0))

@@ -97,6 +97,7 @@ unsigned int Finalize::ternDoFinalize(QString path)
                 logFailure("********************* %s recovery failed, invalid recovery settings!\n");
             } else {
                 TernSettings::configure(*movie, *settings);
+                movie->finishStyle = finishStyle;
                 if (movie->recover()) {
                     result = kFinalized;
                     file.flush();

@@ -21,23 +21,25 @@ namespace {
 const quint16 kTrackVolume = 0x0100;    // 8.8 fixed point, 1.0
 const quint32 kMediaRateOne = 0x00010000; // 16.16 fixed point, 1.0
 const int kReelNameMax = 31;
+const quint32 kTimecodeFrameNumberBytes = 4; // what a reader takes of a timecode sample
 
 // Alignment targets: the byte this far into the next atom lands on a 512-byte boundary, which puts the
 // first entry of a size table (after a 20-byte head) or an offset table (16-byte head) on the boundary.
 const qint64 kSampleSizeTableHead = 20;
 const qint64 kChunkOffsetTableHead = 16;
 
-// The parts every track shares: 'trak' with its header, the edit list where the family writes one,
-// 'mdia' with its header and media handler. Returns the 'mdia' atom.
-QuickTimeAtom* addTrackHead(QuickTimeFile* file, QuickTimeAtom* moov, quint32 trackId, quint32 movieDuration,
+// The parts every track shares: 'trak' with its header, the edit list where the family or the finish
+// style writes one, 'mdia' with its header and media handler. `trackDuration` is in the movie's time
+// scale, `mediaDuration` in the media's. Returns the 'mdia' atom.
+QuickTimeAtom* addTrackHead(QuickTimeFile* file, QuickTimeAtom* moov, quint32 trackId, quint32 trackDuration,
                             quint32 width, quint32 height, quint32 mediaTimeScale, quint32 mediaDuration,
                             quint32 handlerSubtype)
 {
     QuickTimeAtom* trak = moov->addAtom(new QuickTimeTrackAtom());
-    trak->addAtom(new QuickTimeTrackHeaderAtom(file, trackId, movieDuration, width, height, kTrackVolume));
-    if (file->family().writesEditList) {
+    trak->addAtom(new QuickTimeTrackHeaderAtom(file, trackId, trackDuration, width, height, kTrackVolume));
+    if (file->family().writesEditList || file->interchange()) {
         QuickTimeAtom* edts = trak->addAtom(new QuickTimeEditAtom());
-        edts->addAtom(new QuickTimeEditListAtom(file, movieDuration, 0, kMediaRateOne));
+        edts->addAtom(new QuickTimeEditListAtom(file, trackDuration, 0, kMediaRateOne));
     }
     QuickTimeAtom* mdia = trak->addAtom(new QuickTimeMediaAtom());
     mdia->addAtom(new QuickTimeMediaHeaderAtom(file, mediaTimeScale, mediaDuration));
@@ -61,6 +63,41 @@ quint32 soundSamplesPerTrack(const QuickTimeFile& file)
     const quint32 L = file.lastChunkSamples;
     const quint32 F = file.firstChunkSamples;
     return L + F + (A - (L != 0 ? 1 : 0) - (F != 0 ? 1 : 0)) * file.audioSamplesPerChunk;
+}
+
+// A duration in the movie's time scale, rounded up so no sample falls outside it, and held to 32 bits.
+quint32 inMovieTime(quint64 units, quint32 unitsPerSecond, quint32 movieTimeScale)
+{
+    if (unitsPerSecond == 0)
+        return 0;
+    const quint64 scaled = (units * movieTimeScale + unitsPerSecond - 1) / unitsPerSecond;
+    return quint32(qMin<quint64>(scaled, std::numeric_limits<quint32>::max()));
+}
+
+// How long each kind of track lasts in the movie's time scale. The recorder's form gives every track the
+// picture's duration (0 without video); the interchange form gives each its own and the movie, and its
+// timecode, the longest (one frame when nothing else lasts).
+struct TrackDurations
+{
+    quint32 picture = 0;
+    quint32 sound = 0;
+    quint32 movie = 0;
+};
+
+TrackDurations trackDurations(const QuickTimeFile& file, quint32 soundSamples)
+{
+    TrackDurations d;
+    d.picture = file.sampleDuration * file.videoFrameCount; // 32-bit product, as the movie header's
+    d.sound = d.picture;
+    d.movie = d.picture;
+    if (!file.interchange())
+        return d;
+    const bool hasSound = file.soundChunks != 0 && qint32(file.audioTracks) > 0;
+    d.sound = hasSound ? inMovieTime(soundSamples, file.audioSampleRate, file.timeScale) : 0;
+    d.movie = qMax(d.picture, d.sound);
+    if (d.movie == 0)
+        d.movie = file.sampleDuration;
+    return d;
 }
 
 } // namespace
@@ -93,12 +130,12 @@ bool QuickTimeFile::closeFile()
     m_syncFailure.clear();
     // What a failed attempt appended is cut off again, so a retry finds the file as this one did.
     m_sizeBeforeClose = device.size();
-    // The family's closing timecode sample joins 'mdat' and the index names it; its bytes go out in the same
+    // The closing timecode sample (the family's, or the interchange form's) joins 'mdat' and the index names it; its bytes go out in the same
     // first write as the index's start, so a finish killed early leaves nothing of itself or the start of
     // an index a later run recognises.
     QByteArray leadIn;
-    if (family().closeAppendsTimecodeSample) {
-        leadIn = timecodeSampleBytes(timecode);
+    if (closeAppendsTimecodeSample()) {
+        leadIn = closingTimecodeSample();
         listTimecodeSample();
         movieData->dataSize += quint64(leadIn.size());
     }
@@ -142,18 +179,24 @@ QuickTimeAtom* QuickTimeFile::buildIndex(qint64 position)
     const quint32 L = lastChunkSamples;
     const quint32 G = videoFramesPerChunk;
     const quint32 B = audioBytesPerSample;
-    const quint32 M = D * V;
     const quint32 Q = soundSamplesPerTrack(*this);
+    const TrackDurations duration = trackDurations(*this, Q);
+    const quint32 M = duration.picture;
 
     QuickTimeAtom* moov = addAtom(new QuickTimeMovieAtom());
     moov->position = position;
     QuickTimeAtom* udta = moov->addAtom(new QuickTimeUserDataAtom());
     udta->addAtom(new QuickTimeHaldenAtom(this));
-    moov->addAtom(new QuickTimeMovieHeaderAtom(this));
+    auto* mvhd = new QuickTimeMovieHeaderAtom(this);
+    mvhd->duration = duration.movie;
+    moov->addAtom(mvhd);
 
-    // Timecode track, always present.
+    // Timecode track, always present. The interchange form lists only the timecode sample the finish
+    // appended right before the index, 4 bytes of frame number; the recorder's form lists every one.
     {
-        QuickTimeAtom* mdia = addTrackHead(this, moov, 1, M, 0, 0, S, M, fourCC("tmcd"));
+        const quint32 timecodeDuration = duration.movie;
+        QuickTimeAtom* mdia =
+            addTrackHead(this, moov, 1, timecodeDuration, 0, 0, S, timecodeDuration, fourCC("tmcd"));
         QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
         QuickTimeAtom* gmhd = minf->addAtom(new QuickTimeBaseInformationHeaderAtom());
         gmhd->addAtom(new QuickTimeBaseMediaInformationAtom());
@@ -172,10 +215,16 @@ QuickTimeAtom* QuickTimeFile::buildIndex(qint64 position)
         stsd->addAtom(name);
         description->size += name->size;
 
-        stbl->addAtom(new QuickTimeTimeToSampleAtom(this, 1, M));
+        stbl->addAtom(new QuickTimeTimeToSampleAtom(this, 1, timecodeDuration));
         stbl->addAtom(new QuickTimeSampleToChunkAtom(this, 1, 0, 0, 0));
-        stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_timecode, T, 0));
-        stbl->addAtom(new QuickTimeChunkOffset64Atom(this, quicktime_frametype_timecode, T, 0, 1, 0, 0));
+        if (interchange()) {
+            stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_timecode, 1,
+                                                      kTimecodeFrameNumberBytes));
+            stbl->addAtom(new QuickTimeSingleChunkOffset64Atom(this, quint64(position - s_timecodeSampleBytes)));
+        } else {
+            stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_timecode, T, 0));
+            stbl->addAtom(new QuickTimeChunkOffset64Atom(this, quicktime_frametype_timecode, T, 0, 1, 0, 0));
+        }
     }
 
     quint32 nextTrackId = 2;
@@ -210,8 +259,8 @@ QuickTimeAtom* QuickTimeFile::buildIndex(qint64 position)
         // built as long as every table between them is too: with a sample size the size tables are.
         const auto soundChunkTables = B != 0 ? std::make_shared<QuickTimeChunkOffsetGroup>() : nullptr;
         for (quint32 i = 0; i < audioTracks; ++i, ++nextTrackId) {
-            QuickTimeAtom* mdia =
-                addTrackHead(this, moov, nextTrackId, M, 0, 0, audioSampleRate, Q, fourCC("soun"));
+            QuickTimeAtom* mdia = addTrackHead(this, moov, nextTrackId, duration.sound, 0, 0, audioSampleRate, Q,
+                                               fourCC("soun"));
             QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
             minf->addAtom(new QuickTimeSoundInformationAtom());
             addDataReference(minf);
@@ -219,7 +268,12 @@ QuickTimeAtom* QuickTimeFile::buildIndex(qint64 position)
             QuickTimeAtom* stbl = minf->addAtom(new QuickTimeSampleTableAtom());
             auto* stsd = new QuickTimeSampleDescriptionAtom(this);
             stbl->addAtom(stsd);
-            stsd->addDescription(new QuickTimeSoundSampleDescription(this, 0, audioSampleRate));
+            auto* description = new QuickTimeSoundSampleDescription(this, 0, audioSampleRate);
+            // 16-bit sound is little-endian: the 'enda' extension says so, but readers that ignore it
+            // need the format to say it.
+            if (interchange() && B == 2)
+                description->dataFormat = fourCC("sowt");
+            stsd->addDescription(description);
 
             stbl->addAtom(new QuickTimeTimeToSampleAtom(this, Q, 1));
             stbl->addAtom(new QuickTimeSampleToChunkAtom(this, P, A, L, F));

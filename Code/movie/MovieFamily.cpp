@@ -58,7 +58,15 @@ ProResName heronProResName(quint32 codecType, quint32 variant)
     }
 }
 
+// A first atom at least this large is Heron's oversized 'ftyp'.
+const quint32 s_heronFirstAtomMinimum = 128;
+
 } // namespace
+
+const MovieFamily& familyByFirstAtomSize(quint32 firstAtomSize)
+{
+    return firstAtomSize < s_heronFirstAtomMinimum ? ternFamily : heronFamily;
+}
 
 const MovieFamily ternFamily = {
     "Tern",

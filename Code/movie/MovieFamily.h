@@ -44,4 +44,8 @@ struct MovieFamily
 extern const MovieFamily ternFamily;
 extern const MovieFamily heronFamily;
 
+// The family of a recording by the size of its first atom: Heron's oversized 'ftyp' spans the reserved
+// region, Tern's is 20 bytes.
+const MovieFamily& familyByFirstAtomSize(quint32 firstAtomSize);
+
 } // namespace Tern

@@ -211,6 +211,7 @@ bool QuickTimeFile::learnRecordedTracks()
         const qint64 moovEnd = pos + qint64(size);
         qint64 child = pos + qint64(header);
         writtenByRecorder = false;
+        learningOwnTracks = true;
         while (atomHeaderAt(device, child, moovEnd, &size, &type, &header)) {
             if (type == fourCC("trak")) {
                 device.seek(child);
@@ -220,6 +221,7 @@ bool QuickTimeFile::learnRecordedTracks()
             child += qint64(size);
         }
         writtenByRecorder = true;
+        learningOwnTracks = false;
         stream.resetStatus();
     }
 

@@ -432,6 +432,44 @@ QByteArray QuickTimeFile::timecodeSampleBytes(quint32 tc)
     return sample;
 }
 
+quint32 QuickTimeFile::timecodeFrameNumber(quint32 tc, quint32 framesPerSecond, bool dropFrame)
+{
+    const quint64 hours = tc >> 24;
+    const quint64 minutes = (tc >> 16) & 0xFF;
+    const quint64 seconds = (tc >> 8) & 0xFF;
+    const quint64 frames = tc & 0xFF;
+    const quint64 totalMinutes = hours * 60 + minutes;
+    quint64 number = (totalMinutes * 60 + seconds) * framesPerSecond + frames;
+    if (dropFrame) {
+        // Drop-frame counting skips the first 2 numbers of every minute (4 at 60 a second), except in
+        // every tenth minute.
+        const quint64 droppedPerMinute = (framesPerSecond + 7) / 15;
+        number -= qMin(number, droppedPerMinute * (totalMinutes - totalMinutes / 10));
+    }
+    return quint32(number);
+}
+
+quint32 QuickTimeFile::timecodeFramesPerSecond() const
+{
+    if (sampleDuration == 0)
+        return 0;
+    return (timeScale + sampleDuration - 1) / sampleDuration;
+}
+
+bool QuickTimeFile::closeAppendsTimecodeSample() const
+{
+    return interchange() || family().closeAppendsTimecodeSample;
+}
+
+QByteArray QuickTimeFile::closingTimecodeSample() const
+{
+    // The recorder's form holds the packed timecode word; readers take a timecode sample for a frame
+    // number, so the interchange form holds that.
+    if (!interchange())
+        return timecodeSampleBytes(timecode);
+    return timecodeSampleBytes(timecodeFrameNumber(timecode, timecodeFramesPerSecond(), dropFrame));
+}
+
 bool QuickTimeFile::writeAtomList(const QByteArray& leadIn)
 {
     QuickTimeBufferDevice buffered(stream.device());

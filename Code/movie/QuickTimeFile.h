@@ -82,6 +82,13 @@ struct QuickTimeTrackInfo
     QuickTimeMapPosition mapPosition;
 };
 
+// How a finish writes the index. Recorder: as the recorder maker's own tools finish a recording.
+// Interchange: in the form every common reader reads right, differing only in what the finish itself
+// writes: 16-bit sound declared 'sowt', the start timecode as a frame number in a timecode sample of the
+// finish's own (the recorder's samples stay in the media, unlisted by the index), and each track's edit
+// and duration as long as its own media, the movie as long as its longest track.
+enum class FinishStyle { Recorder, Interchange };
+
 // One run of the fast sound map: the frame map cut into at most 273 equal runs of entries.
 struct QuickTimeFastAudioRun
 {
@@ -160,6 +167,9 @@ public:
     virtual ~QuickTimeFile();
 
     const MovieFamily& family() const { return *m_family; }
+    // The form closeFile gives the index; Recorder unless the user chose otherwise.
+    FinishStyle finishStyle = FinishStyle::Recorder;
+    bool interchange() const { return finishStyle == FinishStyle::Interchange; }
 
     // Construction and reset. Prepares newDevice (null: the file's own device) for a recording, writing
     // the reserved region and the 'mdat' header when it is shorter than the media start. False only for a
@@ -280,6 +290,14 @@ public:
     bool writeAtomList(const QByteArray& leadIn = QByteArray());
     // A timecode sample: the timecode word `tc`, big-endian, then zeros to its 512 bytes.
     static QByteArray timecodeSampleBytes(quint32 tc);
+    // The frame number a reader counts from 00:00:00:00 to the packed timecode word `tc` at
+    // `framesPerSecond` whole frames a second, skipping the numbers drop-frame counting leaves out.
+    static quint32 timecodeFrameNumber(quint32 tc, quint32 framesPerSecond, bool dropFrame);
+    // Whole frames a second of the movie's timecode (29.97 counts as 30); 0 without a frame duration.
+    quint32 timecodeFramesPerSecond() const;
+    // Whether closeFile appends a timecode sample to the media, and the 512 bytes it appends.
+    bool closeAppendsTimecodeSample() const;
+    QByteArray closingTimecodeSample() const;
     bool closeFile();
 
     // After a failed closeFile: the bytes the card lacked for the index (0 when room was not the reason;
@@ -294,6 +312,18 @@ public:
     // cut short after its header was patched leaves exactly that under the in-progress name.
     bool looksFinished();
     RecoverySettings* loadSavedSettings();
+
+    // Taking a finish back (to finish the recording again in another form). savedFrameMapLength: the
+    // entries of the frame map the recorder saved, up to its first 0. finishedMediaEnd: where the media
+    // of a movie this library finished end, before the `appendedSamples` timecode sample (0 or 1) its
+    // finish appended; -1 unless the file is laid out so. reopenMovieData: cuts the file back to
+    // `mediaEnd`, then writes the in-progress 'mdat' header, each step synced before the next.
+    // reopenedMediaEnd: for a file left between those steps (a closed header and no index behind it),
+    // where its media end; -1 for any other file.
+    quint32 savedFrameMapLength();
+    qint64 finishedMediaEnd(quint32 appendedSamples);
+    bool reopenMovieData(qint64 mediaEnd);
+    qint64 reopenedMediaEnd();
     void saveRecoverySettings();
     void periodicFrameMapSave();
     bool recover();
@@ -353,6 +383,7 @@ public:
     bool importMode = false;
     quint64 movieDataStart = 0; // first media byte of an 'mdat' read with the 64-bit size
     bool haldenMarker = false; // the maker atom's marker was not 0
+    bool learningOwnTracks = false; // the tracks of a movie this library wrote are being read
 
     // Reading.
     static constexpr int s_fastAudioRuns = 273;

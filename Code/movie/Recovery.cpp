@@ -127,7 +127,7 @@ bool QuickTimeFile::settingsAllowIndex() const
 quint32 QuickTimeFile::indexSizeAt(qint64 position)
 {
     // As closeFile builds it: after the family's timecode sample, when it appends one.
-    const bool appends = family().closeAppendsTimecodeSample;
+    const bool appends = closeAppendsTimecodeSample();
     const quint32 entry = totalFrames();
     const quint16 savedEntry = frameMap && entry < s_frameMapEntries ? frameMap[entry] : 0;
     if (appends) {
@@ -149,8 +149,8 @@ qint64 QuickTimeFile::interruptedIndexStart(qint64 mapEnd)
     const qint64 fileEnd = device.size();
     // What the finish writes first at the end of the media: the timecode sample (when the family appends
     // one), then the 'moov' header.
-    const qint64 sampleBytes = family().closeAppendsTimecodeSample ? s_timecodeSampleBytes : 0;
-    const QByteArray sample = sampleBytes != 0 ? timecodeSampleBytes(timecode) : QByteArray();
+    const qint64 sampleBytes = closeAppendsTimecodeSample() ? s_timecodeSampleBytes : 0;
+    const QByteArray sample = sampleBytes != 0 ? closingTimecodeSample() : QByteArray();
     // A map that lists more media than the file holds (the card lost the end of the file) does not say
     // where the media end: then only the file's end bounds the search.
     if (mapEnd > fileEnd)

@@ -420,7 +420,7 @@ QuickTimeTimecodeSampleDescription::QuickTimeTimecodeSampleDescription(QuickTime
     frameDuration = movie->sampleDuration;
     // Whole frames per second, rounded up (29.97 counts as 30); one byte wide.
     if (frameDuration != 0)
-        numberOfFrames = quint8((timeScale + frameDuration - 1) / frameDuration);
+        numberOfFrames = quint8(movie->timecodeFramesPerSecond());
 }
 
 void QuickTimeTimecodeSampleDescription::write(QDataStream& stream)
@@ -494,6 +494,11 @@ QuickTimeSampleDescription* descriptionOfFormat(QuickTimeFile* movie, quint32 fo
         return new QuickTimeProResVideoSampleDescription(movie);
     case fourCC("AVdn"):
         return new QuickTimeAvidVideoSampleDescription(movie);
+    case fourCC("sowt"):
+        // The 16-bit sound of this library's interchange form; of other movies it stays unknown.
+        if (!movie || !movie->learningOwnTracks)
+            return nullptr;
+        return new QuickTimeSoundSampleDescription(movie, 0, 0);
     case fourCC("in31"):
         if (!extendedFormats)
             return nullptr;

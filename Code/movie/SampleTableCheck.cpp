@@ -64,6 +64,7 @@ struct OwnMovie
 {
     bool present = false; // a maker atom was found
     quint32 movieTimeScale = 0;
+    quint32 movieDuration = 0;
     quint32 videoFrames = 0;
     bool dropFrame = false;
     quint32 frameDuration = 0; // of the picture and the timecode, in units of the movie's time scale
@@ -110,6 +111,7 @@ OwnMovie ownMovie(const QByteArray& moov, const QVector<quint16>& recorderMap)
         return own;
     own.present = true;
     own.movieTimeScale = be32(moov, mvhd.payload + 12);
+    own.movieDuration = be32(moov, mvhd.payload + 16);
     // Behind version and flags, the constant and the interlace flag: the entry count, then the counts of
     // video frames, sound chunks and timecode samples; the entries end the atom.
     const quint32 entries = be32(moov, hldn.payload + 12);
@@ -175,7 +177,8 @@ bool writtenFormat(quint32 handler, quint32 format, quint32 soundSampleBytes)
             || format == code("apco") || format == code("ap4h") || format == code("ap4x")
             || format == code("AVdn");
     if (handler == code("soun"))
-        return format == Tern::SoundResolutionToFormat(int(soundSampleBytes));
+        return format == Tern::SoundResolutionToFormat(int(soundSampleBytes))
+            || (soundSampleBytes == 2 && format == code("sowt")); // the interchange form's 16-bit sound
     return handler != code("tmcd") || format == code("tmcd");
 }
 
@@ -481,6 +484,10 @@ private:
             return fail(QString("'stts': %1 runs for the timecode, this movie has one").arg(m_sttsEntries));
         if (!m_own.listComplete)
             return QString(); // the list ends before the samples: nothing to hold them to
+        // The interchange form lists only the last sample, the one its finish appended: a frame number.
+        if (m_chunkOffsets.size() == 1 && !m_own.timecodeOffsets.isEmpty()
+            && m_chunkOffsets[0] == m_own.timecodeOffsets.last() && m_constantSize == 4)
+            return QString();
         if (m_chunkOffsets.size() != m_own.timecodeOffsets.size())
             return fail(QString("%1 timecode chunks, the maker atom's list %2")
                             .arg(m_chunkOffsets.size())
@@ -647,8 +654,10 @@ QString checkSampleTables(QIODevice& file)
             timecodeFrameDuration = track.timecodeFrameDuration();
         }
     }
-    // In this library's movies the timecode sample lasts as long as the picture, counting its frames.
-    if (own.present && timecodeTrack >= 0 && timecodeDuration != pictureDuration)
+    // In this library's movies the timecode sample lasts as long as the picture, counting its frames; in
+    // the interchange form as long as the movie.
+    if (own.present && timecodeTrack >= 0 && timecodeDuration != pictureDuration
+        && timecodeDuration != own.movieDuration)
         return QString("track %1 'stts': the timecode sample lasts %2, the picture %3")
             .arg(timecodeTrack)
             .arg(timecodeDuration)

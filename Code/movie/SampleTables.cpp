@@ -460,4 +460,26 @@ bool QuickTimeChunkOffset64Atom::read(QDataStream& stream, quint64* remaining)
     return skipBytes(stream, tableBytes);
 }
 
+QuickTimeSingleChunkOffset64Atom::QuickTimeSingleChunkOffset64Atom(QuickTimeFile* movieFile,
+                                                                   quint64 chunkOffset)
+    : QuickTimeVersionFlagsAtom(fourCC("co64"), s_countFieldBytes + s_offset64EntryBytes, 0, 0, 0)
+    , offset(chunkOffset)
+{
+    file = movieFile;
+}
+
+void QuickTimeSingleChunkOffset64Atom::write(QDataStream& stream)
+{
+    QuickTimeVersionFlagsAtom::write(stream);
+    const quint32 entries = 1;
+    // Logged as the family logs every chunk offset table, so the report has the same lines.
+    const bool logs = file && file->family().logsChunkOffsetProgress;
+    stream << entries;
+    if (logs)
+        qDebug("stream %d entries (%llx)", int(entries), static_cast<unsigned long long>(streamPosition(stream)));
+    stream << offset;
+    if (logs)
+        qDebug("done streaming %d entries", int(entries));
+}
+
 } // namespace Tern

@@ -116,4 +116,15 @@ private:
     bool walkReachesEveryEntry() const;
 };
 
+// 'co64' of a single chunk at a place known when the index is built: the timecode sample an
+// interchange finish appends behind the media.
+class QuickTimeSingleChunkOffset64Atom : public QuickTimeVersionFlagsAtom
+{
+public:
+    QuickTimeSingleChunkOffset64Atom(QuickTimeFile* movieFile, quint64 chunkOffset);
+    void write(QDataStream& stream) override;
+
+    quint64 offset;
+};
+
 } // namespace Tern
