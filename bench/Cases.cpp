@@ -49,10 +49,11 @@ Usage runCli(const QStringList& args, const QString& log)
     return measureChild(command);
 }
 
-// One finalize of the recording in `folder` by clipward-cli; false unless it reports the file finished.
-bool finalizeOnce(const QString& folder, const QString& log, Usage* usage)
+// One finalize of the recording in `folder` by clipward-cli, in the interchange form when asked; false
+// unless it reports the file finished.
+bool finalizeOnce(const QString& folder, const QString& log, Usage* usage, bool interchange = false)
 {
-    *usage = runCli({ folder }, log);
+    *usage = runCli(interchange ? QStringList { "--interchange", folder } : QStringList { folder }, log);
     return usage->ok && logSays(log, "Finalized") && !logSays(log, "Unrecoverable");
 }
 
@@ -100,6 +101,34 @@ void finalizeAgainstFloor(const BenchOptions& o, const QString& zqv, qint64 mapP
                 return fail(floor, "the floor run failed");
             floor->runs << floorUsage;
         }
+    }
+}
+
+// Case 7: case 1's recording finished in the interchange form, then in the default one.
+void interchangeAgainstDefault(
+    const BenchOptions& o, const QString& zqv, Measured* interchange, Measured* standard, qint64* indexBytes)
+{
+    const QString folder = QFileInfo(zqv).absolutePath();
+    const QString log = o.work + "/cli.log";
+    Inputs::ReusableRecording recording;
+    Usage usage;
+    if (!recording.capture(zqv))
+        return fail(interchange, "cannot read " + zqv);
+    // Untimed warm-up, which also tells how many bytes the interchange finish appends.
+    if (!finalizeOnce(folder, log, &usage, true))
+        return fail(interchange, "clipward-cli --interchange did not finalize " + zqv);
+    *indexBytes = recording.appendedBytes();
+    if (!recording.restore())
+        return fail(interchange, "cannot put back " + zqv);
+    // The two take turns going first, as case 1 and its floor do.
+    for (int r = 0; r < 2 * quickReps(o); ++r) {
+        const bool inInterchange = (r + r / 2) % 2 == 0;
+        Measured* m = inInterchange ? interchange : standard;
+        if (!finalizeOnce(folder, log, &usage, inInterchange))
+            return fail(m, "clipward-cli did not finalize " + zqv);
+        m->runs << usage;
+        if (!recording.restore())
+            return fail(m, "cannot put back " + zqv);
     }
 }
 
@@ -247,6 +276,8 @@ int runBenchmarks(const BenchOptions& o)
     r.find.label = "find CARD -iname '*.zq?' -o -iname '*.nr?'";
     r.scanCli.label = "clipward-cli --scan-only";
     r.scanWindow.label = "window (offscreen), scan only";
+    r.interchangeFinalize.label = "clipward-cli --interchange finalize";
+    r.defaultFinalize.label = "clipward-cli finalize";
 
     // Cases 1 and 2.
     const QString tern = o.work + "/tern/A001.zqv";
@@ -257,6 +288,14 @@ int runBenchmarks(const BenchOptions& o)
             &r.ternFloor, &r.ternIndexBytes);
     } else {
         fail(&r.ternFinalize, "no input");
+    }
+    // Case 7, while case 1's recording is at hand and in the page cache.
+    if (r.ternEntries != 0 && !r.ternFinalize.failed) {
+        progress("case 7: case 1's recording, interchange finish against the default");
+        interchangeAgainstDefault(
+            o, tern, &r.interchangeFinalize, &r.defaultFinalize, &r.interchangeIndexBytes);
+    } else {
+        fail(&r.interchangeFinalize, "case 1 did not run");
     }
     if (makeSparse(heron, RecordingPlan::Heron, kNearCapacityEntries, &r.heronEntries)) {
         progress("case 2: Heron near capacity");
@@ -329,8 +368,9 @@ int runBenchmarks(const BenchOptions& o)
     printReport(r);
 
     bool allRan = true;
-    for (const Measured* m : { &r.ternFinalize, &r.ternFloor, &r.heronFinalize, &r.heronFloor,
-             &r.denseFinalize, &r.remux, &r.find, &r.scanCli, &r.scanWindow })
+    for (const Measured* m :
+        { &r.ternFinalize, &r.ternFloor, &r.heronFinalize, &r.heronFloor, &r.denseFinalize, &r.remux, &r.find,
+            &r.scanCli, &r.scanWindow, &r.interchangeFinalize, &r.defaultFinalize })
         allRan = allRan && !m->failed;
     for (const ScalePoint& p : qAsConst(r.scaling))
         allRan = allRan && !p.finalize.failed;

@@ -49,6 +49,9 @@ struct BenchResults
     Measured find, scanCli, scanWindow;
     // 6: finalize time by frame-map size (the largest is case 1's recording).
     QList<ScalePoint> scaling;
+    // 7: case 1's recording finished in the interchange form against the default finish.
+    qint64 interchangeIndexBytes = 0;
+    Measured interchangeFinalize, defaultFinalize;
 };
 
 // Makes the inputs, runs every case and prints the tables. Returns 0 when every case ran, whether or

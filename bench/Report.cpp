@@ -14,6 +14,7 @@ const double kPeakRssTargetMb = 48;
 const double kRemuxRatioTarget = 100;
 const double kScanRatioTarget = 3;
 const double kWindowRatioTarget = 2;
+const double kInterchangeRatioTarget = 1.1;
 // The per-entry cost between the two largest sizes may exceed the one below it by this much before
 // it counts as growing (the difference of two medians is noisier than either).
 const double kSlopeGrowthAllowed = 1.25;
@@ -169,6 +170,8 @@ void printReport(const BenchResults& r)
     row(QString("4 card, %1 files").arg(grouped(r.cardFiles)), r.find);
     row(QString("  in %1 folders").arg(grouped(r.cardFolders)), r.scanCli);
     row(QString("5 same card, %1 in progress").arg(grouped(r.cardInProgress)), r.scanWindow);
+    row("7 case 1's recording", r.interchangeFinalize);
+    row(QString("  index %1 bytes").arg(grouped(r.interchangeIndexBytes)), r.defaultFinalize);
 
     line("");
     line("Ratios (of medians) and targets:");
@@ -190,6 +193,19 @@ void printReport(const BenchResults& r)
     if (r.scanWindow.usable() && r.scanCli.usable()) {
         const double window = r.scanWindow.median().wallMs / r.scanCli.median().wallMs;
         ratio("5 window / command line, wall", window, "x", "<= 2x", window <= kWindowRatioTarget);
+    }
+    if (r.interchangeFinalize.usable() && r.defaultFinalize.usable()) {
+        const Usage i = r.interchangeFinalize.median();
+        const Usage d = r.defaultFinalize.median();
+        const double wall = i.wallMs / d.wallMs;
+        ratio("7 interchange / default finish, wall", wall, "x", "<= 1.1x", wall <= kInterchangeRatioTarget);
+        line(QString("%1  %2")
+                 .arg("7 interchange / default finish, CPU (for reference)", -52)
+                 .arg(QString::number(i.cpuMs / d.cpuMs, 'f', 2) + "x", 10));
+    } else {
+        line(QString("%1  not measured: %2")
+                 .arg("7 interchange / default finish", -52)
+                 .arg(r.interchangeFinalize.note + r.defaultFinalize.note));
     }
     scalingTable(r.scaling);
     std::fflush(stdout);

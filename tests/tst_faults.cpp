@@ -243,13 +243,13 @@ struct TracedCall
     int number = 0;
 };
 
-// The calls that change files in a run of the program on `card`, in their order.
-QList<TracedCall> changingCalls(const QString& card, const QString& traceFile)
+// The calls that change files in a run of the program with `args`, in their order.
+QList<TracedCall> changingCalls(const QStringList& args, const QString& traceFile)
 {
     QProcess strace;
     strace.setProcessEnvironment(traceableEnvironment());
-    strace.start("strace", {"-f", "-qq", "-e", "trace=" + kChangingCalls, "-o", traceFile, CLIPWARD_CLI_PATH,
-                            card});
+    strace.start("strace", QStringList{"-f", "-qq", "-e", "trace=" + kChangingCalls, "-o", traceFile,
+                                       CLIPWARD_CLI_PATH} + args);
     QList<TracedCall> calls;
     if (!strace.waitForFinished(-1) || strace.exitCode() != 0)
         return calls;
@@ -263,18 +263,30 @@ QList<TracedCall> changingCalls(const QString& card, const QString& traceFile)
     return calls;
 }
 
-// Runs the program on `card`, killed as it makes `call`; returns whether the kill happened (the program
-// may finish without making the call).
-bool runKilledAt(const QString& card, const TracedCall& call, bool* ranOk)
+// Whether the run made a call whose name starts with `name` (write also finds pwrite64).
+bool madeCall(const QList<TracedCall>& calls, const QString& name)
+{
+    const auto named = [&](const TracedCall& c) { return c.name.startsWith(name); };
+    return std::any_of(calls.begin(), calls.end(), named);
+}
+
+QString killedAtText(const QList<TracedCall>& calls, int i)
+{
+    return QString("killed at call %1 of %2 (%3 #%4)").arg(i + 1).arg(calls.size()).arg(calls[i].name).arg(calls[i].number);
+}
+
+// Runs the program with `args`, killed as it makes `call`; returns whether the kill happened (the
+// program may finish without making the call).
+bool runKilledAt(const QStringList& args, const TracedCall& call, bool* ranOk)
 {
     QProcess strace;
     strace.setProcessEnvironment(traceableEnvironment());
     // The call does not happen: it fails and the process is killed before it sees the failure.
-    strace.start("strace", {"-f", "-qq", "-o", "/dev/null", "-e",
-                            QString("inject=%1:error=EIO:signal=KILL:when=%2")
-                                .arg(call.name)
-                                .arg(call.number),
-                            CLIPWARD_CLI_PATH, card});
+    strace.start("strace", QStringList{"-f", "-qq", "-o", "/dev/null", "-e",
+                                       QString("inject=%1:error=EIO:signal=KILL:when=%2")
+                                           .arg(call.name)
+                                           .arg(call.number),
+                                       CLIPWARD_CLI_PATH} + args);
     *ranOk = strace.waitForFinished(-1);
     // strace ends as its tracee did: killed.
     return *ranOk && strace.exitStatus() == QProcess::CrashExit;
@@ -301,6 +313,11 @@ private slots:
         everyFailingWriteLeavesARetryableFile_data();
     }
     void killedAtEverySystemCallIsCompletedByTheNextRun();
+    void rewriteKilledAtEverySystemCallIsCompletedByTheNextRewrite_data()
+    {
+        killedAtEverySystemCallIsCompletedByTheNextRun_data();
+    }
+    void rewriteKilledAtEverySystemCallIsCompletedByTheNextRewrite();
 };
 
 void TestFaults::everyFailingWriteLeavesARetryableFile_data()
@@ -581,28 +598,20 @@ void TestFaults::killedAtEverySystemCallIsCompletedByTheNextRun()
     QVERIFY(writeInterruptedRecording(zqv, p).ok);
     const QByteArray before = readFile(zqv);
 
-    const QList<TracedCall> calls = changingCalls(card, tmp.filePath("trace"));
+    const QList<TracedCall> calls = changingCalls({card}, tmp.filePath("trace"));
     QVERIFY(!calls.isEmpty());
     const QByteArray undisturbed = readFile(mov);
     QVERIFY(!undisturbed.isEmpty());
-    const auto made = [&](const QString& name) {
-        const auto named = [&](const TracedCall& c) { return c.name.startsWith(name); };
-        return std::any_of(calls.begin(), calls.end(), named);
-    };
-    QVERIFY(made("write") && made("fsync") && made("rename"));
+    QVERIFY(madeCall(calls, "write") && madeCall(calls, "fsync") && madeCall(calls, "rename"));
 
     int killedTwice = 0;
     for (int i = 0; i < calls.size(); ++i) {
-        const QString at = QString("killed at call %1 of %2 (%3 #%4)")
-                               .arg(i + 1)
-                               .arg(calls.size())
-                               .arg(calls[i].name)
-                               .arg(calls[i].number);
+        const QString at = killedAtText(calls, i);
         QVERIFY(QFile::remove(mov) || QFile::remove(zqv));
         QVERIFY(writeFile(zqv, before));
         bool ranOk = false;
-        QVERIFY2(runKilledAt(card, calls[i], &ranOk), qPrintable(at + ": the program was not killed"));
-        if (runKilledAt(card, TracedCall{"ftruncate", 1}, &ranOk))
+        QVERIFY2(runKilledAt({card}, calls[i], &ranOk), qPrintable(at + ": the program was not killed"));
+        if (runKilledAt({card}, TracedCall{"ftruncate", 1}, &ranOk))
             ++killedTwice;
         QVERIFY2(ranOk, qPrintable(at));
         QStringList out;
@@ -611,6 +620,55 @@ void TestFaults::killedAtEverySystemCallIsCompletedByTheNextRun()
         QVERIFY2(readFile(mov) == undisturbed, qPrintable(at));
     }
     qInfo("%d calls killed in turn; %d of the next runs killed again as they cut back", int(calls.size()),
+          killedTwice);
+}
+
+void TestFaults::rewriteKilledAtEverySystemCallIsCompletedByTheNextRewrite()
+{
+    // A movie finished in the recorder's form is rewritten into the interchange form, killed at each call
+    // that changes the file (the cut of the old index, the syncs, the opening of the 'mdat' header, every
+    // write of the new index). The next rewrite, itself killed at its first truncation when it makes one,
+    // and the one after it leave exactly the movie an interchange finish of the recording gives.
+    if (QStandardPaths::findExecutable("strace").isEmpty())
+        QSKIP("strace is needed to kill the program at its system calls (the test command installs it)");
+    QFETCH(int, family);
+    QFETCH(bool, storeEnd);
+    const RecordingPlan p = tornPlan(RecordingPlan::Family(family), storeEnd);
+    QTemporaryDir tmp;
+    const QString card = tmp.filePath("card");
+    const QString mov = card + "/A001.mov";
+    QVERIFY(QDir().mkpath(card));
+    QVERIFY(writeInterruptedRecording(card + "/A001.zqv", p).ok);
+    QStringList out;
+    QCOMPARE(runCli({"--interchange", card}, &out), 0);
+    const QByteArray interchange = readFile(mov);
+    QVERIFY(QFile::remove(mov));
+    QVERIFY(writeInterruptedRecording(card + "/A001.zqv", p).ok);
+    QCOMPARE(runCli({card}, &out), 0);
+    const QByteArray recorderForm = readFile(mov);
+    QVERIFY(!interchange.isEmpty() && recorderForm != interchange);
+
+    const QList<TracedCall> calls = changingCalls({"--interchange", mov}, tmp.filePath("trace"));
+    QCOMPARE(readFile(mov), interchange);
+    QVERIFY(madeCall(calls, "ftruncate") && madeCall(calls, "fsync") && madeCall(calls, "write"));
+
+    int killedTwice = 0;
+    for (int i = 0; i < calls.size(); ++i) {
+        const QString at = killedAtText(calls, i);
+        QVERIFY(writeFile(mov, recorderForm));
+        bool ranOk = false;
+        QVERIFY2(runKilledAt({"--interchange", mov}, calls[i], &ranOk),
+                 qPrintable(at + ": the program was not killed"));
+        if (runKilledAt({"--interchange", mov}, TracedCall{"ftruncate", 1}, &ranOk))
+            ++killedTwice;
+        QVERIFY2(ranOk, qPrintable(at));
+        const int status = runCli({"--interchange", mov}, &out);
+        QVERIFY2(status == 0 && out.contains("     " + mov + " rewritten for interchange."),
+                 qPrintable(at + ":\n" + out.join('\n')));
+        QCOMPARE(QDir(card).entryList(QDir::Files), QStringList{"A001.mov"});
+        QVERIFY2(readFile(mov) == interchange, qPrintable(at));
+    }
+    qInfo("%d calls of a rewrite killed in turn; %d of the next rewrites killed again", int(calls.size()),
           killedTwice);
 }
 

@@ -7,6 +7,7 @@
 #include "support/TestSupport.h"
 
 #include <QApplication>
+#include <QCheckBox>
 #include <QCloseEvent>
 #include <QFileDialog>
 #include <QGroupBox>
@@ -26,6 +27,7 @@
 #include <QXmlStreamReader>
 #include <QtEndian>
 #include <QScrollBar>
+#include <QSettings>
 #include <QtTest>
 
 #include <algorithm>
@@ -80,13 +82,40 @@ QString layoutTree(QLayoutItem* item)
         .arg(layout->metaObject()->className(), layout->objectName(), items.join(", "));
 }
 
-// The five controls a run switches off.
+// The controls a run switches off.
 QList<QWidget*> runControls(QWidget* window)
 {
     QList<QWidget*> controls;
-    for (const char* name : {"scanModeGroup", "drivePathEdit", "browseButton", "startButton", "exitButton"})
+    for (const char* name : {"scanModeGroup", "interchangeFinish", "drivePathEdit", "browseButton",
+                             "startButton", "exitButton"})
         controls << child<QWidget>(window, name);
     return controls;
+}
+
+// Whether the window's finish-style choice as stored for the next session says interchange.
+bool storedInterchange()
+{
+    return QSettings().value("finish/interchange", false).toBool();
+}
+
+// A run's report with the file positions it names left out: the finish styles place the index differently.
+QStringList withoutPositions(QStringList lines)
+{
+    const QRegularExpression position("\\([0-9a-f]+\\)|(Start|End):[0-9]+");
+    for (QString& line : lines)
+        line.replace(position, "#");
+    return lines;
+}
+
+// An unfinished Tern recording with 16-bit sound, the width whose description the finish style decides.
+bool writeTern16BitRecording(const QString& path)
+{
+    RecordingPlan plan;
+    for (int i = 0; i < 30; ++i)
+        plan.videoFrames << syntheticFrame(i, 1200);
+    plan.audioBytesPerSample = 2;
+    plan.audioTracks << syntheticPcm(0, 30 * 1920, 2) << syntheticPcm(1, 30 * 1920, 2);
+    return QDir().mkpath(QFileInfo(path).path()) && writeInterruptedRecording(path, plan).ok;
 }
 
 QtMessageHandler currentHandler()
@@ -129,6 +158,19 @@ private slots:
         QApplication::setApplicationVersion(CLIPWARD_VERSION);
         QApplication::setOrganizationName("Clipward");
         QVERIFY(!QFileInfo::exists(kMissingPath));
+        // The window's remembered choices go to a folder of the test's own, never the user's settings.
+        QVERIFY(m_settingsDir.isValid());
+        QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settingsDir.path());
+        QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settingsDir.path());
+    }
+
+    void init()
+    {
+        // Every test starts from fresh settings: a remembered interchange choice would change its runs.
+        QSettings settings;
+        settings.clear();
+        settings.sync();
+        QCOMPARE(settings.status(), QSettings::NoError);
     }
 
     void cleanup()
@@ -158,6 +200,8 @@ private slots:
         for (QRadioButton* radio : child<QGroupBox>(&window, "scanModeGroup")->findChildren<QRadioButton*>())
             radios << radio->objectName() + " in " + radio->parentWidget()->objectName();
         QCOMPARE(radios, (QStringList{"scanAndFinalize in scanModeGroup", "scanOnly in scanModeGroup"}));
+        QCOMPARE(child<QCheckBox>(&window, "interchangeFinish")->parentWidget()->objectName(),
+                 QString("scanModeGroup"));
     }
 
     void formTextsAndGeometry()
@@ -173,7 +217,7 @@ private slots:
         QVERIFY(description->wordWrap());
 
         QGroupBox* group = child<QGroupBox>(&window, "scanModeGroup");
-        QCOMPARE(group->minimumSize(), QSize(0, 70));
+        QCOMPARE(group->minimumSize(), QSize(285, 90));
         QCOMPARE(group->title(), QString("Scan Mode"));
 
         QRadioButton* finalize = child<QRadioButton>(&window, "scanAndFinalize");
@@ -186,6 +230,14 @@ private slots:
         QCOMPARE(scanOnly->geometry(), QRect(10, 40, 191, 17));
         QCOMPARE(scanOnly->text(), QString("Scan only, do not finalize."));
         QCOMPARE(scanOnly->toolTip(), QString("Scans for unfinalized files, but does not finalize them."));
+
+        QCheckBox* interchange = child<QCheckBox>(&window, "interchangeFinish");
+        QCOMPARE(interchange->geometry(), QRect(10, 64, 271, 17));
+        QCOMPARE(interchange->text(), QString("Finish for every player (interchange)"));
+        QCOMPARE(interchange->toolTip(),
+                 QString("Writes an index that every common player and editor reads right: 16-bit sound as "
+                         "'sowt', the start timecode as readers count it, each track as long as its own "
+                         "media. Off: the finish the recorder maker's own tools produce."));
 
         QCOMPARE(child<QLabel>(&window, "label")->text(), QString("Drive/ path to scan:"));
         QCOMPARE(child<QPushButton>(&window, "browseButton")->text(), QString("Browse..."));
@@ -227,6 +279,8 @@ private slots:
 
         QVERIFY(child<QRadioButton>(&window, "scanAndFinalize")->isChecked());
         QVERIFY(!child<QRadioButton>(&window, "scanOnly")->isChecked());
+        QVERIFY(!child<QCheckBox>(&window, "interchangeFinish")->isChecked());
+        QVERIFY(child<QCheckBox>(&window, "interchangeFinish")->isEnabled());
         QVERIFY(!child<QPushButton>(&window, "startButton")->isEnabled());
         QVERIFY(child<QPushButton>(&window, "browseButton")->isEnabled());
         QVERIFY(child<QPushButton>(&window, "exitButton")->isEnabled());
@@ -574,6 +628,100 @@ private slots:
         QCOMPARE(bar->maximum(), 100);
     }
 
+    void interchangeChoiceIsRemembered()
+    {
+        QVERIFY(!storedInterchange());
+        {
+            auto window = makeWindow();
+            QCheckBox* box = child<QCheckBox>(window.get(), "interchangeFinish");
+            QVERIFY(!box->isChecked());
+            // The whole box shows inside the group, under the two scan modes.
+            QGroupBox* group = child<QGroupBox>(window.get(), "scanModeGroup");
+            QVERIFY(group->rect().contains(box->geometry()));
+            // Text widths only mean something with the desktop's own fonts.
+            if (QGuiApplication::platformName() != "offscreen")
+                QVERIFY(box->width() >= box->sizeHint().width());
+            QVERIFY(box->y() >= child<QRadioButton>(window.get(), "scanOnly")->geometry().bottom());
+
+            QTest::mouseClick(box, Qt::LeftButton);
+            QVERIFY(box->isChecked());
+            QVERIFY(storedInterchange());
+        }
+        {
+            auto window = makeWindow();
+            QCheckBox* box = child<QCheckBox>(window.get(), "interchangeFinish");
+            QVERIFY(box->isChecked());
+            QTest::mouseClick(box, Qt::LeftButton);
+            QVERIFY(!storedInterchange());
+        }
+        auto window = makeWindow();
+        QVERIFY(!child<QCheckBox>(window.get(), "interchangeFinish")->isChecked());
+    }
+
+    void interchangeFinishDeclaresSowt()
+    {
+        // One card, restored between runs: finished with the box off, with it on, and by clipward-cli
+        // --interchange. Only the sound description's format tells the two finishes' reports apart.
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString card = dir.path() + "/CARD";
+        const QString movie = card + "/DCIM/A001.mov";
+        QVERIFY(writeTern16BitRecording(card + "/DCIM/A001.zqv"));
+        const auto before = TestSupport::snapshotTree(card);
+        auto restore = [&] {
+            QVERIFY(QDir(card).removeRecursively());
+            for (auto it = before.begin(); it != before.end(); ++it)
+                QVERIFY(TestSupport::writeFile(card + "/" + it.key(), it.value()));
+        };
+
+        auto window = makeWindow();
+        QCheckBox* box = child<QCheckBox>(window.get(), "interchangeFinish");
+        runOn(*window, card, false);
+        const QStringList recorderLines = logLines(*window);
+        QVERIFY(recorderLines.contains("     " + movie + " (Tern) Finalized"));
+        const QByteArray recorderMovie = TestSupport::readFile(movie);
+        QVERIFY(recorderMovie.contains("twos"));
+        QVERIFY(!recorderMovie.contains("sowt"));
+
+        restore();
+        QTest::mouseClick(box, Qt::LeftButton);
+        QVERIFY(box->isChecked());
+        runOn(*window, card, false);
+        QVERIFY(box->isEnabled());
+        const QStringList interchangeLines = logLines(*window);
+        QCOMPARE(withoutPositions(interchangeLines), withoutPositions(recorderLines));
+        QVERIFY(interchangeLines.contains("     " + movie + " (Tern) Finalized"));
+        const auto finished = TestSupport::snapshotTree(card);
+        const QByteArray interchangeMovie = finished.value("DCIM/A001.mov");
+        QVERIFY(!interchangeMovie.contains("twos"));
+        QCOMPARE(interchangeMovie.count("sowt"), recorderMovie.count("twos")); // each sound description
+
+        restore();
+        QStringList cliLines;
+        QCOMPARE(TestSupport::runCli({"--interchange", card}, &cliLines), 0);
+        QCOMPARE(cliLines, interchangeLines);
+        QCOMPARE(TestSupport::snapshotTree(card), finished);
+    }
+
+    void interchangeChoiceLeavesScanOnlyAlone()
+    {
+        // A scan changes nothing either way: the box stays usable and the report is the same.
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        QVERIFY(writeTern16BitRecording(dir.path() + "/CARD/DCIM/A001.zqv"));
+        const auto before = TestSupport::snapshotTree(dir.path());
+
+        auto window = makeWindow();
+        QCheckBox* box = child<QCheckBox>(window.get(), "interchangeFinish");
+        runOn(*window, dir.path() + "/CARD", true);
+        const QStringList plainLines = logLines(*window);
+        QVERIFY(box->isEnabled());
+        QTest::mouseClick(box, Qt::LeftButton);
+        runOn(*window, dir.path() + "/CARD", true);
+        QCOMPARE(logLines(*window), plainLines);
+        QCOMPARE(TestSupport::snapshotTree(dir.path()), before);
+    }
+
     void logKeepsLatest4000Lines()
     {
         auto window = makeWindow();
@@ -632,6 +780,7 @@ private slots:
         QProcess program;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("QT_QPA_PLATFORM", "offscreen");
+        env.insert("XDG_CONFIG_HOME", m_settingsDir.path()); // nothing of the user's settings is read
         // Nothing is torn down on the way out: a leak check at exit would only report the window.
         env.insert("ASAN_OPTIONS", env.value("ASAN_OPTIONS") + ":detect_leaks=0");
         program.setProcessEnvironment(env);
@@ -790,6 +939,8 @@ private slots:
     }
 
 private:
+    QTemporaryDir m_settingsDir;
+
     std::unique_ptr<MainWindow> makeWindow()
     {
         std::unique_ptr<MainWindow> window(new MainWindow);

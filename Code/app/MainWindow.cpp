@@ -12,6 +12,7 @@
 #include <QFileInfo>
 #include <QMetaObject>
 #include <QScrollBar>
+#include <QSettings>
 #include <QStatusBar>
 #include <QTextCursor>
 #include <QTextDocument>
@@ -33,6 +34,9 @@ QtMessageHandler previousHandler = nullptr;
 // directly, where they are laid out only once shown, and the box is scrolled and repainted at most this
 // often (milliseconds). Events are still processed after every line.
 const qint64 kRunLogInterval = 33;
+
+// Whether Start finishes in the interchange form; remembered from one session to the next.
+const char* const kInterchangeKey = "finish/interchange";
 
 } // namespace
 
@@ -67,6 +71,8 @@ MainWindow::MainWindow(QWidget* parent)
             .arg(QCoreApplication::applicationName()));
     connect(ui->drivePathEdit, &QLineEdit::textChanged, this, &MainWindow::drivePathTextChanged);
     connect(ui->scanAndFinalize, &QRadioButton::toggled, this, &MainWindow::scanModeChanged);
+    ui->interchangeFinish->setChecked(QSettings().value(kInterchangeKey, false).toBool());
+    connect(ui->interchangeFinish, &QCheckBox::toggled, this, &MainWindow::finishStyleChanged);
 
     mainWindowInstance = this;
     previousHandler = qInstallMessageHandler(debugHandler);
@@ -141,6 +147,11 @@ void MainWindow::scanModeChanged()
     ui->outputWindow->clear();
 }
 
+void MainWindow::finishStyleChanged(bool interchange)
+{
+    QSettings().setValue(kInterchangeKey, interchange);
+}
+
 void MainWindow::on_exitButton_clicked()
 {
     std::exit(0);
@@ -152,13 +163,16 @@ void MainWindow::on_startButton_clicked()
 
     // output() pumps events during the run, so every control that could start another handler is off.
     ui->scanModeGroup->setEnabled(false);
+    ui->interchangeFinish->setEnabled(false);
     ui->drivePathEdit->setEnabled(false);
     ui->browseButton->setEnabled(false);
     ui->startButton->setEnabled(false);
     ui->exitButton->setEnabled(false);
     ui->progressBar->setRange(0, 0);
 
-    FinalizeRun run(!ui->scanAndFinalize->isChecked());
+    const Tern::FinishStyle style =
+        ui->interchangeFinish->isChecked() ? Tern::FinishStyle::Interchange : Tern::FinishStyle::Recorder;
+    FinalizeRun run(!ui->scanAndFinalize->isChecked(), style);
     connect(&run, &FinalizeRun::output, this, &MainWindow::output);
     m_runInProgress = true;
     m_sinceLogShown.invalidate();
@@ -169,6 +183,7 @@ void MainWindow::on_startButton_clicked()
     statusBar()->clearMessage();
 
     ui->scanModeGroup->setEnabled(true);
+    ui->interchangeFinish->setEnabled(true);
     ui->drivePathEdit->setEnabled(true);
     ui->browseButton->setEnabled(true);
     ui->startButton->setEnabled(true);
@@ -210,6 +225,7 @@ void MainWindow::closeEvent(QCloseEvent* event)
 void MainWindow::setRunning(bool running)
 {
     ui->scanModeGroup->setEnabled(!running);
+    ui->interchangeFinish->setEnabled(!running);
     ui->drivePathEdit->setEnabled(!running);
     ui->browseButton->setEnabled(!running);
     ui->startButton->setEnabled(!running);

@@ -8,7 +8,7 @@ namespace Ui {
 class MainWindow;
 }
 
-// The one window: path, scan mode, Start and the log box that shows one run of FinalizeRun,
+// The one window: path, scan mode, finish style, Start and the log box that shows one run of FinalizeRun,
 // together with every message logged through the framework while the window exists.
 class MainWindow : public QMainWindow
 {
@@ -36,6 +36,8 @@ public slots:
     void output(const QString& text);
     void drivePathTextChanged(const QString& text);
     void scanModeChanged();
+    // Remembers the finish style for the next session.
+    void finishStyleChanged(bool interchange);
     void on_exitButton_clicked();
     void on_startButton_clicked();
     void on_browseButton_clicked();

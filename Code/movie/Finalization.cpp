@@ -102,6 +102,19 @@ TrackDurations trackDurations(const QuickTimeFile& file, quint32 soundSamples)
 
 } // namespace
 
+QuickTimeSampleDescription* QuickTimeFile::soundDescription()
+{
+    // The sound is little-endian: the 'enda' extension says so, but readers that ignore it take 'twos'
+    // and 'in32' for big-endian, so the interchange form names 16-bit sound 'sowt' and describes 32-bit
+    // sound as 'lpcm' with its byte order in the flags.
+    if (interchange() && audioBytesPerSample == 4)
+        return new QuickTimeLinearPcmSampleDescription(this, audioBytesPerSample, audioSampleRate);
+    auto* description = new QuickTimeSoundSampleDescription(this, 0, audioSampleRate);
+    if (interchange() && audioBytesPerSample == 2)
+        description->dataFormat = fourCC("sowt");
+    return description;
+}
+
 bool QuickTimeFile::indexFitsAtomSizes() const
 {
     // Every table's bytes, counted in 64 bits, and a generous allowance per track for its headers,
@@ -268,12 +281,7 @@ QuickTimeAtom* QuickTimeFile::buildIndex(qint64 position)
             QuickTimeAtom* stbl = minf->addAtom(new QuickTimeSampleTableAtom());
             auto* stsd = new QuickTimeSampleDescriptionAtom(this);
             stbl->addAtom(stsd);
-            auto* description = new QuickTimeSoundSampleDescription(this, 0, audioSampleRate);
-            // 16-bit sound is little-endian: the 'enda' extension says so, but readers that ignore it
-            // need the format to say it.
-            if (interchange() && B == 2)
-                description->dataFormat = fourCC("sowt");
-            stsd->addDescription(description);
+            stsd->addDescription(soundDescription());
 
             stbl->addAtom(new QuickTimeTimeToSampleAtom(this, Q, 1));
             stbl->addAtom(new QuickTimeSampleToChunkAtom(this, P, A, L, F));

@@ -14,6 +14,8 @@ class QIODevice;
 
 namespace Tern {
 
+class QuickTimeSampleDescription;
+
 enum quicktime_frametype_t {
     quicktime_frametype_sound = 0,
     quicktime_frametype_video = 1,
@@ -404,6 +406,8 @@ private:
     // The 'moov' tree of the index for the current counts, to be written at `position` (its alignment
     // depends on it), added to the atom list.
     QuickTimeAtom* buildIndex(qint64 position);
+    // The description of each sound track, in the finish style's form.
+    QuickTimeSampleDescription* soundDescription();
 
     // Where an index that a finish killed mid-way left behind begins, between the end of the media the
     // frame map lists (`mapEnd`) and the end of the file: the first place holding the start of exactly the

@@ -406,6 +406,52 @@ bool QuickTimeSoundSampleDescription::read(QDataStream& stream, quint64* remaini
     return true;
 }
 
+QuickTimeLinearPcmSampleDescription::QuickTimeLinearPcmSampleDescription(QuickTimeFile* movie, quint32 bytes,
+                                                                         quint32 rate)
+    : QuickTimeSampleDescription(s_entrySize - s_commonSize, fourCC("lpcm"))
+    , movieFile(movie)
+    , sampleRate(rate)
+    , bitsPerChannel(8 * bytes)
+    , bytesPerPacket(bytes)
+{
+}
+
+void QuickTimeLinearPcmSampleDescription::write(QDataStream& stream)
+{
+    QuickTimeSampleDescription::write(stream);
+    const quint16 version = 2;
+    // The fixed values a version 2 description carries where version 0 and 1 keep theirs.
+    stream << version << quint16(0) << quint32(0) << quint16(3) << quint16(16) << quint16(0xFFFE) << quint16(0)
+           << quint32(0x00010000) << quint32(s_entrySize);
+    stream.setFloatingPointPrecision(QDataStream::DoublePrecision);
+    stream << sampleRate << channels << quint32(0x7F000000) << bitsPerChannel << flags << bytesPerPacket
+           << quint32(1);
+}
+
+bool QuickTimeLinearPcmSampleDescription::read(QDataStream& stream, quint64* remaining)
+{
+    const quint32 kFields = s_entrySize - s_commonSize;
+    if (!QuickTimeSampleDescription::read(stream, remaining) || !QuickTimeAtom::consume(remaining, kFields))
+        return false;
+    quint16 version = 0;
+    stream >> version;
+    if (!QuickTimeAtom::skipBytes(stream, 22))
+        return false;
+    stream.setFloatingPointPrecision(QDataStream::DoublePrecision);
+    quint32 always7F = 0, framesPerPacket = 0;
+    stream >> sampleRate >> channels >> always7F >> bitsPerChannel >> flags >> bytesPerPacket >> framesPerPacket;
+    if (stream.status() != QDataStream::Ok || version != 2)
+        return false;
+    QuickTimeAtom::seekWithin(stream.device(), stream.device()->pos() + qint64(size - s_entrySize));
+    if (movieFile) {
+        movieFile->setCurrentAudioBytesPerSample(bitsPerChannel / 8);
+        movieFile->setCurrentAudioIsBigEndian((flags & s_bigEndian) != 0);
+        movieFile->setCurrentAudioChannels(channels);
+        movieFile->audioSampleRate = sampleRate > 0 && sampleRate < 4e9 ? quint32(sampleRate) : 0;
+    }
+    return true;
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // Timecode
 
@@ -499,6 +545,11 @@ QuickTimeSampleDescription* descriptionOfFormat(QuickTimeFile* movie, quint32 fo
         if (!movie || !movie->learningOwnTracks)
             return nullptr;
         return new QuickTimeSoundSampleDescription(movie, 0, 0);
+    case fourCC("lpcm"):
+        // The 32-bit sound of the interchange form; likewise.
+        if (!movie || !movie->learningOwnTracks)
+            return nullptr;
+        return new QuickTimeLinearPcmSampleDescription(movie, 0, 0);
     case fourCC("in31"):
         if (!extendedFormats)
             return nullptr;

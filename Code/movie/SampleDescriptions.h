@@ -142,6 +142,28 @@ public:
     quint16 littleEndian;
 };
 
+// Sound of the interchange form's 32-bit tracks: a version 2 'lpcm' description, whose flags state the
+// byte order (readers that ignore 'enda' take 'in32' for big-endian). Mono, signed, packed, little-endian.
+class QuickTimeLinearPcmSampleDescription : public QuickTimeSampleDescription
+{
+public:
+    static constexpr quint32 s_entrySize = 72;
+    static constexpr quint32 s_signedInteger = 0x4;
+    static constexpr quint32 s_bigEndian = 0x2;
+    static constexpr quint32 s_packed = 0x8;
+
+    QuickTimeLinearPcmSampleDescription(QuickTimeFile* movie, quint32 bytesPerSample, quint32 sampleRate);
+    void write(QDataStream& stream) override;
+    bool read(QDataStream& stream, quint64* remaining) override;
+
+    QuickTimeFile* movieFile;
+    double sampleRate;
+    quint32 channels = 1;
+    quint32 bitsPerChannel;
+    quint32 flags = s_signedInteger | s_packed;
+    quint32 bytesPerPacket;
+};
+
 // Timecode: rate, flags and frames per second of the timecode track. The 'name' atom hung behind it in
 // the 'stsd' counts as its extension; whoever adds it grows `size` too.
 class QuickTimeTimecodeSampleDescription : public QuickTimeSampleDescription

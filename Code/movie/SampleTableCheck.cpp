@@ -9,6 +9,7 @@
 #include <QtEndian>
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -178,7 +179,8 @@ bool writtenFormat(quint32 handler, quint32 format, quint32 soundSampleBytes)
             || format == code("AVdn");
     if (handler == code("soun"))
         return format == Tern::SoundResolutionToFormat(int(soundSampleBytes))
-            || (soundSampleBytes == 2 && format == code("sowt")); // the interchange form's 16-bit sound
+            // the interchange form's 16- and 32-bit sound
+            || (soundSampleBytes == 2 && format == code("sowt")) || (soundSampleBytes == 4 && format == code("lpcm"));
     return handler != code("tmcd") || format == code("tmcd");
 }
 
@@ -280,8 +282,17 @@ private:
             if (be32(m_bytes, first) < 36)
                 return fail("'stsd': the sound description is too short");
             const quint16 version = be16(m_bytes, first + 16);
-            const quint16 channels = be16(m_bytes, first + 24);
-            if (version == 1 && be32(m_bytes, first) >= 48)
+            quint32 channels = be16(m_bytes, first + 24);
+            m_soundRate = be32(m_bytes, first + 32) >> 16;
+            // Version 2 ('lpcm'): the rate as a 64-bit float at 40, channels at 48, a packet's bytes at 64.
+            if (version == 2 && be32(m_bytes, first) >= 72) {
+                channels = be32(m_bytes, first + 48);
+                m_soundFrameBytes = be32(m_bytes, first + 64);
+                const quint64 rateBits = qFromBigEndian<quint64>(m_bytes.constData() + first + 40);
+                double rate = 0;
+                std::memcpy(&rate, &rateBits, sizeof rate);
+                m_soundRate = rate > 0 && rate < 4e9 ? quint32(rate) : 0;
+            } else if (version == 1 && be32(m_bytes, first) >= 48)
                 m_soundFrameBytes = be32(m_bytes, first + 44);
             else if (version == 0)
                 m_soundFrameBytes = quint32(channels) * (be16(m_bytes, first + 26) / 8);
@@ -290,7 +301,6 @@ private:
             if (channels == 0)
                 return fail("'stsd': sound of 0 channels");
             m_soundSampleBytes = m_soundFrameBytes / channels;
-            m_soundRate = be32(m_bytes, first + 32) >> 16;
             if (m_soundRate != m_timeScale)
                 return fail(QString("'mdhd': a time scale of %1, the sound description's rate is %2")
                                 .arg(m_timeScale)
@@ -484,9 +494,10 @@ private:
             return fail(QString("'stts': %1 runs for the timecode, this movie has one").arg(m_sttsEntries));
         if (!m_own.listComplete)
             return QString(); // the list ends before the samples: nothing to hold them to
-        // The interchange form lists only the last sample, the one its finish appended: a frame number.
-        if (m_chunkOffsets.size() == 1 && !m_own.timecodeOffsets.isEmpty()
-            && m_chunkOffsets[0] == m_own.timecodeOffsets.last() && m_constantSize == 4)
+        // The interchange form lists only the sample its finish appended, a frame number, which closes
+        // the media (where the list would put it when the media end on a block boundary).
+        if (m_chunkOffsets.size() == 1 && !m_own.timecodeOffsets.isEmpty() && m_constantSize == 4
+            && !m_media.isEmpty() && m_chunkOffsets[0] + Tern::QuickTimeFile::s_timecodeSampleBytes == m_media.last().end)
             return QString();
         if (m_chunkOffsets.size() != m_own.timecodeOffsets.size())
             return fail(QString("%1 timecode chunks, the maker atom's list %2")

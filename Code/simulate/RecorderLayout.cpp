@@ -62,7 +62,7 @@ std::unique_ptr<Tern::QuickTimeFile> startRecording(
     file.seek(Tern::QuickTimeFile::s_movieDataStartOffset);
     storeSettings(movie->settings, plan, audioTrackCount);
     movie->saveRecoverySettings();
-    movie->setTimecode(plan.timecode, plan.dropFrame, false, heron);
+    movie->setTimecode(plan.timecode, plan.dropFrame, false, heron || !plan.timecodeSample);
     return movie;
 }
 

@@ -27,6 +27,7 @@ struct RecordingPlan
     quint32 frameRate = 2500; // hundredths; the field rate when interlaced
     quint32 timecode = 0x01000000; // 01:00:00:00
     bool dropFrame = false;
+    bool timecodeSample = true; // Tern: false for a recording whose recorder wrote no timecode sample
     QString reelName = "A001";
 
     // Sound: one buffer of little-endian PCM per track, all of the same length. One sound chunk follows

@@ -1,9 +1,15 @@
 #include "support/MediaTools.h"
 
 #include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QMap>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 
 namespace MediaTools {
 
@@ -28,6 +34,12 @@ QByteArray run(const QString& program, const QStringList& args, bool* ok)
 }
 
 namespace {
+
+QByteArray readAll(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
 
 // "key=value|key=value" lines of ffprobe's compact output.
 QList<QMap<QString, QString>> compactRecords(const QByteArray& output)
@@ -103,7 +115,7 @@ QList<Stream> streams(const QString& file)
     const QByteArray out =
         run("ffprobe", {"-v", "error", "-count_packets", "-show_entries",
                         "stream=codec_type,codec_name,codec_tag_string,nb_read_packets,sample_rate,channels,width,"
-                        "height,r_frame_rate",
+                        "height,r_frame_rate,duration:stream_tags=timecode",
                         "-of", "compact=p=0", file},
             &ok);
     QList<Stream> list;
@@ -118,9 +130,98 @@ QList<Stream> streams(const QString& file)
         s.width = record.value("width").toInt();
         s.height = record.value("height").toInt();
         s.frameRate = record.value("r_frame_rate");
+        bool known = false;
+        const double duration = record.value("duration").toDouble(&known);
+        s.duration = known ? duration : -1;
+        s.timecode = record.value("tag:timecode");
         list << s;
     }
     return list;
+}
+
+double formatDuration(const QString& file)
+{
+    bool ok = false;
+    const QByteArray out = run("ffprobe", {"-v", "error", "-show_entries", "format=duration", "-of",
+                                           "default=noprint_wrappers=1:nokey=1", file},
+                               &ok);
+    return ok ? out.trimmed().toDouble() : -1;
+}
+
+bool gstreamerAvailable()
+{
+    return !QStandardPaths::findExecutable("gst-launch-1.0").isEmpty()
+        && !QStandardPaths::findExecutable("gst-discoverer-1.0").isEmpty();
+}
+
+QByteArray gstreamerDecodeAudio(const QString& file, int index, const QString& rawFormat)
+{
+    QTemporaryDir tmp;
+    const QString out = tmp.filePath("sound.raw");
+    bool ok = false;
+    run("gst-launch-1.0", {"-q", "filesrc", "location=" + file, "!", "qtdemux", "name=d",
+                           QString("d.audio_%1").arg(index), "!", "queue", "!", "audioconvert", "!",
+                           "audio/x-raw,format=" + rawFormat, "!", "filesink", "location=" + out},
+        &ok);
+    return ok ? readAll(out) : QByteArray();
+}
+
+int gstreamerVideoFrames(const QString& file, int width, int height)
+{
+    QTemporaryDir tmp;
+    const QString out = tmp.filePath("video.yuv");
+    bool ok = false;
+    run("gst-launch-1.0", {"-q", "filesrc", "location=" + file, "!", "qtdemux", "name=d", "d.video_0", "!",
+                           "queue", "!", "decodebin", "!", "videoconvert", "!", "video/x-raw,format=I420", "!",
+                           "filesink", "location=" + out},
+        &ok);
+    const qint64 frameBytes = qint64(width) * height * 3 / 2;
+    if (!ok || frameBytes == 0)
+        return -1;
+    return int(QFileInfo(out).size() / frameBytes);
+}
+
+Discovery gstreamerDiscover(const QString& file)
+{
+    Discovery d;
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start("gst-discoverer-1.0", {"-v", file});
+    process.waitForFinished(600000);
+    d.output = QString::fromUtf8(process.readAll());
+    d.ok = process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0
+        && !d.output.contains("error", Qt::CaseInsensitive);
+    const QRegularExpression duration("Duration: (\\d+):(\\d+):(\\d+\\.\\d+)");
+    const QRegularExpressionMatch m = duration.match(d.output);
+    if (m.hasMatch())
+        d.duration = m.captured(1).toInt() * 3600 + m.captured(2).toInt() * 60 + m.captured(3).toDouble();
+    const QRegularExpression stream("^\\s+(video|audio|subtitles) #\\d+:", QRegularExpression::MultilineOption);
+    for (auto it = stream.globalMatch(d.output); it.hasNext();)
+        d.streams << it.next().captured(1);
+    return d;
+}
+
+bool mediaInfoAvailable()
+{
+    return !QStandardPaths::findExecutable("mediainfo").isEmpty();
+}
+
+QList<QMap<QString, QString>> mediaInfoTracks(const QString& file)
+{
+    bool ok = false;
+    const QByteArray out = run("mediainfo", {"--Output=JSON", file}, &ok);
+    QList<QMap<QString, QString>> tracks;
+    const QJsonArray list = QJsonDocument::fromJson(out).object().value("media").toObject().value("track").toArray();
+    for (const QJsonValue& value : list) {
+        QMap<QString, QString> track;
+        const QJsonObject object = value.toObject();
+        for (auto it = object.begin(); it != object.end(); ++it) {
+            if (it.value().isString())
+                track.insert(it.key(), it.value().toString());
+        }
+        tracks << track;
+    }
+    return tracks;
 }
 
 } // namespace MediaTools

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QList>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 
@@ -36,7 +37,34 @@ struct Stream
     int width = 0;
     int height = 0;
     QString frameRate; // r_frame_rate
+    double duration = -1; // seconds, as the stream's index gives it
+    QString timecode;     // the stream's timecode tag, where it has one
 };
 QList<Stream> streams(const QString& file);
+// The movie's duration in seconds, as ffprobe gives it.
+double formatDuration(const QString& file);
+
+// GStreamer (gst-launch-1.0 and gst-discoverer-1.0, qtdemux and the libav decoders) as a second reader.
+bool gstreamerAvailable();
+// Every decoded sample of sound track `index` through qtdemux, as raw PCM in `rawFormat` (S16LE, S24LE,
+// S32LE); empty when the pipeline fails.
+QByteArray gstreamerDecodeAudio(const QString& file, int index, const QString& rawFormat);
+// The video frames qtdemux and the decoder give for the first video track (decoded to I420 at the
+// given size); -1 when the pipeline fails.
+int gstreamerVideoFrames(const QString& file, int width, int height);
+// What gst-discoverer-1.0 reports: the duration in seconds and the kinds of stream it found ("video",
+// "audio", "subtitles"), in order; `ok` false when it reports an error.
+struct Discovery
+{
+    bool ok = false;
+    double duration = -1;
+    QStringList streams;
+    QString output;
+};
+Discovery gstreamerDiscover(const QString& file);
+
+// MediaInfo as a third reader: one map of fields per track ("@type" General, Video, Audio, Other, ...).
+bool mediaInfoAvailable();
+QList<QMap<QString, QString>> mediaInfoTracks(const QString& file);
 
 } // namespace MediaTools
