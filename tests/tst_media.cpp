@@ -234,6 +234,13 @@ QList<QPair<const char*, Shape>> interchangeShapes()
     heronDropFrame.samplesPerChunk = 3072;
     heronDropFrame.variant = 0; // Heron numbers the 422 variants from 0
     list.append({"Heron 29.97 drop-frame, 16-bit", heronDropFrame});
+
+    Shape nothing = list.first().second; // only a chunk begun and never committed
+    nothing.family = RecordingPlan::Heron;
+    nothing.frames = 0;
+    nothing.tracks = 0;
+    nothing.samplesPerChunk = 3072;
+    list.append({"Heron without picture or sound", nothing});
     return list;
 }
 
@@ -411,14 +418,18 @@ void TestMedia::interchangeFinishReadsRightInEveryReader()
                                                  : 0;
     const double videoSeconds = shape.frames * frameSeconds;
     const double soundSeconds = samples / 48000.0;
-    const double movieSeconds = qMax(videoSeconds, soundSeconds);
+    // A movie with neither lasts one frame: the span of its timecode and of its empty caption.
+    const bool nothing = shape.frames == 0 && shape.tracks == 0;
+    const double movieSeconds = nothing ? 100.0 / shape.recordRate : qMax(videoSeconds, soundSeconds);
     const double tolerance = 0.002;
 
     // ffprobe and ffmpeg: every track with its whole count and duration, the start timecode, and every
     // frame and sample as recorded, the edit lists followed.
     const QList<MediaTools::Stream> streams = MediaTools::streams(mov);
-    QCOMPARE(streams.size(), 1 + (shape.frames > 0 ? 1 : 0) + shape.tracks);
+    QCOMPARE(streams.size(), 1 + (shape.frames > 0 ? 1 : 0) + shape.tracks + (nothing ? 1 : 0));
     QCOMPARE(streams[0].tag, QString("tmcd"));
+    if (nothing)
+        QCOMPARE(streams[1].tag, QString("tx3g"));
     QCOMPARE(streams[0].timecode, shape.expectedTimecode);
     QVERIFY(qAbs(MediaTools::formatDuration(mov) - movieSeconds) < tolerance);
     int next = 1;
@@ -450,6 +461,8 @@ void TestMedia::interchangeFinishReadsRightInEveryReader()
         kinds << "video";
     for (int t = 0; t < shape.tracks; ++t)
         kinds << "audio";
+    if (nothing)
+        kinds << "subtitles";
     QCOMPARE(discovered.streams, kinds);
     const QString gstFormat = shape.bytesPerSample == 2 ? "S16LE" : shape.bytesPerSample == 3 ? "S24LE" : "S32LE";
     for (int t = 0; t < shape.tracks; ++t) {

@@ -300,7 +300,32 @@ QuickTimeAtom* QuickTimeFile::buildIndex(qint64 position)
         }
     }
 
+    // A movie with neither picture nor sound: an empty caption lasting the movie, so that players that
+    // refuse a movie with nothing to present open it. Its sample is the empty text (a length of 0) that the
+    // zeros behind the frame number in the finish's own timecode sample hold.
+    if (interchange() && V == 0 && nextTrackId == 2)
+        addEmptyCaptionTrack(moov, nextTrackId, duration.movie, position - s_timecodeSampleBytes + 4);
+
     return moov;
+}
+
+void QuickTimeFile::addEmptyCaptionTrack(QuickTimeAtom* moov, quint32 trackId, quint32 duration,
+                                         qint64 samplePosition)
+{
+    const quint32 kEmptyTextBytes = 2; // the text's 16-bit length, 0
+    QuickTimeAtom* mdia = addTrackHead(this, moov, trackId, duration, 0, 0, timeScale, duration, fourCC("sbtl"));
+    QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
+    QuickTimeAtom* gmhd = minf->addAtom(new QuickTimeBaseInformationHeaderAtom());
+    gmhd->addAtom(new QuickTimeBaseMediaInformationAtom());
+    addDataReference(minf);
+    QuickTimeAtom* stbl = minf->addAtom(new QuickTimeSampleTableAtom());
+    auto* stsd = new QuickTimeSampleDescriptionAtom(this);
+    stbl->addAtom(stsd);
+    stsd->addDescription(new QuickTimeTextSampleDescription());
+    stbl->addAtom(new QuickTimeTimeToSampleAtom(this, 1, duration));
+    stbl->addAtom(new QuickTimeSampleToChunkAtom(this, 1, 0, 0, 0));
+    stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_unknown, 1, kEmptyTextBytes));
+    stbl->addAtom(new QuickTimeSingleChunkOffset64Atom(this, quint64(samplePosition)));
 }
 
 // Closes the file behind a written index: the 512 zero bytes, then the final 'mdat' header. Each step

@@ -408,6 +408,8 @@ private:
     QuickTimeAtom* buildIndex(qint64 position);
     // The description of each sound track, in the finish style's form.
     QuickTimeSampleDescription* soundDescription();
+    // The interchange form's empty caption track of a movie with neither picture nor sound.
+    void addEmptyCaptionTrack(QuickTimeAtom* moov, quint32 trackId, quint32 duration, qint64 samplePosition);
 
     // Where an index that a finish killed mid-way left behind begins, between the end of the media the
     // frame map lists (`mapEnd`) and the end of the file: the first place holding the start of exactly the

@@ -406,6 +406,24 @@ bool QuickTimeSoundSampleDescription::read(QDataStream& stream, quint64* remaini
     return true;
 }
 
+QuickTimeTextSampleDescription::QuickTimeTextSampleDescription()
+    : QuickTimeSampleDescription(s_entrySize - s_commonSize, fourCC("tx3g"))
+{
+}
+
+void QuickTimeTextSampleDescription::write(QDataStream& stream)
+{
+    QuickTimeSampleDescription::write(stream);
+    const quint16 fontId = 1;
+    const QByteArray fontName("Serif");
+    // Display flags, centred at the bottom, a clear background and an empty default text box.
+    stream << quint32(0) << qint8(1) << qint8(-1) << quint32(0) << quint64(0);
+    // The default style: characters 0 to 0, the font, plain, 18 point, opaque white.
+    stream << quint16(0) << quint16(0) << fontId << quint8(0) << quint8(18) << quint32(0xFFFFFFFF);
+    stream << quint32(18) << fourCC("ftab") << quint16(1) << fontId << quint8(fontName.size());
+    stream.writeRawData(fontName.constData(), fontName.size());
+}
+
 QuickTimeLinearPcmSampleDescription::QuickTimeLinearPcmSampleDescription(QuickTimeFile* movie, quint32 bytes,
                                                                          quint32 rate)
     : QuickTimeSampleDescription(s_entrySize - s_commonSize, fourCC("lpcm"))

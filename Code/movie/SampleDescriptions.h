@@ -142,6 +142,17 @@ public:
     quint16 littleEndian;
 };
 
+// An empty caption track's 3GPP text description ('tx3g', with its one-font table): the interchange form
+// gives a movie without picture or sound such a track, so that players which open only a movie with
+// something to present open it.
+class QuickTimeTextSampleDescription : public QuickTimeSampleDescription
+{
+public:
+    static constexpr quint32 s_entrySize = 64;
+    QuickTimeTextSampleDescription();
+    void write(QDataStream& stream) override;
+};
+
 // Sound of the interchange form's 32-bit tracks: a version 2 'lpcm' description, whose flags state the
 // byte order (readers that ignore 'enda' take 'in32' for big-endian). Mono, signed, packed, little-endian.
 class QuickTimeLinearPcmSampleDescription : public QuickTimeSampleDescription
