@@ -272,7 +272,11 @@ bool madeCall(const QList<TracedCall>& calls, const QString& name)
 
 QString killedAtText(const QList<TracedCall>& calls, int i)
 {
-    return QString("killed at call %1 of %2 (%3 #%4)").arg(i + 1).arg(calls.size()).arg(calls[i].name).arg(calls[i].number);
+    return QString("killed at call %1 of %2 (%3 #%4)")
+        .arg(i + 1)
+        .arg(calls.size())
+        .arg(calls[i].name)
+        .arg(calls[i].number);
 }
 
 // Runs the program with `args`, killed as it makes `call`; returns whether the kill happened (the

@@ -446,9 +446,11 @@ void TestMedia::interchangeFinishReadsRightInEveryReader()
         QCOMPARE(audio.codec, audioCodec(shape.bytesPerSample));
         QCOMPARE(audio.tag, QString(shape.bytesPerSample == 2 ? "sowt" : shape.bytesPerSample == 3 ? "in24"
                                                                                                  : "lpcm"));
-        QVERIFY2(qAbs(audio.duration - soundSeconds) < tolerance, qPrintable(QString::number(audio.duration)));
-        QVERIFY2(MediaTools::decodeAudio(mov, t, rawFormat(shape.bytesPerSample)) == recorded.plan.audioTracks[t],
-                 qPrintable(QString("ffmpeg: sound track %1 differs").arg(t)));
+        QVERIFY2(
+            qAbs(audio.duration - soundSeconds) < tolerance, qPrintable(QString::number(audio.duration)));
+        QVERIFY2(
+            MediaTools::decodeAudio(mov, t, rawFormat(shape.bytesPerSample)) == recorded.plan.audioTracks[t],
+            qPrintable(QString("ffmpeg: sound track %1 differs").arg(t)));
     }
 
     // GStreamer: the movie opens without an error, as long as its longest track, with every stream; its
@@ -464,7 +466,9 @@ void TestMedia::interchangeFinishReadsRightInEveryReader()
     if (nothing)
         kinds << "subtitles";
     QCOMPARE(discovered.streams, kinds);
-    const QString gstFormat = shape.bytesPerSample == 2 ? "S16LE" : shape.bytesPerSample == 3 ? "S24LE" : "S32LE";
+    const QString gstFormat = shape.bytesPerSample == 2 ? "S16LE"
+        : shape.bytesPerSample == 3                     ? "S24LE"
+                                                        : "S32LE";
     for (int t = 0; t < shape.tracks; ++t) {
         QVERIFY2(MediaTools::gstreamerDecodeAudio(mov, t, gstFormat) == recorded.plan.audioTracks[t],
                  qPrintable(QString("GStreamer: sound track %1 differs").arg(t)));

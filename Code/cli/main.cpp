@@ -9,7 +9,6 @@
 #include <QFileInfo>
 #include <QStringList>
 
-#include <algorithm>
 #include <cstdio>
 
 namespace {
@@ -136,8 +135,8 @@ int main(int argc, char* argv[])
             return usageError("no FILE given");
         return verifyFiles(paths);
     }
-    const auto isFile = [](const QString& path) { return QFileInfo(path).isFile(); };
-    if (interchange && !paths.isEmpty() && std::all_of(paths.cbegin(), paths.cend(), isFile)) {
+    // Finished movies to rewrite: a file, or more than one path (a run takes one folder).
+    if (interchange && (paths.size() > 1 || (paths.size() == 1 && QFileInfo(paths.first()).isFile()))) {
         if (scanOnly)
             return usageError("--scan-only lists recordings on a PATH; it does not take finished movies");
         return rewriteFiles(paths);

@@ -35,7 +35,8 @@ FinalizeRun::Summary FinalizeRun::rewriteForInterchange(const QStringList& files
             ++summary.badCount;
             break;
         case Finalize::Rewrite::Failed:
-            emit output(QString("     %1 not rewritten: its recording could not be finished again.").arg(path));
+            emit output(
+                QString("     %1 not rewritten: its recording could not be finished again.").arg(path));
             ++summary.badCount;
             break;
         case Finalize::Rewrite::InUse:

@@ -16,7 +16,8 @@
 
 namespace {
 
-const QIODevice::OpenMode kOpenExisting = QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::ExistingOnly;
+const QIODevice::OpenMode kOpenExisting =
+    QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::ExistingOnly;
 
 // Entries of the frame list in the maker atom of a movie this library finished, and whether its index is
 // the one this library writes for that list; false for any other movie.
@@ -66,8 +67,14 @@ Finalize::Rewrite Finalize::rewriteForInterchange(const QString& path)
 
     bool rewritten = false;
     bool recognised = false;
-    movie.initFile(nullptr);
-    Tern::RecoverySettings* settings = movie.loadSavedSettings();
+    // Nothing is written to a file before it is known to be one of the three this rewrite takes: a movie
+    // Clipward finished, one a rewrite left between its steps, and one a rewrite left in progress (it
+    // keeps its finished name; a recording under its in-progress name is the finish's, not a rewrite's).
+    const bool inProgressMovie = path.endsWith(".mov", Qt::CaseInsensitive) && movie.verifyHeader();
+    const bool candidate = finished || movie.reopenedMediaEnd() >= 0 || inProgressMovie;
+    if (candidate)
+        movie.initFile(nullptr); // the file is longer than the reserved region: nothing is written
+    Tern::RecoverySettings* settings = candidate ? movie.loadSavedSettings() : nullptr;
     if (settings && (!tern || TernSettings::usable(*settings))) {
         if (tern)
             TernSettings::configure(ternMovie, *settings);
@@ -84,7 +91,7 @@ Finalize::Rewrite Finalize::rewriteForInterchange(const QString& path)
         } else {
             mediaEnd = movie.reopenedMediaEnd();
         }
-        const bool inProgress = mediaEnd < 0 && movie.verifyHeader();
+        const bool inProgress = mediaEnd < 0 && inProgressMovie;
         recognised = mediaEnd >= 0 || inProgress;
         if (recognised && (inProgress || movie.reopenMovieData(mediaEnd))) {
             rewritten = movie.recover();

@@ -143,9 +143,9 @@ bool QuickTimeFile::closeFile()
     m_syncFailure.clear();
     // What a failed attempt appended is cut off again, so a retry finds the file as this one did.
     m_sizeBeforeClose = device.size();
-    // The closing timecode sample (the family's, or the interchange form's) joins 'mdat' and the index names it; its bytes go out in the same
-    // first write as the index's start, so a finish killed early leaves nothing of itself or the start of
-    // an index a later run recognises.
+    // The closing timecode sample (the family's, or the interchange form's) joins 'mdat' and the index
+    // names it; its bytes go out in the same first write as the index's start, so a finish killed early
+    // leaves nothing of itself or the start of an index a later run recognises.
     QByteArray leadIn;
     if (closeAppendsTimecodeSample()) {
         leadIn = closingTimecodeSample();
@@ -233,7 +233,8 @@ QuickTimeAtom* QuickTimeFile::buildIndex(qint64 position)
         if (interchange()) {
             stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_timecode, 1,
                                                       kTimecodeFrameNumberBytes));
-            stbl->addAtom(new QuickTimeSingleChunkOffset64Atom(this, quint64(position - s_timecodeSampleBytes)));
+            const quint64 samplePosition = quint64(position - s_timecodeSampleBytes);
+            stbl->addAtom(new QuickTimeSingleChunkOffset64Atom(this, samplePosition));
         } else {
             stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_timecode, T, 0));
             stbl->addAtom(new QuickTimeChunkOffset64Atom(this, quicktime_frametype_timecode, T, 0, 1, 0, 0));
@@ -272,8 +273,8 @@ QuickTimeAtom* QuickTimeFile::buildIndex(qint64 position)
         // built as long as every table between them is too: with a sample size the size tables are.
         const auto soundChunkTables = B != 0 ? std::make_shared<QuickTimeChunkOffsetGroup>() : nullptr;
         for (quint32 i = 0; i < audioTracks; ++i, ++nextTrackId) {
-            QuickTimeAtom* mdia = addTrackHead(this, moov, nextTrackId, duration.sound, 0, 0, audioSampleRate, Q,
-                                               fourCC("soun"));
+            QuickTimeAtom* mdia = addTrackHead(this, moov, nextTrackId, duration.sound, 0, 0, audioSampleRate,
+                                               Q, fourCC("soun"));
             QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
             minf->addAtom(new QuickTimeSoundInformationAtom());
             addDataReference(minf);
@@ -313,7 +314,8 @@ void QuickTimeFile::addEmptyCaptionTrack(QuickTimeAtom* moov, quint32 trackId, q
                                          qint64 samplePosition)
 {
     const quint32 kEmptyTextBytes = 2; // the text's 16-bit length, 0
-    QuickTimeAtom* mdia = addTrackHead(this, moov, trackId, duration, 0, 0, timeScale, duration, fourCC("sbtl"));
+    QuickTimeAtom* mdia =
+        addTrackHead(this, moov, trackId, duration, 0, 0, timeScale, duration, fourCC("sbtl"));
     QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
     QuickTimeAtom* gmhd = minf->addAtom(new QuickTimeBaseInformationHeaderAtom());
     gmhd->addAtom(new QuickTimeBaseMediaInformationAtom());

@@ -61,7 +61,8 @@ bool QuickTimeFile::reopenMovieData(qint64 mediaEnd)
     // First the index goes, while the header still reads as closed: a kill here leaves a file that
     // reopenedMediaEnd recognises. Then the header opens in one write; from there on the file is an
     // in-progress recording that any finish completes.
-    if (device.size() != mediaEnd && (!file->resize(mediaEnd) || !StableStorage::sync(device, &m_syncFailure)))
+    if (device.size() != mediaEnd
+        && (!file->resize(mediaEnd) || !StableStorage::sync(device, &m_syncFailure)))
         return false;
     QByteArray header;
     QDataStream headerStream(&header, QIODevice::WriteOnly);

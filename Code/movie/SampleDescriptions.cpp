@@ -439,8 +439,8 @@ void QuickTimeLinearPcmSampleDescription::write(QDataStream& stream)
     QuickTimeSampleDescription::write(stream);
     const quint16 version = 2;
     // The fixed values a version 2 description carries where version 0 and 1 keep theirs.
-    stream << version << quint16(0) << quint32(0) << quint16(3) << quint16(16) << quint16(0xFFFE) << quint16(0)
-           << quint32(0x00010000) << quint32(s_entrySize);
+    stream << version << quint16(0) << quint32(0) << quint16(3) << quint16(16) << quint16(0xFFFE)
+           << quint16(0) << quint32(0x00010000) << quint32(s_entrySize);
     stream.setFloatingPointPrecision(QDataStream::DoublePrecision);
     stream << sampleRate << channels << quint32(0x7F000000) << bitsPerChannel << flags << bytesPerPacket
            << quint32(1);
@@ -457,7 +457,8 @@ bool QuickTimeLinearPcmSampleDescription::read(QDataStream& stream, quint64* rem
         return false;
     stream.setFloatingPointPrecision(QDataStream::DoublePrecision);
     quint32 always7F = 0, framesPerPacket = 0;
-    stream >> sampleRate >> channels >> always7F >> bitsPerChannel >> flags >> bytesPerPacket >> framesPerPacket;
+    stream >> sampleRate >> channels >> always7F >> bitsPerChannel >> flags >> bytesPerPacket
+        >> framesPerPacket;
     if (stream.status() != QDataStream::Ok || version != 2)
         return false;
     QuickTimeAtom::seekWithin(stream.device(), stream.device()->pos() + qint64(size - s_entrySize));

@@ -180,7 +180,8 @@ bool writtenFormat(quint32 handler, quint32 format, quint32 soundSampleBytes)
     if (handler == code("soun"))
         return format == Tern::SoundResolutionToFormat(int(soundSampleBytes))
             // the interchange form's 16- and 32-bit sound
-            || (soundSampleBytes == 2 && format == code("sowt")) || (soundSampleBytes == 4 && format == code("lpcm"));
+            || (soundSampleBytes == 2 && format == code("sowt"))
+            || (soundSampleBytes == 4 && format == code("lpcm"));
     return handler != code("tmcd") || format == code("tmcd");
 }
 
@@ -497,7 +498,8 @@ private:
         // The interchange form lists only the sample its finish appended, a frame number, which closes
         // the media (where the list would put it when the media end on a block boundary).
         if (m_chunkOffsets.size() == 1 && !m_own.timecodeOffsets.isEmpty() && m_constantSize == 4
-            && !m_media.isEmpty() && m_chunkOffsets[0] + Tern::QuickTimeFile::s_timecodeSampleBytes == m_media.last().end)
+            && !m_media.isEmpty()
+            && m_chunkOffsets[0] + Tern::QuickTimeFile::s_timecodeSampleBytes == m_media.last().end)
             return QString();
         if (m_chunkOffsets.size() != m_own.timecodeOffsets.size())
             return fail(QString("%1 timecode chunks, the maker atom's list %2")

@@ -476,7 +476,8 @@ void QuickTimeSingleChunkOffset64Atom::write(QDataStream& stream)
     const bool logs = file && file->family().logsChunkOffsetProgress;
     stream << entries;
     if (logs)
-        qDebug("stream %d entries (%llx)", int(entries), static_cast<unsigned long long>(streamPosition(stream)));
+        qDebug("stream %d entries (%llx)", int(entries),
+            static_cast<unsigned long long>(streamPosition(stream)));
     stream << offset;
     if (logs)
         qDebug("done streaming %d entries", int(entries));

@@ -171,9 +171,10 @@ int gstreamerVideoFrames(const QString& file, int width, int height)
     QTemporaryDir tmp;
     const QString out = tmp.filePath("video.yuv");
     bool ok = false;
-    run("gst-launch-1.0", {"-q", "filesrc", "location=" + file, "!", "qtdemux", "name=d", "d.video_0", "!",
-                           "queue", "!", "decodebin", "!", "videoconvert", "!", "video/x-raw,format=I420", "!",
-                           "filesink", "location=" + out},
+    run("gst-launch-1.0",
+        { "-q", "filesrc", "location=" + file, "!", "qtdemux", "name=d", "d.video_0", "!", "queue", "!",
+            "decodebin", "!", "videoconvert", "!", "video/x-raw,format=I420", "!", "filesink",
+            "location=" + out },
         &ok);
     const qint64 frameBytes = qint64(width) * height * 3 / 2;
     if (!ok || frameBytes == 0)
@@ -195,7 +196,8 @@ Discovery gstreamerDiscover(const QString& file)
     const QRegularExpressionMatch m = duration.match(d.output);
     if (m.hasMatch())
         d.duration = m.captured(1).toInt() * 3600 + m.captured(2).toInt() * 60 + m.captured(3).toDouble();
-    const QRegularExpression stream("^\\s+(video|audio|subtitles) #\\d+:", QRegularExpression::MultilineOption);
+    const QRegularExpression stream(
+        "^\\s+(video|audio|subtitles) #\\d+:", QRegularExpression::MultilineOption);
     for (auto it = stream.globalMatch(d.output); it.hasNext();)
         d.streams << it.next().captured(1);
     return d;
@@ -211,7 +213,8 @@ QList<QMap<QString, QString>> mediaInfoTracks(const QString& file)
     bool ok = false;
     const QByteArray out = run("mediainfo", {"--Output=JSON", file}, &ok);
     QList<QMap<QString, QString>> tracks;
-    const QJsonArray list = QJsonDocument::fromJson(out).object().value("media").toObject().value("track").toArray();
+    const QJsonArray list
+        = QJsonDocument::fromJson(out).object().value("media").toObject().value("track").toArray();
     for (const QJsonValue& value : list) {
         QMap<QString, QString> track;
         const QJsonObject object = value.toObject();
