@@ -235,6 +235,16 @@ QList<QPair<const char*, Shape>> interchangeShapes()
     heronDropFrame.variant = 0; // Heron numbers the 422 variants from 0
     list.append({"Heron 29.97 drop-frame, 16-bit", heronDropFrame});
 
+    Shape longSound = list.first().second;
+    longSound.samplesPerTrack = 48000 + 7; // a second of sound to 0.6 s of picture
+    list.append({"sound longer than the picture", longSound});
+
+    Shape heronLongSound = longSound;
+    heronLongSound.family = RecordingPlan::Heron;
+    heronLongSound.variant = 0;
+    heronLongSound.samplesPerChunk = 3072;
+    list.append({"Heron sound longer than the picture", heronLongSound});
+
     Shape nothing = list.first().second; // only a chunk begun and never committed
     nothing.family = RecordingPlan::Heron;
     nothing.frames = 0;
@@ -501,6 +511,19 @@ void TestMedia::interchangeFinishReadsRightInEveryReader()
     QCOMPARE(videoTracks, shape.frames > 0 ? 1 : 0);
     QCOMPARE(soundTracks, shape.tracks);
     QCOMPARE(timecodeTracks, 1);
+
+    // mkvmerge: remuxed into Matroska, every frame and sample is still the recorded one.
+    if (MediaTools::mkvmergeAvailable() && !nothing) {
+        const QString mkv = tmp.filePath("remuxed.mkv");
+        QVERIFY(MediaTools::remuxToMatroska(mov, mkv));
+        if (shape.frames > 0)
+            QCOMPARE(MediaTools::videoFrameHashes(mkv), recorded.sourceHashes);
+        for (int t = 0; t < shape.tracks; ++t) {
+            QVERIFY2(MediaTools::decodeAudio(mkv, t, rawFormat(shape.bytesPerSample))
+                    == recorded.plan.audioTracks[t],
+                qPrintable(QString("mkvmerge: sound track %1 differs").arg(t)));
+        }
+    }
 
     // The program's own reader reads the interchange form as well.
     QStringList verified;

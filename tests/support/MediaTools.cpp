@@ -203,6 +203,20 @@ Discovery gstreamerDiscover(const QString& file)
     return d;
 }
 
+bool mkvmergeAvailable()
+{
+    return !QStandardPaths::findExecutable("mkvmerge").isEmpty();
+}
+
+bool remuxToMatroska(const QString& file, const QString& output)
+{
+    QProcess process;
+    process.start("mkvmerge", {"-q", "-o", output, file});
+    // mkvmerge exits 1 for warnings, 2 for errors.
+    return process.waitForFinished(600000) && process.exitStatus() == QProcess::NormalExit
+        && process.exitCode() == 0;
+}
+
 bool mediaInfoAvailable()
 {
     return !QStandardPaths::findExecutable("mediainfo").isEmpty();

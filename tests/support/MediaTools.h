@@ -63,6 +63,10 @@ struct Discovery
 };
 Discovery gstreamerDiscover(const QString& file);
 
+// mkvmerge as the remuxer editors use: `file` rewritten into Matroska at `output`; false on failure.
+bool mkvmergeAvailable();
+bool remuxToMatroska(const QString& file, const QString& output);
+
 // MediaInfo as a third reader: one map of fields per track ("@type" General, Video, Audio, Other, ...).
 bool mediaInfoAvailable();
 QList<QMap<QString, QString>> mediaInfoTracks(const QString& file);
