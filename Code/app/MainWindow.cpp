@@ -5,17 +5,24 @@
 #include "finalize/LogText.h"
 
 #include <QAbstractTextDocumentLayout>
+#include <QAction>
 #include <QCloseEvent>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QGroupBox>
+#include <QKeyEvent>
+#include <QMenu>
 #include <QMetaObject>
+#include <QScreen>
 #include <QScrollBar>
 #include <QSettings>
 #include <QStatusBar>
+#include <QTemporaryFile>
 #include <QTextCursor>
 #include <QTextDocument>
+#include <QVBoxLayout>
 
 #include <cstdlib>
 
@@ -34,6 +41,9 @@ QtMessageHandler previousHandler = nullptr;
 // directly, where they are laid out only once shown, and the box is scrolled and repainted at most this
 // often (milliseconds). Events are still processed after every line.
 const qint64 kRunLogInterval = 33;
+
+// The scan-mode group's minimum height in the form.
+const int kScanModeGroupMinimumHeight = 70;
 
 // Whether Start finishes in the interchange form; remembered from one session to the next.
 const char* const kInterchangeKey = "finish/interchange";
@@ -64,6 +74,39 @@ MainWindow::MainWindow(QWidget* parent)
     ui->scanAndFinalize->setChecked(true);
     ui->startButton->setEnabled(false);
     ui->outputWindow->setMaximumBlockCount(kMaxLogLines);
+    // The report is read, selected and copied, never edited; Tab leaves it, and only a click enters it.
+    ui->outputWindow->setReadOnly(true);
+    ui->outputWindow->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+    ui->outputWindow->setTabChangesFocus(true);
+    ui->outputWindow->setFocusPolicy(Qt::ClickFocus);
+    ui->outputWindow->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(ui->outputWindow, &QWidget::customContextMenuRequested, this, [this](const QPoint& at) {
+        QMenu* menu = createLogMenu();
+        menu->setAttribute(Qt::WA_DeleteOnClose);
+        menu->popup(ui->outputWindow->viewport()->mapToGlobal(at));
+    });
+    m_saveLogAction = new QAction(tr("Save Log..."), this);
+    m_saveLogAction->setShortcut(QKeySequence::Save);
+    connect(m_saveLogAction, &QAction::triggered, this, &MainWindow::saveLog);
+    addAction(m_saveLogAction);
+    // Like a terminal: the box follows the end until the user scrolls away from it, and again once they
+    // scroll back; a resize or new lines keep the end in view while it follows.
+    QScrollBar* scroll = ui->outputWindow->verticalScrollBar();
+    connect(scroll, &QAbstractSlider::actionTriggered, this,
+            [this, scroll](int) { m_followLog = scroll->sliderPosition() >= scroll->maximum(); });
+    connect(scroll, &QAbstractSlider::rangeChanged, this, [this, scroll](int, int maximum) {
+        if (m_followLog)
+            scroll->setValue(maximum);
+    });
+    // The busy bar shows only during a run, keeping its place; the status strip only with a message.
+    QSizePolicy barPolicy = ui->progressBar->sizePolicy();
+    barPolicy.setRetainSizeWhenHidden(true);
+    ui->progressBar->setSizePolicy(barPolicy);
+    ui->progressBar->hide();
+    statusBar()->hide();
+    connect(statusBar(), &QStatusBar::messageChanged, this,
+            [this](const QString& message) { statusBar()->setVisible(!message.isEmpty()); });
+    layOutScanModes();
     setWindowTitle(QString("%1 version %2")
                        .arg(QCoreApplication::applicationName(), QCoreApplication::applicationVersion()));
     ui->descriptionLabel->setText(
@@ -74,8 +117,164 @@ MainWindow::MainWindow(QWidget* parent)
     ui->interchangeFinish->setChecked(QSettings().value(kInterchangeKey, false).toBool());
     connect(ui->interchangeFinish, &QCheckBox::toggled, this, &MainWindow::finishStyleChanged);
 
+    setUpKeyboard();
+
     mainWindowInstance = this;
     previousHandler = qInstallMessageHandler(debugHandler);
+}
+
+void MainWindow::setUpKeyboard()
+{
+    // Alt and the underlined letter; the texts read as before.
+    ui->scanAndFinalize->setText(tr("Scan and &finalize files."));
+    ui->scanOnly->setText(tr("Scan &only, do not finalize."));
+    ui->interchangeFinish->setText(tr("Finish for every &player (interchange)"));
+    ui->label->setText(tr("&Drive/ path to scan:"));
+    ui->label->setBuddy(ui->drivePathEdit);
+    ui->browseButton->setText(tr("&Browse..."));
+    ui->startButton->setText(tr("&Start"));
+    ui->exitButton->setText(tr("E&xit"));
+
+    setTabOrder(ui->drivePathEdit, ui->browseButton);
+    setTabOrder(ui->browseButton, ui->scanAndFinalize);
+    setTabOrder(ui->scanAndFinalize, ui->scanOnly);
+    setTabOrder(ui->scanOnly, ui->interchangeFinish);
+    setTabOrder(ui->interchangeFinish, ui->startButton);
+    setTabOrder(ui->startButton, ui->exitButton);
+
+    // Enter in the path field, or on Start when it has the focus, starts a run.
+    ui->startButton->setAutoDefault(true);
+    connect(ui->drivePathEdit, &QLineEdit::returnPressed, this, &MainWindow::startIfEnabled);
+    ui->drivePathEdit->installEventFilter(this);
+    ui->drivePathEdit->setFocus();
+}
+
+void MainWindow::layOutScanModes()
+{
+    auto* modes = new QVBoxLayout(ui->scanModeGroup);
+    modes->setObjectName("scanModeLayout");
+    for (QWidget* choice : {static_cast<QWidget*>(ui->scanAndFinalize), static_cast<QWidget*>(ui->scanOnly),
+                            static_cast<QWidget*>(ui->interchangeFinish)})
+        modes->addWidget(choice);
+    // Styled now, so their sizes are known before the window first shows.
+    ui->scanModeGroup->ensurePolished();
+    for (QWidget* choice : ui->scanModeGroup->findChildren<QWidget*>())
+        choice->ensurePolished();
+    keepScanModesWhole();
+}
+
+bool MainWindow::eventFilter(QObject* watched, QEvent* event)
+{
+    if (watched == ui->drivePathEdit && event->type() == QEvent::KeyPress) {
+        const auto* key = static_cast<QKeyEvent*>(event);
+        if ((key->modifiers() & Qt::AltModifier) && !(key->modifiers() & Qt::ControlModifier)
+            && !key->text().isEmpty())
+            return true;
+    }
+    return QMainWindow::eventFilter(watched, event);
+}
+
+void MainWindow::keepScanModesWhole()
+{
+    // The form's minimum height is a floor; the choices at the window's font, as styled, may need more.
+    QGroupBox* group = ui->scanModeGroup;
+    const int needed = qMax(kScanModeGroupMinimumHeight, group->layout()->totalMinimumSize().height());
+    if (group->minimumHeight() != needed)
+        group->setMinimumHeight(needed);
+}
+
+void MainWindow::changeEvent(QEvent* event)
+{
+    QMainWindow::changeEvent(event);
+    if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange)
+        keepScanModesWhole();
+}
+
+void MainWindow::showEvent(QShowEvent* event)
+{
+    QMainWindow::showEvent(event);
+    if (m_fittedToScreen)
+        return;
+    m_fittedToScreen = true;
+    if (const QScreen* where = screen())
+        fitIntoScreenArea(where->availableGeometry());
+}
+
+void MainWindow::fitIntoScreenArea(const QRect& available)
+{
+    // The frame the window manager adds counts; the layouts' minimum at this font is never undercut.
+    const QSize frame = frameGeometry().size() - geometry().size();
+    const QSize wanted = size().boundedTo(available.size() - frame).expandedTo(minimumSizeHint());
+    if (wanted != size())
+        resize(wanted);
+    const QRect outer = frameGeometry();
+    const int left = qBound(
+        available.left(), outer.left(), qMax(available.left(), available.right() + 1 - outer.width()));
+    const int top = qBound(
+        available.top(), outer.top(), qMax(available.top(), available.bottom() + 1 - outer.height()));
+    if (QPoint(left, top) != outer.topLeft())
+        move(left, top);
+}
+
+void MainWindow::startIfEnabled()
+{
+    if (ui->startButton->isEnabled())
+        ui->startButton->click();
+}
+
+void MainWindow::recordLine(const QString& line)
+{
+    if (m_runRecord && m_runRecord->isOpen()) {
+        m_runRecord->write(line.toUtf8());
+        m_runRecord->write("\n", 1);
+    }
+}
+
+void MainWindow::saveLog()
+{
+    const QString path = QFileDialog::getSaveFileName(this, tr("Save Log"), QString(),
+                                                      tr("Text files (*.txt);;All files (*)"));
+    if (path.isEmpty())
+        return;
+    QString error;
+    if (saveLogTo(path, &error))
+        statusBar()->showMessage(tr("The log was saved to %1.").arg(path), 10000);
+    else
+        statusBar()->showMessage(tr("The log could not be saved to %1: %2.").arg(path, error));
+}
+
+bool MainWindow::saveLogTo(const QString& path, QString* error)
+{
+    QFile out(path);
+    bool written = out.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    if (written && m_runRecord && m_runRecord->isOpen()) {
+        m_runRecord->flush();
+        QFile record(m_runRecord->fileName());
+        written = record.open(QIODevice::ReadOnly);
+        while (written && !record.atEnd()) {
+            const QByteArray piece = record.read(1 << 20);
+            written = out.write(piece) == piece.size();
+        }
+    } else if (written) {
+        const QString shown = ui->outputWindow->toPlainText();
+        const QByteArray bytes = (shown.isEmpty() ? shown : shown + '\n').toUtf8();
+        written = out.write(bytes) == bytes.size();
+    }
+    written = written && out.flush();
+    if (!written && error)
+        *error = out.errorString();
+    return written;
+}
+
+QMenu* MainWindow::createLogMenu()
+{
+    auto* menu = new QMenu(this);
+    QAction* copy = menu->addAction(tr("&Copy"), ui->outputWindow, &QPlainTextEdit::copy, QKeySequence::Copy);
+    copy->setEnabled(ui->outputWindow->textCursor().hasSelection());
+    menu->addAction(tr("Select &All"), ui->outputWindow, &QPlainTextEdit::selectAll, QKeySequence::SelectAll);
+    menu->addSeparator();
+    menu->addAction(m_saveLogAction);
+    return menu;
 }
 
 MainWindow::~MainWindow()
@@ -91,10 +290,13 @@ MainWindow::~MainWindow()
 
 void MainWindow::output(const QString& text)
 {
-    if (m_runInProgress)
-        appendDuringRun(logLineText(text));
-    else
-        ui->outputWindow->appendPlainText(logLineText(text));
+    const QString line = logLineText(text);
+    if (m_runInProgress) {
+        recordLine(line);
+        appendDuringRun(line);
+    } else {
+        ui->outputWindow->appendPlainText(line);
+    }
     // The run is synchronous on this thread: this is where the window repaints and the bar moves.
     QCoreApplication::processEvents();
 }
@@ -129,9 +331,8 @@ void MainWindow::showLog()
     layout->blockSignals(m_runInProgress);
     ui->outputWindow->setUpdatesEnabled(true);
     QScrollBar* bar = ui->outputWindow->verticalScrollBar();
-    if (bar->value() >= m_shownBottom)
+    if (m_followLog)
         bar->setValue(bar->maximum());
-    m_shownBottom = bar->maximum();
     ui->outputWindow->viewport()->update();
     m_sinceLogShown.restart();
 }
@@ -160,15 +361,14 @@ void MainWindow::on_exitButton_clicked()
 void MainWindow::on_startButton_clicked()
 {
     ui->outputWindow->clear();
+    m_followLog = true;
+    // The whole report goes to a file of its own as well: the box keeps only the last 4000 lines.
+    m_runRecord.reset(new QTemporaryFile());
+    if (!m_runRecord->open())
+        m_runRecord.reset();
 
     // output() pumps events during the run, so every control that could start another handler is off.
-    ui->scanModeGroup->setEnabled(false);
-    ui->interchangeFinish->setEnabled(false);
-    ui->drivePathEdit->setEnabled(false);
-    ui->browseButton->setEnabled(false);
-    ui->startButton->setEnabled(false);
-    ui->exitButton->setEnabled(false);
-    ui->progressBar->setRange(0, 0);
+    showRunning(true);
 
     const Tern::FinishStyle style =
         ui->interchangeFinish->isChecked() ? Tern::FinishStyle::Interchange : Tern::FinishStyle::Recorder;
@@ -176,19 +376,29 @@ void MainWindow::on_startButton_clicked()
     connect(&run, &FinalizeRun::output, this, &MainWindow::output);
     m_runInProgress = true;
     m_sinceLogShown.invalidate();
-    m_shownBottom = ui->outputWindow->verticalScrollBar()->maximum();
     run.run(typedPath());
     m_runInProgress = false;
     showLog();
+    if (m_runRecord)
+        m_runRecord->flush();
     statusBar()->clearMessage();
 
-    ui->scanModeGroup->setEnabled(true);
-    ui->interchangeFinish->setEnabled(true);
-    ui->drivePathEdit->setEnabled(true);
-    ui->browseButton->setEnabled(true);
-    ui->startButton->setEnabled(true);
-    ui->exitButton->setEnabled(true);
-    ui->progressBar->setRange(0, 100);
+    showRunning(false);
+    // The focus goes back where a keyboard user continues, never into the report.
+    if (!ui->drivePathEdit->hasFocus() && !ui->startButton->hasFocus())
+        ui->startButton->setFocus();
+}
+
+void MainWindow::showRunning(bool running)
+{
+    ui->scanModeGroup->setEnabled(!running);
+    ui->interchangeFinish->setEnabled(!running);
+    ui->drivePathEdit->setEnabled(!running);
+    ui->browseButton->setEnabled(!running);
+    ui->startButton->setEnabled(!running);
+    ui->exitButton->setEnabled(!running);
+    ui->progressBar->setRange(0, running ? 0 : 100);
+    ui->progressBar->setVisible(running);
 }
 
 void MainWindow::on_browseButton_clicked()
@@ -224,13 +434,7 @@ void MainWindow::closeEvent(QCloseEvent* event)
 
 void MainWindow::setRunning(bool running)
 {
-    ui->scanModeGroup->setEnabled(!running);
-    ui->interchangeFinish->setEnabled(!running);
-    ui->drivePathEdit->setEnabled(!running);
-    ui->browseButton->setEnabled(!running);
-    ui->startButton->setEnabled(!running);
-    ui->exitButton->setEnabled(!running);
-    ui->progressBar->setRange(0, running ? 0 : 100);
+    showRunning(running);
 }
 
 QString MainWindow::getDrive(const QString& path)

@@ -4,6 +4,12 @@
 #include <QMainWindow>
 #include <QString>
 
+#include <memory>
+
+class QAction;
+class QMenu;
+class QTemporaryFile;
+
 namespace Ui {
 class MainWindow;
 }
@@ -28,9 +34,27 @@ public:
     // Where Browse opens: the typed folder when there is one, else the picker's own default.
     QString browseStartFolder() const;
 
+    // The whole report of the last run, every line in order (also those that fell out of the box); before
+    // any run, what the box shows. False with the system's words in `error` when the file cannot be written.
+    bool saveLogTo(const QString& path, QString* error = nullptr);
+    // The log box's menu: Copy, Select All, Save Log...
+    QMenu* createLogMenu();
+    QAction* saveLogAction() const { return m_saveLogAction; }
+    // Shrinks the window into `available` (a screen's free area) where it is larger, down to the minimum
+    // its layouts need at the current font, and moves it inside; done at the first showing.
+    void fitIntoScreenArea(const QRect& available);
+    // Whether the box keeps the last line in view: true until the user scrolls away from the end.
+    bool followsLog() const { return m_followLog; }
+
 protected:
     // While a run is going the window stays: closing it would hide a run that goes on changing the card.
     void closeEvent(QCloseEvent* event) override;
+    // The first showing fits the window into the screen's available area.
+    void showEvent(QShowEvent* event) override;
+    // A new font or style lays the scan modes out anew.
+    void changeEvent(QEvent* event) override;
+    // Alt with a letter that is no mnemonic would type the letter into the path field: it is eaten.
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 public slots:
     void output(const QString& text);
@@ -41,18 +65,34 @@ public slots:
     void on_exitButton_clicked();
     void on_startButton_clicked();
     void on_browseButton_clicked();
+    // Asks where, then saves the last run's report there (Save Log... and Ctrl+S).
+    void saveLog();
 
 private:
     // A line logged during a run: into the box's document at once, shown at most every kRunLogInterval.
     void appendDuringRun(const QString& line);
     // Repaints the box with everything appended so far, following the end unless the user scrolled away.
     void showLog();
+    // The keyboard: mnemonics, the tab order, Enter to start, the path field focused.
+    void setUpKeyboard();
+    // The scan-mode group lays its choices out by their size, so larger fonts never cut them off.
+    void layOutScanModes();
+    void keepScanModesWhole();
+    // Starts a run as Start does, when Start is enabled.
+    void startIfEnabled();
+    // Whether the busy bar and the controls show a run.
+    void showRunning(bool running);
+    // Keeps a copy of a run's line outside the box, which holds only the last 4000.
+    void recordLine(const QString& line);
 
     Ui::MainWindow* ui;
     const QString m_startFolder; // the current folder when the program started
     bool m_runInProgress = false;
     QElapsedTimer m_sinceLogShown;
-    int m_shownBottom = 0; // the scroll bar's end when the box was last shown
+    bool m_followLog = true;
+    bool m_fittedToScreen = false;
+    std::unique_ptr<QTemporaryFile> m_runRecord; // the last run's report, a line at a time
+    QAction* m_saveLogAction = nullptr;
 };
 
 // The window that debugHandler writes to; null while no window exists.
