@@ -38,7 +38,7 @@ void TestCli::helpAndVersion()
 {
     QStringList out;
     QCOMPARE(runCli({"--help"}, &out), 0);
-    QVERIFY(out.value(0).startsWith("Usage: clipward-cli [--scan-only] [--interchange] PATH"));
+    QVERIFY(out.value(0).startsWith("Usage: clipward-cli [--scan-only] [--interchange] [--json] PATH"));
     QCOMPARE(runCli({"--version"}, &out), 0);
     QCOMPARE(out, QStringList({"clipward-cli 1.4.4"}));
 }

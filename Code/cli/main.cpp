@@ -6,6 +6,9 @@
 #include "movie/MovieVerifier.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QFileInfo>
 #include <QStringList>
 
@@ -18,12 +21,27 @@ const int kExitUnrecoverable = 1;
 const int kExitUsage = 2;
 const int kExitSomethingLeft = 3;
 
+// With --json the report's lines go to stderr and stdout carries only JSON.
+FILE* g_lines = stdout;
+
 void printLine(const QString& text)
 {
     const QByteArray bytes = logLineText(text).toUtf8();
+    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), g_lines);
+    std::fputc('\n', g_lines);
+}
+
+// One JSON object on a line of stdout, written out at once so a script sees each file as it is done.
+void printJson(const QJsonObject& object)
+{
+    const QByteArray bytes = QJsonDocument(object).toJson(QJsonDocument::Compact);
     std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
     std::fputc('\n', stdout);
+    std::fflush(stdout);
 }
+
+// The version of the JSON report's fields: raised only when a field's meaning changes.
+const int kJsonSchema = 1;
 
 // Every library and procedure message reaches the output, whatever its type, as in the window.
 void messageToStdout(QtMsgType, const QMessageLogContext&, const QString& message)
@@ -32,7 +50,7 @@ void messageToStdout(QtMsgType, const QMessageLogContext&, const QString& messag
 }
 
 const char* const kUsage =
-    "Usage: clipward-cli [--scan-only] [--interchange] PATH\n"
+    "Usage: clipward-cli [--scan-only] [--interchange] [--json] PATH\n"
     "       clipward-cli --interchange FILE.mov...\n"
     "       clipward-cli --verify FILE...\n"
     "Finds recordings left unfinished on PATH (a drive or folder) and finalizes them,\n"
@@ -45,6 +63,8 @@ const char* const kUsage =
     "                repaired WAV's sound to whole sample frames; given finished\n"
     "                movies (FILE.mov), rewrite the index of each that Clipward\n"
     "                finished into that form\n"
+    "  --json        print one JSON object per in-progress file as it is done and a\n"
+    "                summary object to stdout (JSON Lines); the report goes to stderr\n"
     "  --verify      read every frame and sound sample of each finished movie FILE and\n"
     "                check that each lies inside the file and its media; one line per file\n"
     "  --help        show this text\n"
@@ -104,6 +124,7 @@ int main(int argc, char* argv[])
     bool scanOnly = false;
     bool verify = false;
     bool interchange = false;
+    bool json = false;
     QStringList paths;
     const QStringList args = QCoreApplication::arguments().mid(1);
     for (const QString& arg : args) {
@@ -121,6 +142,8 @@ int main(int argc, char* argv[])
             verify = true;
         else if (arg == "--interchange")
             interchange = true;
+        else if (arg == "--json")
+            json = true;
         else if (arg.startsWith("--"))
             return usageError(QString("unknown option %1").arg(arg));
         else
@@ -144,11 +167,39 @@ int main(int argc, char* argv[])
     if (paths.size() != 1)
         return usageError(paths.isEmpty() ? "no PATH given" : "give exactly one PATH");
 
+    if (json)
+        g_lines = stderr;
     qInstallMessageHandler(messageToStdout);
     FinalizeRun run(scanOnly, interchange ? Tern::FinishStyle::Interchange : Tern::FinishStyle::Recorder);
     QObject::connect(&run, &FinalizeRun::output, &printLine);
+    if (json) {
+        run.setLearnFacts(true);
+        QObject::connect(&run, &FinalizeRun::fileDone, [](const FileOutcome& outcome) {
+            QJsonObject object = outcome.toJson();
+            object.insert("schema", kJsonSchema);
+            printJson(object);
+        });
+    }
+    const QDateTime started = QDateTime::currentDateTimeUtc();
     const FinalizeRun::Summary summary = run.run(paths.first());
-    std::fflush(stdout);
+    std::fflush(g_lines);
+    if (json) {
+        QJsonObject options{{"path", paths.first()}, {"scan_only", scanOnly}, {"interchange", interchange}};
+        QJsonObject counts{{"finalized", scanOnly ? 0 : summary.goodCount},
+                           {"needing_finishing", scanOnly ? summary.goodCount : 0},
+                           {"unrecoverable", summary.badCount},
+                           {"left", summary.leftCount},
+                           {"unreadable_folders", summary.unreadableFolderCount}};
+        printJson(QJsonObject{{"type", "summary"},
+                              {"schema", kJsonSchema},
+                              {"program", "clipward-cli"},
+                              {"version", CLIPWARD_VERSION},
+                              {"path_exists", summary.pathExists},
+                              {"started", started.toString(Qt::ISODateWithMs)},
+                              {"ended", QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
+                              {"options", options},
+                              {"counts", counts}});
+    }
 
     if (!summary.pathExists) {
         std::fprintf(stderr, "clipward-cli: path does not exist: %s\n", paths.first().toUtf8().constData());

@@ -6,6 +6,7 @@
 
 #include <QDirIterator>
 #include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QtEndian>
 
@@ -257,45 +258,130 @@ bool Finalize::finalizeFolder(QDir& dir)
 
     const QStringList names = entriesMatching(dir, nameFilters);
     for (const QString& name : names) {
-        const QString path = dir.absoluteFilePath(name);
-        // Case-sensitive on purpose: "clip.NRV" is listed by the wildcard but goes on to dispatch.
-        if (name.endsWith(".nra") || name.endsWith(".nrv")) {
-            emit textOutput(QString("     %1 Unrecoverable\n").arg(path));
-            ++badCount;
-            continue;
-        }
-        // Held from before the header is read until after the rename, so no other run touches the file
-        // meanwhile. A scan only reads, and shares it with other scans.
-        const RecordingLock lock(
-            path, scanOnly ? RecordingLock::Mode::Shared : RecordingLock::Mode::Exclusive);
-        if (!reportRecordingNotHeld(path, lock.state()))
-            continue;
-        const CardAccess::WriteBlock block = CardAccess::writeBlockFor(path);
-        if (block != CardAccess::WriteBlock::None) {
-            reportNotWritable(path, CardAccess::reasonText(block));
-        } else if (scanOnly) {
-            const int type = getFileType(path);
-            emit textOutput(QString("     %1 %2 Requires finalize\n")
-                                .arg(path, type == kFamilyTern ? "(tern)" : "(heron)"));
-            ++goodCount;
-        } else {
-            notFinishedReason.clear();
-            const unsigned int result = doFinalize(path);
-            if (!notFinishedReason.isEmpty()) {
-                ++leftCount;
-                emit textOutput(QString("     %1 not finished: %2.\n").arg(path, notFinishedReason));
-                continue;
-            }
-            if (result == 0)
-                ++goodCount;
-            else
-                ++badCount;
-            emit textOutput(QString("     %1 %2 %3\n")
-                                .arg(dir.absoluteFilePath(outputFileName), isTern ? "(Tern)" : "(Heron)",
-                                     result == 0 ? "Finalized" : "Unrecoverable"));
-        }
+        FileOutcome outcome = finalizeFile(dir, name);
+        if (learnFacts && outcome.fate != FileOutcome::Fate::Gone)
+            outcome.facts = RecordingFacts::of(outcome.pathAfter);
+        report(outcome);
     }
     return true;
+}
+
+FileOutcome Finalize::finalizeFile(QDir& dir, const QString& name)
+{
+    FileOutcome outcome;
+    outcome.pathBefore = dir.absoluteFilePath(name);
+    outcome.pathAfter = outcome.pathBefore;
+    const QString& path = outcome.pathBefore;
+    // Case-sensitive on purpose: "clip.NRV" is listed by the wildcard but goes on to dispatch.
+    if (name.endsWith(".nra") || name.endsWith(".nrv")) {
+        outcome.fate = FileOutcome::Fate::GivenUpEarlier;
+        outcome.reason = QStringLiteral("given up by an earlier run");
+        return outcome;
+    }
+    // Held from before the header is read until after the rename, so no other run touches the file
+    // meanwhile. A scan only reads, and shares it with other scans.
+    const RecordingLock lock(path, scanOnly ? RecordingLock::Mode::Shared : RecordingLock::Mode::Exclusive);
+    switch (lock.state()) {
+    case RecordingLock::State::Held:
+        break;
+    case RecordingLock::State::InUse:
+        outcome.fate = FileOutcome::Fate::InUse;
+        outcome.reason = QStringLiteral("in use by another run");
+        return outcome;
+    case RecordingLock::State::Gone:
+        outcome.fate = FileOutcome::Fate::Gone;
+        outcome.reason = QStringLiteral("no longer there");
+        return outcome;
+    case RecordingLock::State::Unreadable:
+        outcome.fate = FileOutcome::Fate::Unreadable;
+        outcome.reason = QStringLiteral("cannot be read");
+        return outcome;
+    }
+    const CardAccess::WriteBlock block = CardAccess::writeBlockFor(path);
+    if (block != CardAccess::WriteBlock::None) {
+        // Read only: the file cannot be opened for writing, which getFileType asks for.
+        outcome.family = familyByFirstAtom(path, QIODevice::ReadOnly) == kFamilyTern ? "Tern" : "Heron";
+        outcome.fate = FileOutcome::Fate::NotWritable;
+        outcome.reason = CardAccess::reasonText(block);
+        return outcome;
+    }
+    if (scanOnly) {
+        outcome.family = getFileType(path) == kFamilyTern ? "Tern" : "Heron";
+        outcome.fate = FileOutcome::Fate::NeedsFinishing;
+        return outcome;
+    }
+    notFinishedReason.clear();
+    const unsigned int result = doFinalize(path);
+    outcome.family = isTern ? "Tern" : "Heron";
+    if (!notFinishedReason.isEmpty()) {
+        outcome.fate = FileOutcome::Fate::LeftForTheCard;
+        outcome.reason = notFinishedReason;
+        return outcome;
+    }
+    outcome.fate = result == 0 ? FileOutcome::Fate::Finalized : FileOutcome::Fate::GivenUp;
+    if (result != 0)
+        outcome.reason = QStringLiteral("the recording could not be finished");
+    // The line names the file as the procedure tells it; where that name is not a file (a procedure
+    // that renamed nothing), the file is still at its old path.
+    outcome.reportedPath = dir.absoluteFilePath(outputFileName);
+    outcome.pathAfter = QFileInfo::exists(outcome.reportedPath) ? outcome.reportedPath : path;
+    return outcome;
+}
+
+void Finalize::report(const FileOutcome& outcome)
+{
+    const QString& path = outcome.pathBefore;
+    const bool tern = outcome.family == QLatin1String("Tern");
+    switch (outcome.fate) {
+    case FileOutcome::Fate::GivenUpEarlier:
+        emit textOutput(QString("     %1 Unrecoverable\n").arg(path));
+        ++badCount;
+        break;
+    case FileOutcome::Fate::InUse:
+        emit textOutput(QString("     %1 in use by another run, left as it is\n").arg(path));
+        ++leftCount;
+        break;
+    case FileOutcome::Fate::Gone:
+        // Most often another run finished it since this folder was listed: nothing is left to do.
+        emit textOutput(QString("     %1 is no longer there, passed over\n").arg(path));
+        break;
+    case FileOutcome::Fate::Unreadable:
+        emit textOutput(cannotBeRead(path));
+        ++leftCount;
+        break;
+    case FileOutcome::Fate::NotWritable:
+        if (scanOnly) {
+            // It still needs finishing; the line says where that can be done.
+            emit textOutput(QString("     %1 %2 Requires finalize, cannot be finalized here: %3\n")
+                                .arg(path, tern ? "(tern)" : "(heron)", outcome.reason));
+            ++goodCount;
+        } else {
+            emit textOutput(QString("     %1 %2 Left as it is: %3\n")
+                                .arg(path, tern ? "(Tern)" : "(Heron)", outcome.reason));
+            ++leftCount;
+        }
+        break;
+    case FileOutcome::Fate::NeedsFinishing:
+        emit textOutput(QString("     %1 %2 Requires finalize\n").arg(path, tern ? "(tern)" : "(heron)"));
+        ++goodCount;
+        break;
+    case FileOutcome::Fate::LeftForTheCard:
+        ++leftCount;
+        emit textOutput(QString("     %1 not finished: %2.\n").arg(path, outcome.reason));
+        break;
+    case FileOutcome::Fate::Finalized:
+    case FileOutcome::Fate::GivenUp:
+        if (outcome.fate == FileOutcome::Fate::Finalized)
+            ++goodCount;
+        else
+            ++badCount;
+        emit textOutput(
+            QString("     %1 %2 %3\n")
+                .arg(outcome.reportedPath, tern ? "(Tern)" : "(Heron)",
+                    outcome.fate == FileOutcome::Fate::Finalized ? "Finalized" : "Unrecoverable"));
+        break;
+    }
+    emit fileDone(outcome);
 }
 
 int Finalize::getFileType(QString path)
@@ -317,43 +403,6 @@ unsigned int Finalize::doFinalize(QString path)
     if (type == kFamilyUnreadable)
         return kResultUnrecoverable; // outputFileName and isTern keep the previous file's values
     return heronDoFinalize(path);
-}
-
-bool Finalize::reportRecordingNotHeld(const QString& path, RecordingLock::State state)
-{
-    switch (state) {
-    case RecordingLock::State::Held:
-        return true;
-    case RecordingLock::State::InUse:
-        emit textOutput(QString("     %1 in use by another run, left as it is\n").arg(path));
-        ++leftCount;
-        return false;
-    case RecordingLock::State::Gone:
-        // Most often another run finished it since this folder was listed: nothing is left to do.
-        emit textOutput(QString("     %1 is no longer there, passed over\n").arg(path));
-        return false;
-    case RecordingLock::State::Unreadable:
-        emit textOutput(cannotBeRead(path));
-        ++leftCount;
-        return false;
-    }
-    return false;
-}
-
-void Finalize::reportNotWritable(const QString& path, const QString& reason)
-{
-    // Read only: the file cannot be opened for writing, which getFileType asks for.
-    const bool tern = familyByFirstAtom(path, QIODevice::ReadOnly) == kFamilyTern;
-    if (scanOnly) {
-        // It still needs finishing; the line says where that can be done.
-        emit textOutput(QString("     %1 %2 Requires finalize, cannot be finalized here: %3\n")
-                            .arg(path, tern ? "(tern)" : "(heron)", reason));
-        ++goodCount;
-    } else {
-        emit textOutput(
-            QString("     %1 %2 Left as it is: %3\n").arg(path, tern ? "(Tern)" : "(Heron)", reason));
-        ++leftCount;
-    }
 }
 
 bool Finalize::leftForTheCard(const CardFile& file, bool finished)

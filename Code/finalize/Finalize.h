@@ -1,5 +1,6 @@
 #pragma once
 
+#include "finalize/FileOutcome.h"
 #include "finalize/RecordingLock.h"
 #include "movie/HeronQuickTimeFile.h"
 
@@ -45,6 +46,9 @@ public:
     QStringList skipFolders;
     QStringList nameFilters;
     bool scanOnly;
+    // Whether each outcome carries what its file holds (read after the file's turn; costs a read of the
+    // reserved region per movie).
+    bool learnFacts = false;
     // The form finished movies get (and whether a repaired WAV's sound is cut to whole frames).
     Tern::FinishStyle finishStyle = Tern::FinishStyle::Recorder;
     int goodCount;
@@ -62,12 +66,13 @@ public:
 
 signals:
     void textOutput(const QString& text);
+    // Every in-progress file the run met, with what happened to it, right after its line.
+    void fileDone(const FileOutcome& outcome);
 
 private:
-    // Why a recording is not worked on, on its own line; false when the run can go ahead with it.
-    bool reportRecordingNotHeld(const QString& path, RecordingLock::State state);
-    // A file the run could not change: reported with its family and the reason, and not tried.
-    void reportNotWritable(const QString& path, const QString& reason);
+    // One listed file: tried or left, and why. The report's line and the counts are made from it.
+    FileOutcome finalizeFile(QDir& dir, const QString& name);
+    void report(const FileOutcome& outcome);
     // True when the finish of `file` failed because of the card or the system, not the recording: the
     // reason is kept for the driver's line and the procedure leaves the file's name as it is.
     bool leftForTheCard(const CardFile& file, bool finished);

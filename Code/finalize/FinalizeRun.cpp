@@ -71,7 +71,9 @@ FinalizeRun::Summary FinalizeRun::run(const QString& path)
     paths.append(path);
     driver.scanOnly = m_scanOnly;
     driver.finishStyle = m_style;
+    driver.learnFacts = m_learnFacts;
     connect(&driver, &Finalize::textOutput, this, &FinalizeRun::output);
+    connect(&driver, &Finalize::fileDone, this, &FinalizeRun::fileDone);
 
     Summary summary;
     summary.pathExists = QDir(QDir::toNativeSeparators(path)).exists();

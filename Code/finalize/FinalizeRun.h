@@ -1,5 +1,6 @@
 #pragma once
 
+#include "finalize/FileOutcome.h"
 #include "movie/QuickTimeFile.h"
 
 #include <QObject>
@@ -26,6 +27,8 @@ public:
     };
 
     explicit FinalizeRun(bool scanOnly, Tern::FinishStyle style = Tern::FinishStyle::Recorder);
+    // Each outcome on fileDone carries what its file holds.
+    void setLearnFacts(bool learn) { m_learnFacts = learn; }
 
     // The process's current directory is the same after the run as before it: the walk makes the start
     // folder current, and a card that stays anyone's current directory cannot be ejected.
@@ -41,8 +44,11 @@ public:
 
 signals:
     void output(const QString& text);
+    // What happened to each in-progress file, right after its line.
+    void fileDone(const FileOutcome& outcome);
 
 private:
     bool m_scanOnly;
     Tern::FinishStyle m_style;
+    bool m_learnFacts = false;
 };

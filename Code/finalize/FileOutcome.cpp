@@ -1,0 +1,40 @@
+#include "finalize/FileOutcome.h"
+
+QString FileOutcome::fateName(Fate fate)
+{
+    switch (fate) {
+    case Fate::Finalized:
+        return QStringLiteral("finalized");
+    case Fate::GivenUp:
+        return QStringLiteral("given up");
+    case Fate::GivenUpEarlier:
+        return QStringLiteral("given up earlier");
+    case Fate::NeedsFinishing:
+        return QStringLiteral("needs finishing");
+    case Fate::InUse:
+        return QStringLiteral("in use");
+    case Fate::Gone:
+        return QStringLiteral("gone");
+    case Fate::Unreadable:
+        return QStringLiteral("unreadable");
+    case Fate::NotWritable:
+        return QStringLiteral("not writable");
+    case Fate::LeftForTheCard:
+        return QStringLiteral("left for the card");
+    }
+    return QString();
+}
+
+QJsonObject FileOutcome::toJson() const
+{
+    QJsonObject object;
+    object.insert("type", "file");
+    object.insert("path", pathBefore);
+    object.insert("path_after", pathAfter);
+    object.insert("family", family.isEmpty() ? QJsonValue() : QJsonValue(family));
+    object.insert("outcome", fateName(fate));
+    object.insert("reason", reason.isEmpty() ? QJsonValue() : QJsonValue(reason));
+    const QJsonObject learned = facts.toJson();
+    object.insert("learned", learned.isEmpty() ? QJsonValue() : QJsonValue(learned));
+    return object;
+}

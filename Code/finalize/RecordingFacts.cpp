@@ -1,0 +1,135 @@
+#include "finalize/RecordingFacts.h"
+
+#include "audio/AudioFile.h"
+#include "movie/MovieFamily.h"
+#include "movie/QuickTimeFile.h"
+#include "movie/RecoverySettings.h"
+
+#include <QFile>
+#include <QtEndian>
+
+namespace {
+
+// The Heron record has no chunk counts: its recorder always writes 3,072 samples a chunk.
+const quint32 kHeronSamplesPerChunk = 3072;
+const quint32 kProRes422 = 1;
+const quint32 kProRes4444 = 2;
+const quint32 kDnxhd = 0;
+
+QString timecodeText(quint32 tc, bool dropFrame)
+{
+    return QString("%1:%2:%3%4%5")
+        .arg(tc >> 24, 2, 10, QChar('0'))
+        .arg((tc >> 16) & 0xFF, 2, 10, QChar('0'))
+        .arg((tc >> 8) & 0xFF, 2, 10, QChar('0'))
+        .arg(dropFrame ? ';' : ':')
+        .arg(tc & 0xFF, 2, 10, QChar('0'));
+}
+
+bool readMovie(QFile& file, RecordingFacts* facts)
+{
+    uchar first[4];
+    if (!file.seek(0) || file.read(reinterpret_cast<char*>(first), 4) != 4)
+        return false;
+    const Tern::MovieFamily& family = Tern::familyByFirstAtomSize(qFromBigEndian<quint32>(first));
+    Tern::RecoverySettings s;
+    if (!file.seek(family.recoverySettingsPos)
+        || !s.fromBytes(file.read(family.recoveryRecord->size), *family.recoveryRecord))
+        return false;
+    if (!file.seek(family.recoveryFrameMapPos))
+        return false;
+    const QByteArray map = file.read(Tern::QuickTimeFile::s_frameMapBytes);
+    quint32 soundChunks = 0;
+    for (int i = 0; i + 1 < map.size(); i += 2) {
+        const quint16 entry = qFromLittleEndian<quint16>(map.constData() + i);
+        if (entry == 0)
+            break;
+        const quint32 type = entry >> Tern::QuickTimeFile::s_frameTypeShift;
+        facts->videoFrames += type == Tern::quicktime_frametype_video;
+        soundChunks += type == Tern::quicktime_frametype_sound;
+    }
+    facts->kind = RecordingFacts::Kind::Movie;
+    facts->soundTracks = qint32(s.audioTracks) > 0 ? s.audioTracks : 0;
+    const quint32 perChunk
+        = family.recoveryRecord->hasChunkCounts ? s.audioSamplesPerChunk : kHeronSamplesPerChunk;
+    if (soundChunks != 0 && facts->soundTracks != 0) {
+        // The short first and last chunks, and the full ones between them, as the index counts them.
+        const quint64 full = soundChunks - (s.lastChunkSamples != 0) - (s.firstChunkSamples != 0);
+        facts->samplesPerTrack = s.firstChunkSamples + s.lastChunkSamples + full * perChunk;
+    }
+    facts->frameRate = s.frameRate;
+    facts->interlaced = s.interlaced != 0;
+    facts->width = s.width;
+    facts->height = s.height;
+    if (s.videoCodecType == kProRes422 || s.videoCodecType == kProRes4444)
+        facts->codec
+            = QString::fromLatin1(family.proResName(s.videoCodecType, s.proResVariant).compressorName);
+    else if (s.videoCodecType == kDnxhd)
+        facts->codec = QStringLiteral("DNxHD");
+    facts->reelName = s.reelNameText();
+    facts->startTimecode = timecodeText(s.timecode, s.dropFrame != 0);
+    facts->sampleRate = s.audioSampleRate;
+    facts->bitsPerSample = 8 * s.audioBytesPerSample;
+    return true;
+}
+
+bool readSound(QFile& file, RecordingFacts* facts)
+{
+    AudioFile audio(file);
+    if (audio.ReadAudioFileInfo() != 0)
+        return false;
+    AudioFile::AudioFileInfo info = {};
+    audio.GetFileInfo(&info);
+    facts->kind = RecordingFacts::Kind::Sound;
+    facts->channels = info.channels;
+    facts->sampleRate = info.sampleRate;
+    facts->bitsPerSample = info.bitsPerSample;
+    const quint64 frameBytes = quint64(info.channels) * ((info.bitsPerSample + 7u) / 8u);
+    const quint64 soundBytes = quint64(qMax<qint64>(0, file.size() - qint64(audio.dataStart())));
+    facts->samples = frameBytes != 0 ? soundBytes / frameBytes : 0;
+    if (info.startTimecode != AudioFile::s_noTimecode)
+        facts->startTimecode = timecodeText(info.startTimecode, info.frameRate == 4 || info.frameRate == 6);
+    return true;
+}
+
+} // namespace
+
+RecordingFacts RecordingFacts::of(const QString& path)
+{
+    RecordingFacts facts;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return facts;
+    const QString lower = path.toLower();
+    const bool sound = lower.endsWith(".zqa") || lower.endsWith(".wav") || lower.endsWith(".nra");
+    if (!(sound ? readSound(file, &facts) : readMovie(file, &facts)))
+        facts = RecordingFacts();
+    return facts;
+}
+
+QJsonObject RecordingFacts::toJson() const
+{
+    QJsonObject object;
+    const QJsonValue timecode = startTimecode.isEmpty() ? QJsonValue() : QJsonValue(startTimecode);
+    if (kind == Kind::Movie) {
+        object.insert("video_frames", qint64(videoFrames));
+        object.insert("sound_tracks", qint64(soundTracks));
+        object.insert("samples_per_track", qint64(samplesPerTrack));
+        object.insert("frame_rate", frameRate / 100.0);
+        object.insert("interlaced", interlaced);
+        object.insert("width", qint64(width));
+        object.insert("height", qint64(height));
+        object.insert("codec", codec.isEmpty() ? QJsonValue() : QJsonValue(codec));
+        object.insert("start_timecode", timecode);
+        object.insert("reel_name", reelName);
+        object.insert("sample_rate", qint64(sampleRate));
+        object.insert("bits_per_sample", qint64(bitsPerSample));
+    } else if (kind == Kind::Sound) {
+        object.insert("channels", qint64(channels));
+        object.insert("sample_rate", qint64(sampleRate));
+        object.insert("bits_per_sample", qint64(bitsPerSample));
+        object.insert("samples", qint64(samples));
+        object.insert("start_timecode", timecode);
+    }
+    return object;
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QString>
+
+// What a recording holds, read from its file without changing it: for a movie (in progress, finished or
+// given up) the recorder's settings record and the frame map it saved in the reserved region, which a
+// finish leaves as they were; for a WAV its format and the sound it holds.
+struct RecordingFacts
+{
+    enum class Kind { None, Movie, Sound };
+    Kind kind = Kind::None;
+
+    // Movie.
+    quint32 videoFrames = 0;
+    quint32 soundTracks = 0;
+    quint64 samplesPerTrack = 0;
+    quint32 frameRate = 0; // hundredths of a frame per second (the field rate when interlaced)
+    bool interlaced = false;
+    quint32 width = 0;
+    quint32 height = 0;
+    QString codec;
+    QString reelName;
+
+    // Both.
+    QString startTimecode; // hh:mm:ss:ff, ';' before the frames when drop-frame
+    quint32 sampleRate = 0;
+    quint32 bitsPerSample = 0;
+
+    // Sound.
+    quint32 channels = 0;
+    quint64 samples = 0; // sample frames
+
+    static RecordingFacts of(const QString& path);
+    QJsonObject toJson() const;
+};
