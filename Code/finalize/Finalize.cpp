@@ -148,13 +148,10 @@ int familyByFirstAtom(const QString& path, QIODevice::OpenMode mode)
     QFile file(path);
     if (!file.open(mode))
         return kFamilyUnreadable;
-    uchar firstWord[4];
-    if (file.read(reinterpret_cast<char*>(firstWord), 4) < 4)
+    const Tern::MovieFamily* family = Tern::familyOfRecording(file);
+    if (!family)
         return kFamilyUnreadable;
-    file.close();
-
-    const quint32 firstAtomSize = qFromBigEndian<quint32>(firstWord);
-    return &Tern::familyByFirstAtomSize(firstAtomSize) == &Tern::ternFamily ? kFamilyTern : kFamilyHeron;
+    return family == &Tern::ternFamily ? kFamilyTern : kFamilyHeron;
 }
 // The line for a file or folder that cannot be read: it is passed over, as it is.
 QString cannotBeRead(const QString& path)

@@ -20,10 +20,6 @@ const unsigned int kUnrecoverable = 31;
 // later); a file that vanished since the walk listed it is not created anew.
 const QIODevice::OpenMode kOpenExisting = QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::ExistingOnly;
 
-// The Heron record has no chunk counts: its recorder always writes these.
-const int kHeronAudioSamplesPerChunk = 3072;
-const quint32 kHeronVideoFramesPerChunk = 3;
-
 // Renames the closed file and makes the new name durable.
 void renameDurably(QFile& file, const QString& newName)
 {
@@ -46,10 +42,10 @@ void Finalize::setQuickTimeFileInfo(QuickTimeFile::RecoverySettings* s, QuickTim
     movie->videoCodecType = s->videoCodecType;
     movie->proResVariant = s->proResVariant;
     movie->audioTracks = s->audioTracks;
-    movie->setAudioSamplesPerFrame(kHeronAudioSamplesPerChunk);
+    movie->setAudioSamplesPerFrame(int(movie->family().fixedSamplesPerChunk));
     movie->setAudioBytesPerSample(s->audioBytesPerSample);
     movie->setAudioSampleRate(s->audioSampleRate);
-    movie->videoFramesPerChunk = kHeronVideoFramesPerChunk;
+    movie->videoFramesPerChunk = movie->family().fixedFramesPerChunk;
     movie->reelName = s->reelNameText();
     movie->lastChunkSamples = s->lastChunkSamples;
     movie->firstChunkSamples = s->firstChunkSamples;

@@ -12,7 +12,8 @@
 #include "movie/SampleTableCheck.h"
 
 #include <QFile>
-#include <QtEndian>
+
+#include <memory>
 
 namespace {
 
@@ -57,13 +58,10 @@ Finalize::Rewrite Finalize::rewriteForInterchange(const QString& path)
         notFinishedReason = file.mediumFailure();
         return notFinishedReason.isEmpty() ? Rewrite::NotFinishedByClipward : Rewrite::LeftForTheCard;
     }
-    const QByteArray firstWord = file.read(4);
-    const bool tern = firstWord.size() == 4
-                   && &Tern::familyByFirstAtomSize(qFromBigEndian<quint32>(firstWord.constData()))
-                          == &Tern::ternFamily;
-    ::QuickTimeFile heronMovie(file, workBuffer);
-    Tern::QuickTimeFile ternMovie(file);
-    Tern::QuickTimeFile& movie = tern ? ternMovie : heronMovie;
+    const bool tern = Tern::familyOfRecording(file) == &Tern::ternFamily;
+    ::QuickTimeFile* heronMovie = tern ? nullptr : new ::QuickTimeFile(file, workBuffer);
+    const std::unique_ptr<Tern::QuickTimeFile> owner(tern ? new Tern::QuickTimeFile(file) : heronMovie);
+    Tern::QuickTimeFile& movie = *owner;
 
     bool rewritten = false;
     bool recognised = false;
@@ -77,9 +75,9 @@ Finalize::Rewrite Finalize::rewriteForInterchange(const QString& path)
     Tern::RecoverySettings* settings = candidate ? movie.loadSavedSettings() : nullptr;
     if (settings && (!tern || TernSettings::usable(*settings))) {
         if (tern)
-            TernSettings::configure(ternMovie, *settings);
+            TernSettings::configure(movie, *settings);
         else
-            setQuickTimeFileInfo(settings, &heronMovie);
+            setQuickTimeFileInfo(settings, heronMovie);
         movie.finishStyle = Tern::FinishStyle::Interchange;
 
         // Where a finish, or a rewrite cut short, left the media's end; -1 for a file of neither kind.

@@ -6,15 +6,8 @@
 #include "movie/RecoverySettings.h"
 
 #include <QFile>
-#include <QtEndian>
 
 namespace {
-
-// The Heron record has no chunk counts: its recorder always writes 3,072 samples a chunk.
-const quint32 kHeronSamplesPerChunk = 3072;
-const quint32 kProRes422 = 1;
-const quint32 kProRes4444 = 2;
-const quint32 kDnxhd = 0;
 
 QString timecodeText(quint32 tc, bool dropFrame)
 {
@@ -28,43 +21,33 @@ QString timecodeText(quint32 tc, bool dropFrame)
 
 bool readMovie(QFile& file, RecordingFacts* facts)
 {
-    uchar first[4];
-    if (!file.seek(0) || file.read(reinterpret_cast<char*>(first), 4) != 4)
+    const Tern::MovieFamily* found = Tern::familyOfRecording(file);
+    if (!found)
         return false;
-    const Tern::MovieFamily& family = Tern::familyByFirstAtomSize(qFromBigEndian<quint32>(first));
+    const Tern::MovieFamily& family = *found;
     Tern::RecoverySettings s;
     if (!file.seek(family.recoverySettingsPos)
         || !s.fromBytes(file.read(family.recoveryRecord->size), *family.recoveryRecord))
         return false;
-    if (!file.seek(family.recoveryFrameMapPos))
-        return false;
-    const QByteArray map = file.read(Tern::QuickTimeFile::s_frameMapBytes);
-    quint32 soundChunks = 0;
-    for (int i = 0; i + 1 < map.size(); i += 2) {
-        const quint16 entry = qFromLittleEndian<quint16>(map.constData() + i);
-        if (entry == 0)
-            break;
-        const quint32 type = entry >> Tern::QuickTimeFile::s_frameTypeShift;
-        facts->videoFrames += type == Tern::quicktime_frametype_video;
-        soundChunks += type == Tern::quicktime_frametype_sound;
-    }
+    const Tern::QuickTimeFile::SavedFrameMapCounts map
+        = Tern::QuickTimeFile::countSavedFrameMap(file, family);
     facts->kind = RecordingFacts::Kind::Movie;
+    facts->videoFrames = map.video;
     facts->soundTracks = qint32(s.audioTracks) > 0 ? s.audioTracks : 0;
     const quint32 perChunk
-        = family.recoveryRecord->hasChunkCounts ? s.audioSamplesPerChunk : kHeronSamplesPerChunk;
-    if (soundChunks != 0 && facts->soundTracks != 0) {
-        // The short first and last chunks, and the full ones between them, as the index counts them.
-        const quint64 full = soundChunks - (s.lastChunkSamples != 0) - (s.firstChunkSamples != 0);
-        facts->samplesPerTrack = s.firstChunkSamples + s.lastChunkSamples + full * perChunk;
-    }
+        = family.fixedSamplesPerChunk != 0 ? family.fixedSamplesPerChunk : s.audioSamplesPerChunk;
+    if (map.sound != 0 && facts->soundTracks != 0)
+        facts->samplesPerTrack = Tern::QuickTimeFile::soundSamplesPerTrack(
+            map.sound, perChunk, s.firstChunkSamples, s.lastChunkSamples);
     facts->frameRate = s.frameRate;
     facts->interlaced = s.interlaced != 0;
     facts->width = s.width;
     facts->height = s.height;
-    if (s.videoCodecType == kProRes422 || s.videoCodecType == kProRes4444)
+    if (s.videoCodecType == Tern::quicktime_codec_prores422
+        || s.videoCodecType == Tern::quicktime_codec_prores4444)
         facts->codec
             = QString::fromLatin1(family.proResName(s.videoCodecType, s.proResVariant).compressorName);
-    else if (s.videoCodecType == kDnxhd)
+    else if (s.videoCodecType == Tern::quicktime_codec_dnxhd)
         facts->codec = QStringLiteral("DNxHD");
     facts->reelName = s.reelNameText();
     facts->startTimecode = timecodeText(s.timecode, s.dropFrame != 0);

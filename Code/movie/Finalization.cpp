@@ -55,14 +55,11 @@ void addDataReference(QuickTimeAtom* minf)
     dinf->addAtom(new QuickTimeDataReferenceAtom());
 }
 
-// Sound samples per track: the short first and last chunks and the full ones between them. 32-bit, as
-// the tables that count them.
-quint32 soundSamplesPerTrack(const QuickTimeFile& file)
+// Sound samples of each track of the file's counts.
+quint32 trackSoundSamples(const QuickTimeFile& file)
 {
-    const quint32 A = file.soundChunks;
-    const quint32 L = file.lastChunkSamples;
-    const quint32 F = file.firstChunkSamples;
-    return L + F + (A - (L != 0 ? 1 : 0) - (F != 0 ? 1 : 0)) * file.audioSamplesPerChunk;
+    return QuickTimeFile::soundSamplesPerTrack(file.soundChunks, file.audioSamplesPerChunk,
+                                               file.firstChunkSamples, file.lastChunkSamples);
 }
 
 // A duration in the movie's time scale, rounded up so no sample falls outside it, and held to 32 bits.
@@ -115,6 +112,15 @@ QuickTimeSampleDescription* QuickTimeFile::soundDescription()
     return description;
 }
 
+quint32 QuickTimeFile::soundSamplesPerTrack(
+    quint32 chunks, quint32 samplesPerChunk, quint32 firstChunkSamples, quint32 lastChunkSamples)
+{
+    const quint32 A = chunks;
+    const quint32 L = lastChunkSamples;
+    const quint32 F = firstChunkSamples;
+    return L + F + (A - (L != 0 ? 1 : 0) - (F != 0 ? 1 : 0)) * samplesPerChunk;
+}
+
 bool QuickTimeFile::indexFitsAtomSizes() const
 {
     // Every table's bytes, counted in 64 bits, and a generous allowance per track for its headers,
@@ -129,7 +135,7 @@ bool QuickTimeFile::indexFitsAtomSizes() const
     if (V != 0)
         bytes += kTrackAllowance + 4 * V + 8 * ((V + G - 1) / G);
     if (A != 0 && qint32(audioTracks) > 0) {
-        const quint64 sizes = audioBytesPerSample == 0 ? 4 * quint64(soundSamplesPerTrack(*this)) : 0;
+        const quint64 sizes = audioBytesPerSample == 0 ? 4 * quint64(trackSoundSamples(*this)) : 0;
         bytes += quint64(audioTracks) * (kTrackAllowance + 8 * A + sizes);
     }
     return bytes <= quint64(std::numeric_limits<quint32>::max());
@@ -192,7 +198,7 @@ QuickTimeAtom* QuickTimeFile::buildIndex(qint64 position)
     const quint32 L = lastChunkSamples;
     const quint32 G = videoFramesPerChunk;
     const quint32 B = audioBytesPerSample;
-    const quint32 Q = soundSamplesPerTrack(*this);
+    const quint32 Q = trackSoundSamples(*this);
     const TrackDurations duration = trackDurations(*this, Q);
     const quint32 M = duration.picture;
 

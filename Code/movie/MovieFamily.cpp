@@ -5,6 +5,9 @@
 #include "movie/QuickTimeFile.h"
 #include "movie/RecoverySettings.h"
 
+#include <QIODevice>
+#include <QtEndian>
+
 namespace Tern {
 
 namespace {
@@ -13,6 +16,10 @@ namespace {
 const quint32 s_ternMinimumChunks = 30;
 
 const quint32 s_heronMinimumChunks = 0; // Heron finishes a recording whatever its entry count
+
+// Heron's record has no chunk counts: its recorder always writes 3 frames and 3,072 samples a chunk.
+const quint32 s_heronSamplesPerChunk = 3072;
+const quint32 s_heronFramesPerChunk = 3;
 
 const quint32 s_proRes4444Family = 2;
 
@@ -68,6 +75,14 @@ const MovieFamily& familyByFirstAtomSize(quint32 firstAtomSize)
     return firstAtomSize < s_heronFirstAtomMinimum ? ternFamily : heronFamily;
 }
 
+const MovieFamily* familyOfRecording(QIODevice& device)
+{
+    uchar first[4];
+    if (!device.seek(0) || device.read(reinterpret_cast<char*>(first), 4) != 4)
+        return nullptr;
+    return &familyByFirstAtomSize(qFromBigEndian<quint32>(first));
+}
+
 const MovieFamily ternFamily = {
     "Tern",
     QuickTimeFile::s_recoverySettingsPos,
@@ -75,6 +90,8 @@ const MovieFamily ternFamily = {
     &RecoverySettings::s_ternLayout,
     true, // regionInUserData
     s_ternMinimumChunks,
+    0, // fixedSamplesPerChunk: the record says
+    0, // fixedFramesPerChunk
     false, // closeAppendsTimecodeSample
     true,  // writesEditList
     false, // proResCleanAperture
@@ -91,6 +108,8 @@ const MovieFamily heronFamily = {
     &RecoverySettings::s_heronLayout,
     false, // regionInUserData
     s_heronMinimumChunks,
+    s_heronSamplesPerChunk,
+    s_heronFramesPerChunk,
     true,  // closeAppendsTimecodeSample
     false, // writesEditList
     true,  // proResCleanAperture

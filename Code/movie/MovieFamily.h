@@ -2,6 +2,8 @@
 
 #include <QtGlobal>
 
+class QIODevice;
+
 namespace Tern {
 
 struct RecoveryRecordLayout;
@@ -29,6 +31,9 @@ struct MovieFamily
 
     // Finishing the index.
     quint32 minimumChunks;         // recover() refuses a recording with fewer frame-map entries
+    // The chunking a recorder that keeps no chunk counts in its record always writes (0: the record says).
+    quint32 fixedSamplesPerChunk;
+    quint32 fixedFramesPerChunk;
     bool closeAppendsTimecodeSample; // closeFile() first appends a 512-byte timecode sample to 'mdat'
     bool writesEditList;           // tracks carry 'edts'/'elst'
     bool proResCleanAperture;      // ProRes description carries a 'clap' extension (174-byte entry)
@@ -47,5 +52,7 @@ extern const MovieFamily heronFamily;
 // The family of a recording by the size of its first atom: Heron's oversized 'ftyp' spans the reserved
 // region, Tern's is 20 bytes.
 const MovieFamily& familyByFirstAtomSize(quint32 firstAtomSize);
+// The same, read from the first bytes of `device` (its position moves); null when they cannot be read.
+const MovieFamily* familyOfRecording(QIODevice& device);
 
 } // namespace Tern

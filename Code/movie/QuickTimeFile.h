@@ -152,6 +152,8 @@ public:
     static constexpr qint64 s_movieDataStartOffset = 5472256;
     // The zero bytes a finish writes behind the index: the last bytes of a finished file.
     static constexpr int s_closingZeroBytes = 512;
+    // The 64-bit size in the 'mdat' header of a recording still in progress: the header alone.
+    static constexpr qint64 s_unclosedMovieDataSize = 16;
     // A timecode sample is one 512-byte block holding the timecode word; its entry is "timecode, 1 block".
     static constexpr int s_timecodeSampleBytes = 512;
     static constexpr quint16 s_timecodeSampleEntry = 0x8001;
@@ -323,6 +325,19 @@ public:
     // reopenedMediaEnd: for a file left between those steps (a closed header and no index behind it),
     // where its media end; -1 for any other file.
     quint32 savedFrameMapLength();
+    // The frame map a recorder of `family` saved in the reserved region of `device`, counted up to its
+    // first 0 entry: all entries, and the video and sound ones.
+    struct SavedFrameMapCounts
+    {
+        quint32 entries = 0;
+        quint32 video = 0;
+        quint32 sound = 0;
+    };
+    static SavedFrameMapCounts countSavedFrameMap(QIODevice& device, const MovieFamily& family);
+    // Sound samples of each track: the short first and last chunks (0: full) and the full ones between
+    // them, as the index counts them. 32-bit, as the tables that count them.
+    static quint32 soundSamplesPerTrack(quint32 chunks, quint32 samplesPerChunk, quint32 firstChunkSamples,
+                                        quint32 lastChunkSamples);
     qint64 finishedMediaEnd(quint32 appendedSamples);
     bool reopenMovieData(qint64 mediaEnd);
     qint64 reopenedMediaEnd();

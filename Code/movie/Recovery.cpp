@@ -17,7 +17,6 @@ namespace Tern {
 namespace {
 // The 'mdat' header of an unfinished recording: extended-size marker, type, and a size of header only.
 const quint32 kExtendedSizeMarker = 1;
-const qint64 kUnclosedMovieDataSize = 16;
 } // namespace
 
 qint64 QuickTimeFile::movieDataSizeAtHeader()
@@ -30,21 +29,21 @@ qint64 QuickTimeFile::movieDataSizeAtHeader()
     qint64 movieDataSize = 0;
     stream >> sizeMarker >> atomType >> movieDataSize;
     const bool read = stream.status() == QDataStream::Ok && sizeMarker == kExtendedSizeMarker
-                   && atomType == fourCC("mdat") && movieDataSize >= kUnclosedMovieDataSize;
+                   && atomType == fourCC("mdat") && movieDataSize >= s_unclosedMovieDataSize;
     stream.resetStatus();
     return read ? movieDataSize : -1;
 }
 
 bool QuickTimeFile::verifyHeader()
 {
-    return movieDataSizeAtHeader() == kUnclosedMovieDataSize;
+    return movieDataSizeAtHeader() == s_unclosedMovieDataSize;
 }
 
 bool QuickTimeFile::looksFinished()
 {
     const qint64 fileSize = device.size();
     const qint64 movieDataSize = movieDataSizeAtHeader();
-    if (movieDataSize <= kUnclosedMovieDataSize || movieDataSize >= fileSize - s_datPos)
+    if (movieDataSize <= s_unclosedMovieDataSize || movieDataSize >= fileSize - s_datPos)
         return false;
 
     const qint64 moovPos = s_datPos + movieDataSize;

@@ -11,17 +11,29 @@
 
 namespace Tern {
 
-quint32 QuickTimeFile::savedFrameMapLength()
+QuickTimeFile::SavedFrameMapCounts QuickTimeFile::countSavedFrameMap(QIODevice& device,
+                                                                     const MovieFamily& family)
 {
-    if (!device.seek(family().recoveryFrameMapPos))
-        return 0;
+    SavedFrameMapCounts counts;
+    if (!device.seek(family.recoveryFrameMapPos))
+        return counts;
     const QByteArray map = device.read(s_frameMapBytes);
     const auto* bytes = reinterpret_cast<const uchar*>(map.constData());
     const quint32 entries = quint32(map.size() / 2);
-    quint32 length = 0;
-    while (length < entries && qFromLittleEndian<quint16>(bytes + 2 * length) != 0)
-        ++length;
-    return length;
+    for (; counts.entries < entries; ++counts.entries) {
+        const quint16 entry = qFromLittleEndian<quint16>(bytes + 2 * counts.entries);
+        if (entry == 0)
+            break;
+        const quint32 type = entry >> s_frameTypeShift;
+        counts.video += type == quicktime_frametype_video;
+        counts.sound += type == quicktime_frametype_sound;
+    }
+    return counts;
+}
+
+quint32 QuickTimeFile::savedFrameMapLength()
+{
+    return countSavedFrameMap(device, family()).entries;
 }
 
 qint64 QuickTimeFile::finishedMediaEnd(quint32 appendedSamples)
@@ -41,7 +53,7 @@ qint64 QuickTimeFile::finishedMediaEnd(quint32 appendedSamples)
 qint64 QuickTimeFile::reopenedMediaEnd()
 {
     const qint64 movieDataSize = movieDataSizeAtHeader();
-    if (movieDataSize <= QuickTimeMovieDataAtom(0).dataSize)
+    if (movieDataSize <= s_unclosedMovieDataSize)
         return -1;
     const qint64 movieDataEnd = s_datPos + movieDataSize;
     const qint64 fileEnd = device.size();

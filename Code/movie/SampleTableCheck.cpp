@@ -85,9 +85,7 @@ struct OwnMovie
 QVector<quint16> recorderFrameMap(QIODevice& file)
 {
     QVector<quint16> map;
-    uchar first[4];
-    if (!file.seek(0) || file.read(reinterpret_cast<char*>(first), 4) != 4
-        || qFromBigEndian<quint32>(first) >= 128)
+    if (Tern::familyOfRecording(file) != &Tern::ternFamily)
         return map;
     if (!file.seek(Tern::QuickTimeFile::s_recoveryFrameMapPos))
         return map;

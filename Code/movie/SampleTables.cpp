@@ -92,6 +92,18 @@ qint64 streamPosition(QDataStream& stream)
     return stream.device() ? stream.device()->pos() : -1;
 }
 
+// The lines a family that logs its chunk offset tables writes for each: where its entries start, and how
+// many it wrote.
+void logTableStart(quint32 entries, qint64 at)
+{
+    qDebug("stream %d entries (%llx)", int(entries), static_cast<unsigned long long>(at));
+}
+
+void logTableDone(quint32 entries)
+{
+    qDebug("done streaming %d entries", int(entries));
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------------------------------------
@@ -328,17 +340,15 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
 
     const bool logs = file->family().logsChunkOffsetProgress;
     FrameWalk walk(*file);
-    if (logs && entryCount != 0 && !walk.listEnded()) {
-        const auto tableStart = static_cast<unsigned long long>(streamPosition(stream));
-        qDebug("stream %d entries (%llx)", int(entryCount), tableStart);
-    }
+    if (logs && entryCount != 0 && !walk.listEnded())
+        logTableStart(entryCount, streamPosition(stream));
 
     // Entries an earlier table of the group already wrote here: step over them.
     if (group && group->served.contains(this) && streamPosition(stream) == tablePosition()) {
         if (auto* device = qobject_cast<QuickTimeBufferDevice*>(stream.device()))
             device->skipWritten(qint64(s_offset64EntryBytes) * group->servedEntries);
         if (logs)
-            qDebug("done streaming %d entries", int(group->servedEntries));
+            logTableDone(group->servedEntries);
         return;
     }
 
@@ -394,7 +404,7 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
         sink.endBatch(entries);
     }
     if (logs)
-        qDebug("done streaming %d entries", int(written));
+        logTableDone(written);
 }
 
 // The later tables of this one's group that its walk can write as well: only through the buffered
@@ -476,11 +486,10 @@ void QuickTimeSingleChunkOffset64Atom::write(QDataStream& stream)
     const bool logs = file && file->family().logsChunkOffsetProgress;
     stream << entries;
     if (logs)
-        qDebug("stream %d entries (%llx)", int(entries),
-            static_cast<unsigned long long>(streamPosition(stream)));
+        logTableStart(entries, streamPosition(stream));
     stream << offset;
     if (logs)
-        qDebug("done streaming %d entries", int(entries));
+        logTableDone(entries);
 }
 
 } // namespace Tern

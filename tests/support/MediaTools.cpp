@@ -1,5 +1,7 @@
 #include "support/MediaTools.h"
 
+#include "support/TestSupport.h"
+
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -34,12 +36,6 @@ QByteArray run(const QString& program, const QStringList& args, bool* ok)
 }
 
 namespace {
-
-QByteArray readAll(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 // "key=value|key=value" lines of ffprobe's compact output.
 QList<QMap<QString, QString>> compactRecords(const QByteArray& output)
@@ -163,7 +159,7 @@ QByteArray gstreamerDecodeAudio(const QString& file, int index, const QString& r
                            QString("d.audio_%1").arg(index), "!", "queue", "!", "audioconvert", "!",
                            "audio/x-raw,format=" + rawFormat, "!", "filesink", "location=" + out},
         &ok);
-    return ok ? readAll(out) : QByteArray();
+    return ok ? TestSupport::readFile(out) : QByteArray();
 }
 
 int gstreamerVideoFrames(const QString& file, int width, int height)
