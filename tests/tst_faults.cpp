@@ -322,6 +322,11 @@ private slots:
         killedAtEverySystemCallIsCompletedByTheNextRun_data();
     }
     void rewriteKilledAtEverySystemCallIsCompletedByTheNextRewrite();
+    void restoreKilledAtEverySystemCallIsCompletedByTheNextRestore_data()
+    {
+        killedAtEverySystemCallIsCompletedByTheNextRun_data();
+    }
+    void restoreKilledAtEverySystemCallIsCompletedByTheNextRestore();
 };
 
 void TestFaults::everyFailingWriteLeavesARetryableFile_data()
@@ -673,7 +678,58 @@ void TestFaults::rewriteKilledAtEverySystemCallIsCompletedByTheNextRewrite()
         QVERIFY2(readFile(mov) == interchange, qPrintable(at));
     }
     qInfo("%d calls of a rewrite killed in turn; %d of the next rewrites killed again", int(calls.size()),
-          killedTwice);
+        killedTwice);
+}
+
+void TestFaults::restoreKilledAtEverySystemCallIsCompletedByTheNextRestore()
+{
+    // A finished movie is restored, killed at each call that changes the file or its name (the cut of the
+    // index, the syncs, the opening of the 'mdat' header, the rename). The next restore, itself killed at
+    // its first truncation when it makes one, and the one after it leave exactly the recorder's file under
+    // its in-progress name; a restore killed after its rename has nothing left to do.
+    if (QStandardPaths::findExecutable("strace").isEmpty())
+        QSKIP("strace is needed to kill the program at its system calls (the test command installs it)");
+    QFETCH(int, family);
+    QFETCH(bool, storeEnd);
+    const auto kind = RecordingPlan::Family(family);
+    // Without a recorded end a torn chunk is part of the media, and comes back with it.
+    const RecordingPlan p = storeEnd ? plan(kind, true) : tornPlan(kind, false);
+    QTemporaryDir tmp;
+    const QString card = tmp.filePath("card");
+    const QString zqv = card + "/A001.zqv";
+    const QString mov = card + "/A001.mov";
+    QVERIFY(QDir().mkpath(card));
+    QVERIFY(writeInterruptedRecording(zqv, p).ok);
+    const QByteArray original = readFile(zqv);
+    QStringList out;
+    QCOMPARE(runCli({ card }, &out), 0);
+    const QByteArray finished = readFile(mov);
+
+    const QList<TracedCall> calls = changingCalls({ "--restore", mov }, tmp.filePath("trace"));
+    QCOMPARE(readFile(zqv), original);
+    QVERIFY(madeCall(calls, "ftruncate") && madeCall(calls, "fsync") && madeCall(calls, "write"));
+
+    int killedTwice = 0;
+    for (int i = 0; i < calls.size(); ++i) {
+        const QString at = killedAtText(calls, i);
+        QFile::remove(zqv);
+        QVERIFY(writeFile(mov, finished));
+        bool ranOk = false;
+        QVERIFY2(runKilledAt({ "--restore", mov }, calls[i], &ranOk),
+            qPrintable(at + ": the program was not killed"));
+        if (QFile::exists(mov) && runKilledAt({ "--restore", mov }, TracedCall { "ftruncate", 1 }, &ranOk))
+            ++killedTwice;
+        QVERIFY2(ranOk, qPrintable(at));
+        if (QFile::exists(mov)) {
+            const int status = runCli({ "--restore", mov }, &out);
+            QVERIFY2(status == 0 && out.contains("     " + mov + " restored as " + zqv + "."),
+                qPrintable(at + ":\n" + out.join('\n')));
+        }
+        QCOMPARE(QDir(card).entryList(QDir::Files), QStringList { "A001.zqv" });
+        QVERIFY2(readFile(zqv) == original, qPrintable(at));
+    }
+    qInfo("%d calls of a restore killed in turn; %d of the next restores killed again", int(calls.size()),
+        killedTwice);
 }
 
 QTEST_GUILESS_MAIN(TestFaults)

@@ -6,6 +6,7 @@
 #include "support/MediaTools.h"
 #include "support/TestSupport.h"
 
+#include <QCryptographicHash>
 #include <QTemporaryDir>
 #include <QtEndian>
 #include <QtTest>
@@ -66,6 +67,8 @@ private slots:
     void finalizedMovieDecodesLikeItsSource();
     void interchangeFinishReadsRightInEveryReader_data();
     void interchangeFinishReadsRightInEveryReader();
+    void restoreGivesBackTheRecordersFile_data();
+    void restoreGivesBackTheRecordersFile();
 };
 
 void TestMedia::initTestCase()
@@ -529,6 +532,54 @@ void TestMedia::interchangeFinishReadsRightInEveryReader()
     QStringList verified;
     QCOMPARE(runCli({"--verify", mov}, &verified), 0);
     QVERIFY2(!verified.isEmpty() && verified.last().endsWith(", verified"), qPrintable(verified.join('\n')));
+}
+
+void TestMedia::restoreGivesBackTheRecordersFile_data()
+{
+    finalizedMovieDecodesLikeItsSource_data();
+}
+
+void TestMedia::restoreGivesBackTheRecordersFile()
+{
+    // Each real-codec recording, with its end recorded and without (a torn chunk then lies inside the
+    // media), finished in either form and restored: the recorder's file comes back byte for byte under
+    // its in-progress name, and finishing it again gives the same movie.
+    QFETCH(Shape, shape);
+    QTemporaryDir tmp;
+    Recorded recorded = record(shape, tmp);
+    QVERIFY2(recorded.ok, qPrintable(recorded.recording.error));
+    const QString& zqv = recorded.zqv;
+    const QString mov = recorded.card + "/A001C001.mov";
+    for (const bool storeEnd : {true, false}) {
+        RecordingPlan plan = recorded.plan;
+        plan.storeRecordedEndPosition = storeEnd;
+        // Past a recorded end a torn chunk is not media: the finish writes its index over it.
+        plan.tornTailBytes = storeEnd ? 0 : 4321;
+        for (const bool interchange : {false, true}) {
+            const QString at = QString("%1, %2").arg(storeEnd ? "recorded end" : "torn, no recorded end",
+                                                     interchange ? "interchange" : "recorder's form");
+            QFile::remove(zqv);
+            QVERIFY(writeInterruptedRecording(zqv, plan).ok);
+            const QByteArray original = readFile(zqv);
+            const QStringList finishArgs = interchange ? QStringList{"--interchange", recorded.card}
+                                                       : QStringList{recorded.card};
+            QStringList out;
+            QCOMPARE(runCli(finishArgs, &out), 0);
+            const QByteArray finished = readFile(mov);
+            QVERIFY2(!finished.isEmpty(), qPrintable(at));
+
+            QCOMPARE(runCli({"--restore", mov}, &out), 0);
+            QVERIFY2(out.contains("     " + mov + " restored as " + zqv + "."), qPrintable(at));
+            QVERIFY2(!QFile::exists(mov), qPrintable(at));
+            QVERIFY2(QCryptographicHash::hash(readFile(zqv), QCryptographicHash::Sha256)
+                         == QCryptographicHash::hash(original, QCryptographicHash::Sha256),
+                     qPrintable(at));
+
+            QCOMPARE(runCli(finishArgs, &out), 0);
+            QVERIFY2(readFile(mov) == finished, qPrintable(at + ": finished again differently"));
+            QFile::remove(mov);
+        }
+    }
 }
 
 QTEST_GUILESS_MAIN(TestMedia)

@@ -53,6 +53,7 @@ const char* const kUsage =
     "Usage: clipward-cli [--scan-only] [--interchange] [--json] PATH\n"
     "       clipward-cli --interchange FILE.mov...\n"
     "       clipward-cli --verify FILE...\n"
+    "       clipward-cli --restore FILE...\n"
     "Finds recordings left unfinished on PATH (a drive or folder) and finalizes them,\n"
     "printing the same report as the Clipward window.\n"
     "\n"
@@ -67,6 +68,10 @@ const char* const kUsage =
     "                summary object to stdout (JSON Lines); the report goes to stderr\n"
     "  --verify      read every frame and sound sample of each finished movie FILE and\n"
     "                check that each lies inside the file and its media; one line per file\n"
+    "  --restore     take each movie Clipward finished (FILE.mov) back to the file its\n"
+    "                recorder left, under its in-progress name (.zqv), and give each\n"
+    "                file Clipward gave up (FILE.nrv, FILE.nra) its in-progress name\n"
+    "                back; any other file is refused and left as it is\n"
     "  --help        show this text\n"
     "  --version     show the version\n"
     "\n"
@@ -76,12 +81,21 @@ const char* const kUsage =
     "be written, read or finished for want of room, or a folder that could not be\n"
     "read (the report says which). With --verify: 0 every FILE verified, 1 at least\n"
     "one did not, 2 no FILE given. With --interchange FILE...: 0 every FILE rewritten,\n"
-    "1 at least one refused, 3 none refused but one was left as it is.\n";
+    "1 at least one refused, 3 none refused but one was left as it is; the same with\n"
+    "--restore FILE...\n";
 
 int usageError(const QString& reason)
 {
     std::fprintf(stderr, "clipward-cli: %s\n%s", reason.toUtf8().constData(), kUsage);
     return kExitUsage;
+}
+
+// 1 when a file was unrecoverable or refused, else 3 when something was left as it is, else 0.
+int exitStatus(const FinalizeRun::Summary& summary)
+{
+    if (summary.badCount != 0)
+        return kExitUnrecoverable;
+    return summary.somethingLeft() ? kExitSomethingLeft : kExitOk;
 }
 
 // Verifies each movie, printing the reader's messages and one summary line per file.
@@ -99,17 +113,17 @@ int verifyFiles(const QStringList& files)
     return failed != 0 ? kExitUnrecoverable : kExitOk;
 }
 
-// Rewrites the index of each finished movie into the interchange form, a line per file and the counts.
-int rewriteFiles(const QStringList& files)
+// Runs `job` over the given finished or given-up files, a line per file and the counts; the exit status
+// follows the counts.
+int runOnFiles(FinalizeRun::Summary (FinalizeRun::*job)(const QStringList&), const QStringList& files,
+               Tern::FinishStyle style = Tern::FinishStyle::Recorder)
 {
     qInstallMessageHandler(messageToStdout);
-    FinalizeRun run(false, Tern::FinishStyle::Interchange);
+    FinalizeRun run(false, style);
     QObject::connect(&run, &FinalizeRun::output, &printLine);
-    const FinalizeRun::Summary summary = run.rewriteForInterchange(files);
+    const FinalizeRun::Summary summary = (run.*job)(files);
     std::fflush(stdout);
-    if (summary.badCount != 0)
-        return kExitUnrecoverable;
-    return summary.somethingLeft() ? kExitSomethingLeft : kExitOk;
+    return exitStatus(summary);
 }
 
 } // namespace
@@ -125,6 +139,7 @@ int main(int argc, char* argv[])
     bool verify = false;
     bool interchange = false;
     bool json = false;
+    bool restore = false;
     QStringList paths;
     const QStringList args = QCoreApplication::arguments().mid(1);
     for (const QString& arg : args) {
@@ -144,10 +159,19 @@ int main(int argc, char* argv[])
             interchange = true;
         else if (arg == "--json")
             json = true;
+        else if (arg == "--restore")
+            restore = true;
         else if (arg.startsWith("--"))
             return usageError(QString("unknown option %1").arg(arg));
         else
             paths.append(arg);
+    }
+    if (restore) {
+        if (scanOnly || verify || interchange || json)
+            return usageError("--restore takes no other option");
+        if (paths.isEmpty())
+            return usageError("no FILE given");
+        return runOnFiles(&FinalizeRun::restore, paths);
     }
     if (verify) {
         if (scanOnly)
@@ -162,7 +186,7 @@ int main(int argc, char* argv[])
     if (interchange && (paths.size() > 1 || (paths.size() == 1 && QFileInfo(paths.first()).isFile()))) {
         if (scanOnly)
             return usageError("--scan-only lists recordings on a PATH; it does not take finished movies");
-        return rewriteFiles(paths);
+        return runOnFiles(&FinalizeRun::rewriteForInterchange, paths, Tern::FinishStyle::Interchange);
     }
     if (paths.size() != 1)
         return usageError(paths.isEmpty() ? "no PATH given" : "give exactly one PATH");
@@ -205,7 +229,5 @@ int main(int argc, char* argv[])
         std::fprintf(stderr, "clipward-cli: path does not exist: %s\n", paths.first().toUtf8().constData());
         return kExitUsage;
     }
-    if (summary.badCount != 0)
-        return kExitUnrecoverable;
-    return summary.somethingLeft() ? kExitSomethingLeft : kExitOk;
+    return exitStatus(summary);
 }

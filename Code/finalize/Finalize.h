@@ -41,6 +41,12 @@ public:
     enum class Rewrite { Rewritten, NotFinishedByClipward, Failed, InUse, LeftForTheCard };
     Rewrite rewriteForInterchange(const QString& path);
 
+    // Takes a movie Clipward finished or gave up, or a WAV it gave up, back to the in-progress file its
+    // recorder left, under the in-progress name (set in `restoredPath`); a restore cut short is completed.
+    // The reason for every result but Restored is in notFinishedReason.
+    enum class Restore { Restored, Refused, InUse, LeftForTheCard };
+    Restore restore(const QString& path, QString* restoredPath);
+
     unsigned short* workBuffer;
     QString outputFileName;
     QStringList skipFolders;

@@ -13,6 +13,31 @@ FinalizeRun::FinalizeRun(bool scanOnly, Tern::FinishStyle style)
 {
 }
 
+namespace {
+
+// A file of a command on given files that was refused or left: "     PATH not VERB: REASON."
+QString notDoneLine(const QString& path, const char* verb, const QString& reason)
+{
+    return QString("     %1 not %2: %3.").arg(path, verb, reason);
+}
+
+QString inUseLine(const QString& path)
+{
+    return QString("     %1 in use by another run, left as it is").arg(path);
+}
+
+} // namespace
+
+void FinalizeRun::closeFileCommand(const Summary& summary, const char* verb, const QString& doneLine)
+{
+    emit output(" ");
+    if (summary.badCount != 0)
+        emit output(QString("%1 file(s) not %2.").arg(summary.badCount).arg(verb));
+    if (summary.leftCount != 0)
+        emit output(QString("%1 file(s) left as they are.").arg(summary.leftCount));
+    emit output(doneLine.arg(summary.goodCount));
+}
+
 FinalizeRun::Summary FinalizeRun::rewriteForInterchange(const QStringList& files)
 {
     Finalize driver;
@@ -20,41 +45,69 @@ FinalizeRun::Summary FinalizeRun::rewriteForInterchange(const QStringList& files
     summary.pathExists = true;
     for (const QString& each : files) {
         const QString path = QFileInfo(each).absoluteFilePath();
+        QString line;
+        int* count = &summary.badCount;
         if (!QFileInfo(path).isFile()) {
-            emit output(QString("     %1 not rewritten: there is no such file.").arg(path));
-            ++summary.badCount;
-            continue;
+            line = notDoneLine(path, "rewritten", "there is no such file");
+        } else {
+            switch (driver.rewriteForInterchange(path)) {
+            case Finalize::Rewrite::Rewritten:
+                line = QString("     %1 rewritten for interchange.").arg(path);
+                count = &summary.goodCount;
+                break;
+            case Finalize::Rewrite::NotFinishedByClipward:
+                line = notDoneLine(path, "rewritten", "Clipward did not finish this movie");
+                break;
+            case Finalize::Rewrite::Failed:
+                line = notDoneLine(path, "rewritten", "its recording could not be finished again");
+                break;
+            case Finalize::Rewrite::InUse:
+                line = inUseLine(path);
+                count = &summary.leftCount;
+                break;
+            case Finalize::Rewrite::LeftForTheCard:
+                line = notDoneLine(path, "rewritten", driver.notFinishedReason);
+                count = &summary.leftCount;
+                break;
+            }
         }
-        switch (driver.rewriteForInterchange(path)) {
-        case Finalize::Rewrite::Rewritten:
-            emit output(QString("     %1 rewritten for interchange.").arg(path));
-            ++summary.goodCount;
-            break;
-        case Finalize::Rewrite::NotFinishedByClipward:
-            emit output(QString("     %1 not rewritten: Clipward did not finish this movie.").arg(path));
-            ++summary.badCount;
-            break;
-        case Finalize::Rewrite::Failed:
-            emit output(
-                QString("     %1 not rewritten: its recording could not be finished again.").arg(path));
-            ++summary.badCount;
-            break;
-        case Finalize::Rewrite::InUse:
-            emit output(QString("     %1 in use by another run, left as it is").arg(path));
-            ++summary.leftCount;
-            break;
-        case Finalize::Rewrite::LeftForTheCard:
-            emit output(QString("     %1 not rewritten: %2.").arg(path, driver.notFinishedReason));
-            ++summary.leftCount;
-            break;
-        }
+        emit output(line);
+        ++*count;
     }
-    emit output(" ");
-    if (summary.badCount != 0)
-        emit output(QString("%1 file(s) not rewritten.").arg(summary.badCount));
-    if (summary.leftCount != 0)
-        emit output(QString("%1 file(s) left as they are.").arg(summary.leftCount));
-    emit output(QString("%1 movie(s) rewritten for interchange.").arg(summary.goodCount));
+    closeFileCommand(summary, "rewritten", "%1 movie(s) rewritten for interchange.");
+    return summary;
+}
+
+FinalizeRun::Summary FinalizeRun::restore(const QStringList& files)
+{
+    Finalize driver;
+    Summary summary;
+    summary.pathExists = true;
+    for (const QString& each : files) {
+        const QString path = QFileInfo(each).absoluteFilePath();
+        QString restoredPath;
+        QString line;
+        int* count = &summary.leftCount;
+        switch (driver.restore(path, &restoredPath)) {
+        case Finalize::Restore::Restored:
+            line = QString("     %1 restored as %2.").arg(path, restoredPath);
+            count = &summary.goodCount;
+            break;
+        case Finalize::Restore::Refused:
+            line = notDoneLine(path, "restored", driver.notFinishedReason);
+            count = &summary.badCount;
+            break;
+        case Finalize::Restore::InUse:
+            line = inUseLine(path);
+            break;
+        case Finalize::Restore::LeftForTheCard:
+            line = notDoneLine(path, "restored", driver.notFinishedReason);
+            break;
+        }
+        emit output(line);
+        ++*count;
+    }
+    closeFileCommand(summary, "restored", "%1 file(s) restored.");
     return summary;
 }
 

@@ -39,6 +39,11 @@ public:
     // or another run kept from it.
     Summary rewriteForInterchange(const QStringList& files);
 
+    // Takes each movie Clipward finished or gave up, and each WAV it gave up, back to the in-progress state
+    // its recorder left, under its in-progress name: one line per file and the counts. goodCount counts
+    // the files restored, badCount those refused, leftCount those the card or another run kept from it.
+    Summary restore(const QStringList& files);
+
     // First two characters of the absolute path of the folder holding `path` ("/V" for /Volumes/CARD).
     static QString driveOf(const QString& path);
 
@@ -48,6 +53,10 @@ signals:
     void fileDone(const FileOutcome& outcome);
 
 private:
+    // The closing lines of a command on given files: how many were not `verb` and left, then `doneLine`
+    // with the count of those done.
+    void closeFileCommand(const Summary& summary, const char* verb, const QString& doneLine);
+
     bool m_scanOnly;
     Tern::FinishStyle m_style;
     bool m_learnFacts = false;

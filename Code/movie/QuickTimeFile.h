@@ -315,6 +315,10 @@ public:
     // header position, the 'moov' right behind it, and the closing zero block ending the file. A finish
     // cut short after its header was patched leaves exactly that under the in-progress name.
     bool looksFinished();
+    // Where the closing zero block behind the 'moov' ends, for a file laid out so up to there; -1 for any
+    // other. A finish with a recorded end writes its index over whatever the recorder left past that
+    // end, and what the index did not cover stays behind the zero block.
+    qint64 finishedEnd();
     RecoverySettings* loadSavedSettings();
 
     // Taking a finish back (to finish the recording again in another form). savedFrameMapLength: the

@@ -41,24 +41,29 @@ bool QuickTimeFile::verifyHeader()
 
 bool QuickTimeFile::looksFinished()
 {
+    const qint64 end = finishedEnd();
+    return end >= 0 && end == device.size();
+}
+
+qint64 QuickTimeFile::finishedEnd()
+{
     const qint64 fileSize = device.size();
     const qint64 movieDataSize = movieDataSizeAtHeader();
     if (movieDataSize <= s_unclosedMovieDataSize || movieDataSize >= fileSize - s_datPos)
-        return false;
+        return -1;
 
     const qint64 moovPos = s_datPos + movieDataSize;
     quint32 moovSize = 0;
     quint32 moovType = 0;
     if (!device.seek(moovPos))
-        return false;
+        return -1;
     stream >> moovSize >> moovType;
     const bool moovBehind = stream.status() == QDataStream::Ok && moovType == fourCC("moov") && moovSize >= 8;
     stream.resetStatus();
-    if (!moovBehind || moovPos + qint64(moovSize) + s_closingZeroBytes != fileSize)
-        return false;
-    if (!device.seek(moovPos + moovSize))
-        return false;
-    return device.read(s_closingZeroBytes) == QByteArray(s_closingZeroBytes, '\0');
+    const qint64 end = moovPos + qint64(moovSize) + s_closingZeroBytes;
+    if (!moovBehind || end > fileSize || !device.seek(moovPos + moovSize))
+        return -1;
+    return device.read(s_closingZeroBytes) == QByteArray(s_closingZeroBytes, '\0') ? end : -1;
 }
 
 QuickTimeFile::RecoverySettings* QuickTimeFile::loadSavedSettings()
