@@ -275,7 +275,7 @@ void TestRestore::refusalsLeaveEveryFileAsItIs()
     const QString random = tmp.filePath("random.mov");
     QByteArray noise(6000000, '\0');
     for (int i = 0; i < noise.size(); ++i)
-        noise[i] = char((i * 7919) >> 3);
+        noise[i] = char((quint32(i) * 7919u) >> 3);
     QVERIFY(writeFile(random, noise));
     const QString other = tmp.filePath("C001.mov");
     QByteArray foreign = readFile(taken);
