@@ -1,6 +1,7 @@
 // clipward-cli: the same run as the window's Start button, printed to stdout line by line; and the check
 // of finished movies through the movie reader.
 
+#include "cli/InfoCommand.h"
 #include "finalize/FinalizeRun.h"
 #include "finalize/LogText.h"
 #include "movie/MovieVerifier.h"
@@ -54,6 +55,7 @@ const char* const kUsage =
     "       clipward-cli --interchange FILE.mov...\n"
     "       clipward-cli --verify FILE...\n"
     "       clipward-cli --restore FILE...\n"
+    "       clipward-cli --info [--json] FILE...\n"
     "Finds recordings left unfinished on PATH (a drive or folder) and finalizes them,\n"
     "printing the same report as the Clipward window.\n"
     "\n"
@@ -72,6 +74,8 @@ const char* const kUsage =
     "                recorder left, under its in-progress name (.zqv), and give each\n"
     "                file Clipward gave up (FILE.nrv, FILE.nra) its in-progress name\n"
     "                back; any other file is refused and left as it is\n"
+    "  --info        show what each recording FILE holds and what a finish would make\n"
+    "                of it, changing nothing; with --json as one JSON object per FILE\n"
     "  --help        show this text\n"
     "  --version     show the version\n"
     "\n"
@@ -82,7 +86,8 @@ const char* const kUsage =
     "read (the report says which). With --verify: 0 every FILE verified, 1 at least\n"
     "one did not, 2 no FILE given. With --interchange FILE...: 0 every FILE rewritten,\n"
     "1 at least one refused, 3 none refused but one was left as it is; the same with\n"
-    "--restore FILE...\n";
+    "--restore FILE.... With --info: 0 every FILE a movie or WAV that could be read,\n"
+    "1 at least one missing, unreadable or no recording, 2 no FILE given.\n";
 
 int usageError(const QString& reason)
 {
@@ -140,6 +145,7 @@ int main(int argc, char* argv[])
     bool interchange = false;
     bool json = false;
     bool restore = false;
+    bool info = false;
     QStringList paths;
     const QStringList args = QCoreApplication::arguments().mid(1);
     for (const QString& arg : args) {
@@ -161,10 +167,19 @@ int main(int argc, char* argv[])
             json = true;
         else if (arg == "--restore")
             restore = true;
+        else if (arg == "--info")
+            info = true;
         else if (arg.startsWith("--"))
             return usageError(QString("unknown option %1").arg(arg));
         else
             paths.append(arg);
+    }
+    if (info) {
+        if (scanOnly || verify || interchange || restore)
+            return usageError("--info takes only --json");
+        if (paths.isEmpty())
+            return usageError("no FILE given");
+        return infoFiles(paths, json);
     }
     if (restore) {
         if (scanOnly || verify || interchange || json)

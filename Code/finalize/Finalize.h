@@ -10,6 +10,7 @@
 #include <QString>
 #include <QStringList>
 
+class AudioFile;
 class CardFile;
 
 // Driver of one run: walks the start folders depth-first, picks out the recorder's in-progress
@@ -35,6 +36,19 @@ public:
     unsigned int ternDoFinalize(QString path);
     unsigned int heronDoFinalize(QString path);
     void setQuickTimeFileInfo(QuickTimeFile::RecoverySettings* settings, QuickTimeFile* movie);
+
+    // The steps of each family's movie finish on an open file, up to the rename: check the in-progress
+    // layout (or an earlier finish cut short), load and check the settings, rebuild the index. The
+    // procedures run them on the card's file; clipward-cli --info runs them on a copy-on-write view to
+    // tell what a finish would do. The Tern steps log the procedure's progress lines.
+    enum class TernStep { Finalized, FinishedEarlier, Corrupted, NoSettings, InvalidSettings, RebuildFailed };
+    TernStep finishTernMovie(Tern::QuickTimeFile& movie, const QString& path);
+    // The format of the line the Tern procedure logs for a failed step (the path for %s); null for success.
+    static const char* ternFailureLine(TernStep step);
+    enum class HeronStep { Finalized, FinishedEarlier, NotInProgress, NoSettings, RebuildFailed };
+    HeronStep finishHeronMovie(QuickTimeFile& movie, const QString& path);
+    // The audio finish: the header read, then the sizes repaired; the audio library's result code.
+    unsigned int finishHeronSound(AudioFile& audio);
 
     // Rewrites the index of a movie Clipward finished (in either form) into the interchange form; a
     // rewrite cut short is completed. LeftForTheCard sets notFinishedReason.

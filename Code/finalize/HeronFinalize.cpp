@@ -53,6 +53,28 @@ void Finalize::setQuickTimeFileInfo(QuickTimeFile::RecoverySettings* s, QuickTim
     movie->InitQuickTimeFileInfo();
 }
 
+Finalize::HeronStep Finalize::finishHeronMovie(QuickTimeFile& movie, const QString& path)
+{
+    if (!movie.verifyHeader())
+        return EarlierFinish::completes(movie, path) ? HeronStep::FinishedEarlier : HeronStep::NotInProgress;
+    movie.initFile(nullptr);
+    QuickTimeFile::RecoverySettings* settings = movie.loadSavedSettings();
+    if (!settings)
+        return HeronStep::NoSettings;
+    setQuickTimeFileInfo(settings, &movie);
+    movie.finishStyle = finishStyle;
+    return movie.recover() ? HeronStep::Finalized : HeronStep::RebuildFailed;
+}
+
+unsigned int Finalize::finishHeronSound(AudioFile& audio)
+{
+    const unsigned int result = audio.ReadAudioFileInfo();
+    if (result != 0)
+        return result;
+    return finishStyle == Tern::FinishStyle::Interchange ? audio.VerifyHeaderInWholeFrames()
+                                                         : audio.VerifyHeader();
+}
+
 unsigned int Finalize::heronDoFinalize(QString path)
 {
     CardFile file(path);
@@ -63,22 +85,13 @@ unsigned int Finalize::heronDoFinalize(QString path)
     if (lower.endsWith(".zqv")) {
         if (!file.open(kOpenExisting))
             return kUnrecoverable;
-        unsigned int result = kUnrecoverable;
         auto* movie = new QuickTimeFile(file, workBuffer);
-        if (!movie->verifyHeader()) {
-            if (EarlierFinish::completes(*movie, path))
-                result = kFinalized; // finished before, renamed now
-        } else {
-            movie->initFile(nullptr);
-            if (QuickTimeFile::RecoverySettings* settings = movie->loadSavedSettings()) {
-                setQuickTimeFileInfo(settings, movie);
-                movie->finishStyle = finishStyle;
-                if (movie->recover())
-                    result = kFinalized;
-                else
-                    file.noteFailedClose(*movie);
-            }
-        }
+        const HeronStep step = finishHeronMovie(*movie, path);
+        // A movie finished before is renamed now.
+        const unsigned int result =
+            step == HeronStep::Finalized || step == HeronStep::FinishedEarlier ? kFinalized : kUnrecoverable;
+        if (step == HeronStep::RebuildFailed)
+            file.noteFailedClose(*movie);
         delete movie;
         file.close();
         if (leftForTheCard(file, result == kFinalized))
@@ -94,10 +107,7 @@ unsigned int Finalize::heronDoFinalize(QString path)
         if (!file.open(kOpenExisting))
             return kUnrecoverable;
         AudioFile audio(file);
-        unsigned int result = audio.ReadAudioFileInfo();
-        if (result == 0)
-            result = finishStyle == Tern::FinishStyle::Interchange ? audio.VerifyHeaderInWholeFrames()
-                                                                   : audio.VerifyHeader();
+        const unsigned int result = finishHeronSound(audio);
         StableStorage::sync(file); // the repaired sizes reach the disk before the finished name does
         file.close();
         if (leftForTheCard(file, result == 0))

@@ -7,9 +7,7 @@
 
 #include <QFile>
 
-namespace {
-
-QString timecodeText(quint32 tc, bool dropFrame)
+QString RecordingFacts::timecodeText(quint32 tc, bool dropFrame)
 {
     return QString("%1:%2:%3%4%5")
         .arg(tc >> 24, 2, 10, QChar('0'))
@@ -18,6 +16,8 @@ QString timecodeText(quint32 tc, bool dropFrame)
         .arg(dropFrame ? ';' : ':')
         .arg(tc & 0xFF, 2, 10, QChar('0'));
 }
+
+namespace {
 
 bool readMovie(QFile& file, RecordingFacts* facts)
 {
@@ -50,7 +50,7 @@ bool readMovie(QFile& file, RecordingFacts* facts)
     else if (s.videoCodecType == Tern::quicktime_codec_dnxhd)
         facts->codec = QStringLiteral("DNxHD");
     facts->reelName = s.reelNameText();
-    facts->startTimecode = timecodeText(s.timecode, s.dropFrame != 0);
+    facts->startTimecode = RecordingFacts::timecodeText(s.timecode, s.dropFrame != 0);
     facts->sampleRate = s.audioSampleRate;
     facts->bitsPerSample = 8 * s.audioBytesPerSample;
     return true;
@@ -70,8 +70,9 @@ bool readSound(QFile& file, RecordingFacts* facts)
     const quint64 frameBytes = quint64(info.channels) * ((info.bitsPerSample + 7u) / 8u);
     const quint64 soundBytes = quint64(qMax<qint64>(0, file.size() - qint64(audio.dataStart())));
     facts->samples = frameBytes != 0 ? soundBytes / frameBytes : 0;
+    const bool dropFrame = info.frameRate == 4 || info.frameRate == 6;
     if (info.startTimecode != AudioFile::s_noTimecode)
-        facts->startTimecode = timecodeText(info.startTimecode, info.frameRate == 4 || info.frameRate == 6);
+        facts->startTimecode = RecordingFacts::timecodeText(info.startTimecode, dropFrame);
     return true;
 }
 

@@ -32,5 +32,8 @@ struct RecordingFacts
     quint64 samples = 0; // sample frames
 
     static RecordingFacts of(const QString& path);
+    // A packed timecode word (hours, minutes, seconds, frames a byte each) as hh:mm:ss:ff, with ';' before
+    // the frames when drop-frame.
+    static QString timecodeText(quint32 tc, bool dropFrame);
     QJsonObject toJson() const;
 };

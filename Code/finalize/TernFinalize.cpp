@@ -54,6 +54,47 @@ void TernSettings::configure(Tern::QuickTimeFile& movie, const Tern::RecoverySet
     movie.InitQuickTimeFileInfo();
 }
 
+const char* Finalize::ternFailureLine(TernStep step)
+{
+    switch (step) {
+    case TernStep::Finalized:
+    case TernStep::FinishedEarlier:
+        break;
+    case TernStep::Corrupted:
+        return "********************* %s recovery failed, corrupted file!\n";
+    case TernStep::NoSettings:
+        return "********************* %s recovery failed, couldn't get any recovery settings!\n";
+    case TernStep::InvalidSettings:
+        return "********************* %s recovery failed, invalid recovery settings!\n";
+    case TernStep::RebuildFailed:
+        return "********************* %s recovery failed, no frame map or finalization failed!\n";
+    }
+    return nullptr;
+}
+
+Finalize::TernStep Finalize::finishTernMovie(Tern::QuickTimeFile& movie, const QString& path)
+{
+    const QByteArray name = path.toLocal8Bit();
+    const bool unfinished = movie.verifyHeader();
+    if (!unfinished && EarlierFinish::completes(movie, path)) {
+        qDebug("********************* %s was finished by an earlier run cut short, verified!\n",
+               name.constData());
+        return TernStep::FinishedEarlier;
+    }
+    if (!unfinished)
+        return TernStep::Corrupted;
+    qDebug("********************* %s needs to be restored!\n", name.constData());
+    movie.initFile(nullptr);
+    Tern::RecoverySettings* settings = movie.loadSavedSettings();
+    if (!settings)
+        return TernStep::NoSettings;
+    if (!TernSettings::usable(*settings))
+        return TernStep::InvalidSettings;
+    TernSettings::configure(movie, *settings);
+    movie.finishStyle = finishStyle;
+    return movie.recover() ? TernStep::Finalized : TernStep::RebuildFailed;
+}
+
 unsigned int Finalize::ternDoFinalize(QString path)
 {
     CardFile file(path);
@@ -80,34 +121,16 @@ unsigned int Finalize::ternDoFinalize(QString path)
         logFailure("********************* %s recovery failed, can't open the file!\n");
     } else {
         movie = new Tern::QuickTimeFile(file);
-        const bool unfinished = movie->verifyHeader();
-        if (!unfinished && EarlierFinish::completes(*movie, path)) {
-            qDebug("********************* %s was finished by an earlier run cut short, verified!\n",
-                   name.constData());
+        const TernStep step = finishTernMovie(*movie, path);
+        if (step == TernStep::Finalized || step == TernStep::FinishedEarlier) {
             result = kFinalized;
-        } else if (!unfinished) {
-            logFailure("********************* %s recovery failed, corrupted file!\n");
+            if (step == TernStep::Finalized)
+                file.flush();
         } else {
-            qDebug("********************* %s needs to be restored!\n", name.constData());
-            movie->initFile(nullptr);
-            Tern::RecoverySettings* settings = movie->loadSavedSettings();
-            if (!settings) {
-                logFailure("********************* %s recovery failed, couldn't get any recovery settings!\n");
-            } else if (!TernSettings::usable(*settings)) {
-                logFailure("********************* %s recovery failed, invalid recovery settings!\n");
-            } else {
-                TernSettings::configure(*movie, *settings);
-                movie->finishStyle = finishStyle;
-                if (movie->recover()) {
-                    result = kFinalized;
-                    file.flush();
-                } else {
-                    file.noteFailedClose(*movie);
-                    logFailure(
-                        "********************* %s recovery failed, no frame map or finalization failed!\n");
-                    rebuildFailed = true;
-                }
-            }
+            rebuildFailed = step == TernStep::RebuildFailed;
+            if (rebuildFailed)
+                file.noteFailedClose(*movie);
+            logFailure(ternFailureLine(step));
         }
     }
     delete movie;
