@@ -6,6 +6,7 @@
 #include "simulate/WavSimulator.h"
 #include "support/TestSupport.h"
 #include "support/WidgetLookup.h"
+#include "support/WindowTest.h"
 
 #include <QApplication>
 #include <QCheckBox>
@@ -21,6 +22,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QTabWidget>
 #include <QStatusBar>
 #include <QTemporaryDir>
 #include <QTextBlock>
@@ -146,14 +148,8 @@ class TestMainWindow : public QObject
 private slots:
     void initTestCase()
     {
-        QApplication::setApplicationName("Clipward");
-        QApplication::setApplicationVersion(CLIPWARD_VERSION);
-        QApplication::setOrganizationName("Clipward");
         QVERIFY(!QFileInfo::exists(kMissingPath));
-        // The window's remembered choices go to a folder of the test's own, never the user's settings.
-        QVERIFY(m_settingsDir.isValid());
-        QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settingsDir.path());
-        QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settingsDir.path());
+        QVERIFY(TestSupport::useTestSettings(m_settingsDir));
     }
 
     void init()
@@ -183,10 +179,20 @@ private slots:
                          "QHBoxLayout horizontalLayout_2(QLabel descriptionLabel, QGroupBox scanModeGroup), "
                          "QVBoxLayout verticalLayout(QLabel label, "
                          "QHBoxLayout horizontalLayout(QLineEdit drivePathEdit, QPushButton browseButton)), "
-                         "QPlainTextEdit outputWindow, "
+                         "QTabWidget runViews, "
                          "QHBoxLayout horizontalLayout_3("
                          "QProgressBar progressBar, QPushButton startButton, QPushButton exitButton))"));
         QCOMPARE(top->contentsMargins(), QMargins(11, 11, 11, 11));
+
+        // The log is the first tab and the whole of its page; the per-file table is the second.
+        auto* views = child<QTabWidget>(&window, "runViews");
+        QCOMPARE(views->count(), 2);
+        QCOMPARE(views->currentIndex(), 0);
+        QCOMPARE(layoutTree(views->widget(0)->layout()),
+                 QString("QVBoxLayout reportLayout(QPlainTextEdit outputWindow)"));
+        QCOMPARE(views->widget(0)->layout()->contentsMargins(), QMargins());
+        QCOMPARE(layoutTree(views->widget(1)->layout()),
+                 QString("QVBoxLayout filesLayout(QLabel outcomeSummary, QTableView outcomeTable)"));
 
         QStringList radios;
         for (QRadioButton* radio : child<QGroupBox>(&window, "scanModeGroup")->findChildren<QRadioButton*>())

@@ -5,6 +5,7 @@
 #include "MainWindow.h"
 #include "support/TestSupport.h"
 #include "support/WidgetLookup.h"
+#include "support/WindowTest.h"
 
 #include <QAction>
 #include <QApplication>
@@ -112,11 +113,7 @@ class TestWindowUsability : public QObject
 private slots:
     void initTestCase()
     {
-        QApplication::setApplicationName("Clipward");
-        QApplication::setOrganizationName("Clipward");
-        QVERIFY(m_settingsDir.isValid());
-        QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_settingsDir.path());
-        QSettings().clear();
+        QVERIFY(TestSupport::useTestSettings(m_settingsDir));
     }
 
     void pathFieldHasTheFocusAtStartUp()
@@ -194,7 +191,7 @@ private slots:
             if (!action->isSeparator())
                 entries << action->text().remove('&');
         }
-        QCOMPARE(entries, (QStringList{"Copy", "Select All", "Save Log..."}));
+        QCOMPARE(entries, (QStringList{"Copy", "Select All", "Save Log...", "Save Outcomes..."}));
         QVERIFY(!menu->actions().first()->isEnabled()); // nothing selected yet
 
         menu->actions().at(1)->trigger(); // Select All
@@ -430,11 +427,7 @@ private:
 
     std::unique_ptr<MainWindow> makeWindow()
     {
-        std::unique_ptr<MainWindow> window(new MainWindow);
-        window->show();
-        QApplication::setActiveWindow(window.get());
-        if (!QTest::qWaitForWindowActive(window.get()))
-            qWarning("window not active");
+        std::unique_ptr<MainWindow> window = TestSupport::shownActiveWindow();
         logBox(*window)->clear(); // what the platform logged while the window was shown
         return window;
     }

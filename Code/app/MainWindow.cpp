@@ -6,24 +6,32 @@
 
 #include <QAbstractTextDocumentLayout>
 #include <QAction>
+#include <QApplication>
+#include <QClipboard>
 #include <QCloseEvent>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QGroupBox>
+#include <QHeaderView>
 #include <QKeyEvent>
 #include <QMenu>
 #include <QMetaObject>
+#include <QSaveFile>
 #include <QScreen>
 #include <QScrollBar>
 #include <QSettings>
+#include <QSortFilterProxyModel>
 #include <QStatusBar>
+#include <QTabBar>
 #include <QTemporaryFile>
 #include <QTextCursor>
 #include <QTextDocument>
+#include <QToolButton>
 #include <QVBoxLayout>
 
+#include <algorithm>
 #include <cstdlib>
 
 MainWindow* mainWindowInstance = nullptr;
@@ -47,6 +55,16 @@ const int kScanModeGroupMinimumHeight = 70;
 
 // Whether Start finishes in the interchange form; remembered from one session to the next.
 const char* const kInterchangeKey = "finish/interchange";
+
+// The widest a column of the Files tab grows to fit its texts, in average characters; wider texts are
+// elided, and the tool tip and the saved file hold them whole.
+const int kOutcomeColumnMaxChars = 40;
+// Pixels above and below a row's line of text in the Files tab.
+const int kOutcomeRowPadding = 8;
+
+// The save dialog's choices; a name without a suffix takes the chosen one's.
+const char* const kCsvFilter = QT_TRANSLATE_NOOP("MainWindow", "CSV files (*.csv)");
+const char* const kJsonLinesFilter = QT_TRANSLATE_NOOP("MainWindow", "JSON Lines files (*.jsonl)");
 
 } // namespace
 
@@ -89,6 +107,14 @@ MainWindow::MainWindow(QWidget* parent)
     m_saveLogAction->setShortcut(QKeySequence::Save);
     connect(m_saveLogAction, &QAction::triggered, this, &MainWindow::saveLog);
     addAction(m_saveLogAction);
+    m_saveOutcomesAction = new QAction(tr("Save Outcomes..."), this);
+    m_saveOutcomesAction->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S));
+    m_saveOutcomesAction->setEnabled(false);
+    m_saveOutcomesAction->setToolTip(
+        tr("Saves the Files tab as CSV or JSON Lines (%1)")
+            .arg(m_saveOutcomesAction->shortcut().toString(QKeySequence::NativeText)));
+    connect(m_saveOutcomesAction, &QAction::triggered, this, &MainWindow::saveOutcomes);
+    addAction(m_saveOutcomesAction);
     // Like a terminal: the box follows the end until the user scrolls away from it, and again once they
     // scroll back; a resize or new lines keep the end in view while it follows.
     QScrollBar* scroll = ui->outputWindow->verticalScrollBar();
@@ -116,6 +142,7 @@ MainWindow::MainWindow(QWidget* parent)
     connect(ui->scanAndFinalize, &QRadioButton::toggled, this, &MainWindow::scanModeChanged);
     ui->interchangeFinish->setChecked(QSettings().value(kInterchangeKey, false).toBool());
     connect(ui->interchangeFinish, &QCheckBox::toggled, this, &MainWindow::finishStyleChanged);
+    setUpOutcomeTable();
 
     setUpKeyboard();
 
@@ -141,12 +168,208 @@ void MainWindow::setUpKeyboard()
     setTabOrder(ui->scanOnly, ui->interchangeFinish);
     setTabOrder(ui->interchangeFinish, ui->startButton);
     setTabOrder(ui->startButton, ui->exitButton);
+    // The Files tab's table and button follow Exit while the tab is shown. The tabs themselves take no
+    // focus, so the chain is the same as without them while the report shows; Alt+R and Alt+I choose them.
+    setTabOrder(ui->exitButton, ui->outcomeTable);
+    setTabOrder(ui->outcomeTable, m_saveOutcomesButton);
+    ui->runViews->setFocusPolicy(Qt::NoFocus);
+    ui->runViews->tabBar()->setFocusPolicy(Qt::NoFocus);
 
     // Enter in the path field, or on Start when it has the focus, starts a run.
     ui->startButton->setAutoDefault(true);
     connect(ui->drivePathEdit, &QLineEdit::returnPressed, this, &MainWindow::startIfEnabled);
     ui->drivePathEdit->installEventFilter(this);
     ui->drivePathEdit->setFocus();
+}
+
+void MainWindow::setUpOutcomeTable()
+{
+    m_outcomes = new OutcomeTableModel(this);
+    m_sortedOutcomes = new QSortFilterProxyModel(this);
+    m_sortedOutcomes->setSourceModel(m_outcomes);
+    m_sortedOutcomes->setSortRole(OutcomeTableModel::SortRole);
+    m_sortedOutcomes->setSortCaseSensitivity(Qt::CaseInsensitive);
+    m_sortedOutcomes->setSortLocaleAware(true);
+
+    QTableView* table = ui->outcomeTable;
+    table->setModel(m_sortedOutcomes);
+    table->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    table->setSelectionBehavior(QAbstractItemView::SelectRows);
+    table->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    table->setTabKeyNavigation(false);
+    table->setAlternatingRowColors(true);
+    table->setWordWrap(false);
+    table->setTextElideMode(Qt::ElideMiddle);
+    table->setCornerButtonEnabled(false);
+    table->verticalHeader()->hide();
+    table->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
+    table->horizontalHeader()->setStretchLastSection(true);
+    table->horizontalHeader()->setHighlightSections(false);
+    // In the run's order until the user clicks a column's header; a second click turns the order round.
+    table->horizontalHeader()->setSortIndicator(-1, Qt::AscendingOrder);
+    table->setSortingEnabled(true);
+    fitOutcomeRows();
+    fitOutcomeColumns();
+
+    m_copyOutcomesAction = new QAction(tr("&Copy"), table);
+    m_copyOutcomesAction->setShortcut(QKeySequence::Copy);
+    m_copyOutcomesAction->setShortcutContext(Qt::WidgetShortcut);
+    connect(m_copyOutcomesAction, &QAction::triggered, this, &MainWindow::copySelectedOutcomes);
+    table->addAction(m_copyOutcomesAction);
+    table->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(table, &QWidget::customContextMenuRequested, this, [this, table](const QPoint& at) {
+        QMenu* menu = createOutcomeMenu();
+        menu->setAttribute(Qt::WA_DeleteOnClose);
+        menu->popup(table->viewport()->mapToGlobal(at));
+    });
+
+    // Save Outcomes... in the tab bar's free end, shown with the Files tab: no height is taken from the log.
+    m_saveOutcomesButton = new QToolButton(ui->runViews);
+    m_saveOutcomesButton->setObjectName("saveOutcomesButton");
+    m_saveOutcomesButton->setDefaultAction(m_saveOutcomesAction);
+    m_saveOutcomesAction->setIconText(m_saveOutcomesAction->text()); // a button shows no "..." otherwise
+    m_saveOutcomesButton->setToolButtonStyle(Qt::ToolButtonTextOnly);
+    m_saveOutcomesButton->setFocusPolicy(Qt::StrongFocus);
+    ui->runViews->setCornerWidget(m_saveOutcomesButton, Qt::TopRightCorner);
+    m_saveOutcomesButton->setVisible(ui->runViews->currentWidget() == ui->filesPage);
+
+    // Chosen by the keyboard or a click, the Files tab takes the focus into its table; leaving it gives
+    // the focus back to where a keyboard user goes on, never into the report.
+    connect(ui->runViews, &QTabWidget::currentChanged, this, [this](int index) {
+        const bool files = ui->runViews->widget(index) == ui->filesPage;
+        // Where the tabs' own switch put it: on the page shown when it was on the page hidden.
+        QWidget* focused = QApplication::focusWidget();
+        const bool inFiles
+            = focused && (ui->filesPage->isAncestorOf(focused) || focused == m_saveOutcomesButton);
+        m_saveOutcomesButton->setVisible(files);
+        if (files) {
+            if (!inFiles)
+                ui->outcomeTable->setFocus(Qt::TabFocusReason);
+        } else if (inFiles || !focused || focused->focusPolicy() == Qt::NoFocus) {
+            if (ui->startButton->isEnabled())
+                ui->startButton->setFocus(Qt::TabFocusReason);
+            else
+                ui->drivePathEdit->setFocus(Qt::TabFocusReason);
+        }
+    });
+}
+
+void MainWindow::fitOutcomeRows()
+{
+    // Rows a line of text high. The table asks no more height than its header and one row, so the Files
+    // tab asks about what the report does and the window's minimum stays where the report puts it.
+    QTableView* table = ui->outcomeTable;
+    const int row = QFontMetrics(font()).lineSpacing() + kOutcomeRowPadding;
+    table->verticalHeader()->setMinimumSectionSize(row);
+    table->verticalHeader()->setDefaultSectionSize(row);
+    table->setMinimumHeight(table->horizontalHeader()->sizeHint().height() + row + 2 * table->frameWidth());
+}
+
+void MainWindow::fitOutcomeColumns()
+{
+    QTableView* table = ui->outcomeTable;
+    table->resizeColumnsToContents();
+    const int widest = kOutcomeColumnMaxChars * table->fontMetrics().averageCharWidth();
+    QHeaderView* header = table->horizontalHeader();
+    for (int column = 0; column < header->count(); ++column) {
+        if (header->sectionSize(column) > widest)
+            header->resizeSection(column, widest);
+    }
+}
+
+void MainWindow::fileDone(const FileOutcome& outcome)
+{
+    // Rows join the table, and the summary and the tab's title are laid out anew, as often as the log is
+    // shown: a row at a time would cost more than a file's turn on a card of thousands.
+    m_doneOutcomes.append(outcome);
+    if (!m_sinceOutcomesShown.isValid() || m_sinceOutcomesShown.hasExpired(kRunLogInterval))
+        showOutcomes();
+}
+
+void MainWindow::showOutcomes()
+{
+    m_outcomes->add(m_doneOutcomes);
+    m_doneOutcomes.clear();
+    showOutcomeSummary();
+}
+
+void MainWindow::showOutcomeSummary()
+{
+    const int files = m_outcomes->rowCount();
+    QString summary;
+    if (m_runInProgress)
+        summary = files == 0 ? tr("No file done yet.") : tr("So far %1").arg(m_outcomes->summary());
+    else if (m_runEnded)
+        summary = m_outcomes->summary();
+    else
+        summary = tr("No run yet.");
+    ui->outcomeSummary->setText(summary);
+    const int tab = ui->runViews->indexOf(ui->filesPage);
+    ui->runViews->setTabText(
+        tab, m_runEnded || m_runInProgress ? tr("F&iles (%1)").arg(files) : tr("F&iles"));
+    m_sinceOutcomesShown.restart();
+}
+
+QMenu* MainWindow::createOutcomeMenu()
+{
+    auto* menu = new QMenu(this);
+    m_copyOutcomesAction->setEnabled(ui->outcomeTable->selectionModel()->hasSelection());
+    menu->addAction(m_copyOutcomesAction);
+    menu->addSeparator();
+    menu->addAction(m_saveOutcomesAction);
+    return menu;
+}
+
+void MainWindow::copySelectedOutcomes()
+{
+    QModelIndexList rows = ui->outcomeTable->selectionModel()->selectedRows();
+    std::sort(rows.begin(), rows.end(),
+        [](const QModelIndex& a, const QModelIndex& b) { return a.row() < b.row(); });
+    QStringList lines;
+    for (const QModelIndex& row : rows) {
+        QStringList cells;
+        for (int column = 0; column < m_sortedOutcomes->columnCount(); ++column)
+            cells << m_sortedOutcomes->index(row.row(), column).data().toString();
+        lines << cells.join('\t');
+    }
+    if (!lines.isEmpty())
+        QApplication::clipboard()->setText(lines.join('\n') + '\n');
+}
+
+void MainWindow::saveOutcomes()
+{
+    QString filter = tr(kCsvFilter);
+    QString path = QFileDialog::getSaveFileName(
+        this, tr("Save Outcomes"), QString(), tr(kCsvFilter) + ";;" + tr(kJsonLinesFilter), &filter);
+    if (path.isEmpty())
+        return;
+    // The name's own suffix decides; any other name takes the chosen filter's form.
+    const bool jsonLines = filter == tr(kJsonLinesFilter);
+    if (QFileInfo(path).suffix().isEmpty())
+        path += jsonLines ? ".jsonl" : ".csv";
+    const OutcomeTableModel::Format format = OutcomeTableModel::formatFor(
+        path, jsonLines ? OutcomeTableModel::Format::JsonLines : OutcomeTableModel::Format::Csv);
+    QString error;
+    if (saveOutcomesTo(path, format, &error))
+        statusBar()->showMessage(tr("The outcomes were saved to %1.").arg(path), 10000);
+    else
+        statusBar()->showMessage(tr("The outcomes could not be saved to %1: %2.").arg(path, error));
+}
+
+bool MainWindow::saveOutcomesTo(const QString& path, QString* error)
+{
+    return saveOutcomesTo(path, OutcomeTableModel::formatFor(path), error);
+}
+
+bool MainWindow::saveOutcomesTo(const QString& path, OutcomeTableModel::Format format, QString* error)
+{
+    // Written beside the target and renamed over it only when whole; never written in place.
+    QSaveFile out(path);
+    out.setDirectWriteFallback(false);
+    const bool saved = out.open(QIODevice::WriteOnly) && m_outcomes->write(out, format) && out.commit();
+    if (!saved && error)
+        *error = out.errorString();
+    return saved;
 }
 
 void MainWindow::layOutScanModes()
@@ -186,8 +409,10 @@ void MainWindow::keepScanModesWhole()
 void MainWindow::changeEvent(QEvent* event)
 {
     QMainWindow::changeEvent(event);
-    if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange)
+    if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange) {
         keepScanModesWhole();
+        fitOutcomeRows();
+    }
 }
 
 void MainWindow::showEvent(QShowEvent* event)
@@ -274,6 +499,7 @@ QMenu* MainWindow::createLogMenu()
     menu->addAction(tr("Select &All"), ui->outputWindow, &QPlainTextEdit::selectAll, QKeySequence::SelectAll);
     menu->addSeparator();
     menu->addAction(m_saveLogAction);
+    menu->addAction(m_saveOutcomesAction);
     return menu;
 }
 
@@ -367,17 +593,28 @@ void MainWindow::on_startButton_clicked()
     if (!m_runRecord->open())
         m_runRecord.reset();
 
+    // The Files tab lists this run's files only, each as soon as its turn is over.
+    m_outcomes->clear(typedPath());
+
     // output() pumps events during the run, so every control that could start another handler is off.
     showRunning(true);
 
     const Tern::FinishStyle style =
         ui->interchangeFinish->isChecked() ? Tern::FinishStyle::Interchange : Tern::FinishStyle::Recorder;
     FinalizeRun run(!ui->scanAndFinalize->isChecked(), style);
+    // The table shows what each file holds: one read of its settings after its turn.
+    run.setLearnFacts(true);
     connect(&run, &FinalizeRun::output, this, &MainWindow::output);
+    connect(&run, &FinalizeRun::fileDone, this, &MainWindow::fileDone);
     m_runInProgress = true;
+    showOutcomeSummary();
+    m_sinceOutcomesShown.invalidate(); // the first file done shows at once
     m_sinceLogShown.invalidate();
     run.run(typedPath());
     m_runInProgress = false;
+    m_runEnded = true;
+    showOutcomes();
+    fitOutcomeColumns();
     showLog();
     if (m_runRecord)
         m_runRecord->flush();
@@ -397,6 +634,7 @@ void MainWindow::showRunning(bool running)
     ui->browseButton->setEnabled(!running);
     ui->startButton->setEnabled(!running);
     ui->exitButton->setEnabled(!running);
+    m_saveOutcomesAction->setEnabled(!running && m_runEnded);
     ui->progressBar->setRange(0, running ? 0 : 100);
     ui->progressBar->setVisible(running);
 }

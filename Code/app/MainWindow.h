@@ -1,5 +1,7 @@
 #pragma once
 
+#include "OutcomeTableModel.h"
+
 #include <QElapsedTimer>
 #include <QMainWindow>
 #include <QString>
@@ -8,7 +10,9 @@
 
 class QAction;
 class QMenu;
+class QSortFilterProxyModel;
 class QTemporaryFile;
+class QToolButton;
 
 namespace Ui {
 class MainWindow;
@@ -37,9 +41,19 @@ public:
     // The whole report of the last run, every line in order (also those that fell out of the box); before
     // any run, what the box shows. False with the system's words in `error` when the file cannot be written.
     bool saveLogTo(const QString& path, QString* error = nullptr);
-    // The log box's menu: Copy, Select All, Save Log...
+    // The log box's menu: Copy, Select All, Save Log..., Save Outcomes...
     QMenu* createLogMenu();
     QAction* saveLogAction() const { return m_saveLogAction; }
+    // The Files tab's rows of the last run, in `format`: written to a file beside `path` and renamed over it
+    // when whole, so a failed save leaves no file and an earlier one as it was. False with the system's
+    // words in `error` when it cannot be written.
+    bool saveOutcomesTo(const QString& path, OutcomeTableModel::Format format, QString* error = nullptr);
+    // The same in the form the name asks for (OutcomeTableModel::formatFor).
+    bool saveOutcomesTo(const QString& path, QString* error = nullptr);
+    // Save Outcomes... (the menus, the Files tab's button and Ctrl+Shift+S); off until a run has ended.
+    QAction* saveOutcomesAction() const { return m_saveOutcomesAction; }
+    // The outcome of each in-progress file of the last run, in the order the run met them.
+    const OutcomeTableModel* outcomeTable() const { return m_outcomes; }
     // Shrinks the window into `available` (a screen's free area) where it is larger, down to the minimum
     // its layouts need at the current font, and moves it inside; done at the first showing.
     void fitIntoScreenArea(const QRect& available);
@@ -67,6 +81,8 @@ public slots:
     void on_browseButton_clicked();
     // Asks where, then saves the last run's report there (Save Log... and Ctrl+S).
     void saveLog();
+    // Asks where and in which form (CSV or JSON Lines), then saves the last run's outcomes there.
+    void saveOutcomes();
 
 private:
     // A line logged during a run: into the box's document at once, shown at most every kRunLogInterval.
@@ -84,6 +100,22 @@ private:
     void showRunning(bool running);
     // Keeps a copy of a run's line outside the box, which holds only the last 4000.
     void recordLine(const QString& line);
+    // The Files tab: its table sorted by any column, its menu, and the keyboard's way in and out.
+    void setUpOutcomeTable();
+    // A file's turn is over: its row joins the table with the next showing.
+    void fileDone(const FileOutcome& outcome);
+    // The files done since the table was last shown join it.
+    void showOutcomes();
+    // The Files tab's summary line and title say how far the table goes.
+    void showOutcomeSummary();
+    // Rows and the table's minimum height follow the font.
+    void fitOutcomeRows();
+    // Each column as wide as its texts need, up to a limit that keeps the columns behind it in reach.
+    void fitOutcomeColumns();
+    // The table's menu: Copy, Save Outcomes...
+    QMenu* createOutcomeMenu();
+    // The selected rows as the table shows them, a line each with the cells apart by tabs.
+    void copySelectedOutcomes();
 
     Ui::MainWindow* ui;
     const QString m_startFolder; // the current folder when the program started
@@ -93,6 +125,14 @@ private:
     bool m_fittedToScreen = false;
     std::unique_ptr<QTemporaryFile> m_runRecord; // the last run's report, a line at a time
     QAction* m_saveLogAction = nullptr;
+    OutcomeTableModel* m_outcomes = nullptr;
+    QSortFilterProxyModel* m_sortedOutcomes = nullptr; // what the table shows
+    QAction* m_saveOutcomesAction = nullptr;
+    QAction* m_copyOutcomesAction = nullptr;
+    QToolButton* m_saveOutcomesButton = nullptr; // in the tab bar, while the Files tab shows
+    bool m_runEnded = false; // some run has ended: the table holds its outcomes
+    QVector<FileOutcome> m_doneOutcomes; // done since the table was last shown
+    QElapsedTimer m_sinceOutcomesShown;
 };
 
 // The window that debugHandler writes to; null while no window exists.

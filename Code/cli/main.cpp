@@ -41,9 +41,6 @@ void printJson(const QJsonObject& object)
     std::fflush(stdout);
 }
 
-// The version of the JSON report's fields: raised only when a field's meaning changes.
-const int kJsonSchema = 1;
-
 // Every library and procedure message reaches the output, whatever its type, as in the window.
 void messageToStdout(QtMsgType, const QMessageLogContext&, const QString& message)
 {
@@ -213,11 +210,8 @@ int main(int argc, char* argv[])
     QObject::connect(&run, &FinalizeRun::output, &printLine);
     if (json) {
         run.setLearnFacts(true);
-        QObject::connect(&run, &FinalizeRun::fileDone, [](const FileOutcome& outcome) {
-            QJsonObject object = outcome.toJson();
-            object.insert("schema", kJsonSchema);
-            printJson(object);
-        });
+        QObject::connect(&run, &FinalizeRun::fileDone,
+                         [](const FileOutcome& outcome) { printJson(outcome.toJson()); });
     }
     const QDateTime started = QDateTime::currentDateTimeUtc();
     const FinalizeRun::Summary summary = run.run(paths.first());
@@ -230,7 +224,7 @@ int main(int argc, char* argv[])
                            {"left", summary.leftCount},
                            {"unreadable_folders", summary.unreadableFolderCount}};
         printJson(QJsonObject{{"type", "summary"},
-                              {"schema", kJsonSchema},
+                              {"schema", FileOutcome::s_jsonSchema},
                               {"program", "clipward-cli"},
                               {"version", CLIPWARD_VERSION},
                               {"path_exists", summary.pathExists},

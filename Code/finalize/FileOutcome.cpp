@@ -29,6 +29,7 @@ QJsonObject FileOutcome::toJson() const
 {
     QJsonObject object;
     object.insert("type", "file");
+    object.insert("schema", s_jsonSchema);
     object.insert("path", pathBefore);
     object.insert("path_after", pathAfter);
     object.insert("family", family.isEmpty() ? QJsonValue() : QJsonValue(family));

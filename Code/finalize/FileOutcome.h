@@ -32,6 +32,9 @@ struct FileOutcome
     // What the file holds, read after the run when the driver is asked to learn it.
     RecordingFacts facts;
 
+    // The version of the JSON report's fields: raised only when a field's meaning changes.
+    static constexpr int s_jsonSchema = 1;
+
     static QString fateName(Fate fate);
     QJsonObject toJson() const;
 };
