@@ -38,6 +38,9 @@ MainWindow* mainWindowInstance = nullptr;
 
 namespace {
 
+// How long the status bar tells that a file was saved.
+const int kSavedMessageMs = 10000;
+
 // The log box keeps the latest lines of a long run; older ones fall off the top.
 const int kMaxLogLines = 4000;
 
@@ -152,7 +155,8 @@ MainWindow::MainWindow(QWidget* parent)
 
 void MainWindow::setUpKeyboard()
 {
-    // Alt and the underlined letter; the texts read as before.
+    // Alt and the underlined letter. The form file keeps the texts as designed, without the marks (its
+    // own test reads them there); the marked texts replace them here.
     ui->scanAndFinalize->setText(tr("Scan and &finalize files."));
     ui->scanOnly->setText(tr("Scan &only, do not finalize."));
     ui->interchangeFinish->setText(tr("Finish for every &player (interchange)"));
@@ -351,7 +355,7 @@ void MainWindow::saveOutcomes()
         path, jsonLines ? OutcomeTableModel::Format::JsonLines : OutcomeTableModel::Format::Csv);
     QString error;
     if (saveOutcomesTo(path, format, &error))
-        statusBar()->showMessage(tr("The outcomes were saved to %1.").arg(path), 10000);
+        statusBar()->showMessage(tr("The outcomes were saved to %1.").arg(path), kSavedMessageMs);
     else
         statusBar()->showMessage(tr("The outcomes could not be saved to %1: %2.").arg(path, error));
 }
@@ -363,11 +367,17 @@ bool MainWindow::saveOutcomesTo(const QString& path, QString* error)
 
 bool MainWindow::saveOutcomesTo(const QString& path, OutcomeTableModel::Format format, QString* error)
 {
-    // Written beside the target and renamed over it only when whole; never written in place.
+    return saveWhole(path, [this, format](QIODevice& out) { return m_outcomes->write(out, format); }, error);
+}
+
+bool MainWindow::saveWhole(const QString& path, const std::function<bool(QIODevice&)>& write, QString* error)
+{
+    // Written beside the target and renamed over it only when whole; never written in place, so a
+    // failed save leaves any earlier file of the name as it was.
     QSaveFile out(path);
     out.setDirectWriteFallback(false);
-    const bool saved = out.open(QIODevice::WriteOnly) && m_outcomes->write(out, format) && out.commit();
-    if (!saved && error)
+    const bool saved = out.open(QIODevice::WriteOnly) && write(out) && out.commit();
+    if (!saved && error && error->isEmpty())
         *error = out.errorString();
     return saved;
 }
@@ -463,32 +473,35 @@ void MainWindow::saveLog()
         return;
     QString error;
     if (saveLogTo(path, &error))
-        statusBar()->showMessage(tr("The log was saved to %1.").arg(path), 10000);
+        statusBar()->showMessage(tr("The log was saved to %1.").arg(path), kSavedMessageMs);
     else
         statusBar()->showMessage(tr("The log could not be saved to %1: %2.").arg(path, error));
 }
 
 bool MainWindow::saveLogTo(const QString& path, QString* error)
 {
-    QFile out(path);
-    bool written = out.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    if (written && m_runRecord && m_runRecord->isOpen()) {
+    if (error)
+        error->clear();
+    return saveWhole(path, [this, error](QIODevice& out) {
+        if (!m_runRecord || !m_runRecord->isOpen()) {
+            const QString shown = ui->outputWindow->toPlainText();
+            const QByteArray bytes = (shown.isEmpty() ? shown : shown + '\n').toUtf8();
+            return out.write(bytes) == bytes.size();
+        }
         m_runRecord->flush();
         QFile record(m_runRecord->fileName());
-        written = record.open(QIODevice::ReadOnly);
-        while (written && !record.atEnd()) {
-            const QByteArray piece = record.read(1 << 20);
-            written = out.write(piece) == piece.size();
+        if (!record.open(QIODevice::ReadOnly)) {
+            if (error)
+                *error = record.errorString();
+            return false;
         }
-    } else if (written) {
-        const QString shown = ui->outputWindow->toPlainText();
-        const QByteArray bytes = (shown.isEmpty() ? shown : shown + '\n').toUtf8();
-        written = out.write(bytes) == bytes.size();
-    }
-    written = written && out.flush();
-    if (!written && error)
-        *error = out.errorString();
-    return written;
+        while (!record.atEnd()) {
+            const QByteArray piece = record.read(1 << 20);
+            if (out.write(piece) != piece.size())
+                return false;
+        }
+        return true;
+    }, error);
 }
 
 QMenu* MainWindow::createLogMenu()
@@ -594,7 +607,8 @@ void MainWindow::on_startButton_clicked()
         m_runRecord.reset();
 
     // The Files tab lists this run's files only, each as soon as its turn is over.
-    m_outcomes->clear(typedPath());
+    const QString path = typedPath();
+    m_outcomes->clear(path);
 
     // output() pumps events during the run, so every control that could start another handler is off.
     showRunning(true);
@@ -610,7 +624,7 @@ void MainWindow::on_startButton_clicked()
     showOutcomeSummary();
     m_sinceOutcomesShown.invalidate(); // the first file done shows at once
     m_sinceLogShown.invalidate();
-    run.run(typedPath());
+    run.run(path);
     m_runInProgress = false;
     m_runEnded = true;
     showOutcomes();
@@ -628,8 +642,7 @@ void MainWindow::on_startButton_clicked()
 
 void MainWindow::showRunning(bool running)
 {
-    ui->scanModeGroup->setEnabled(!running);
-    ui->interchangeFinish->setEnabled(!running);
+    ui->scanModeGroup->setEnabled(!running); // the interchange box with it
     ui->drivePathEdit->setEnabled(!running);
     ui->browseButton->setEnabled(!running);
     ui->startButton->setEnabled(!running);

@@ -6,6 +6,7 @@
 #include <QMainWindow>
 #include <QString>
 
+#include <functional>
 #include <memory>
 
 class QAction;
@@ -85,6 +86,9 @@ public slots:
     void saveOutcomes();
 
 private:
+    // Saves what `write` writes to `path`, whole or not at all; false with the reason in `error`.
+    static bool saveWhole(
+        const QString& path, const std::function<bool(QIODevice&)>& write, QString* error = nullptr);
     // A line logged during a run: into the box's document at once, shown at most every kRunLogInterval.
     void appendDuringRun(const QString& line);
     // Repaints the box with everything appended so far, following the end unless the user scrolled away.

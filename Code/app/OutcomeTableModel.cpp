@@ -88,7 +88,9 @@ void OutcomeTableModel::clear(const QString& root)
 {
     beginResetModel();
     m_outcomes.clear();
-    m_root = root;
+    // The folder above the started one, once: every Folder cell and every comparison of a sort by
+    // folder is relative to it.
+    m_rootParent = QFileInfo(QDir::cleanPath(root)).absolutePath();
     std::fill(std::begin(m_fateCounts), std::end(m_fateCounts), 0);
     endResetModel();
 }
@@ -118,14 +120,21 @@ QString OutcomeTableModel::outcomeText(FileOutcome::Fate fate)
         return tr("Needs finalizing");
     case FileOutcome::Fate::Gone:
         return tr("No longer there");
-    // The reason column says what kept each of these from being finished; a later run can.
     case FileOutcome::Fate::InUse:
     case FileOutcome::Fate::Unreadable:
     case FileOutcome::Fate::NotWritable:
     case FileOutcome::Fate::LeftForTheCard:
-        return tr("Left as it is");
+        break;
     }
-    return QString();
+    // The reason column says what kept each of these from being finished; a later run can.
+    return leftAsItIs(fate) ? tr("Left as it is") : QString();
+}
+
+bool OutcomeTableModel::leftAsItIs(FileOutcome::Fate fate)
+{
+    using Fate = FileOutcome::Fate;
+    return fate == Fate::InUse || fate == Fate::Unreadable || fate == Fate::NotWritable
+        || fate == Fate::LeftForTheCard;
 }
 
 QString OutcomeTableModel::summary() const
@@ -134,8 +143,9 @@ QString OutcomeTableModel::summary() const
     const auto count = [this](Fate fate) { return m_fateCounts[int(fate)]; };
     if (m_outcomes.isEmpty())
         return tr("No in-progress files found.");
-    const int left = count(Fate::InUse) + count(Fate::Unreadable) + count(Fate::NotWritable)
-        + count(Fate::LeftForTheCard);
+    int left = 0;
+    for (int fate = 0; fate < int(std::size(m_fateCounts)); ++fate)
+        left += leftAsItIs(Fate(fate)) ? m_fateCounts[fate] : 0;
     QStringList parts;
     if (count(Fate::Finalized) != 0)
         parts << tr("%1 finalized").arg(count(Fate::Finalized));
@@ -154,12 +164,19 @@ QString OutcomeTableModel::summary() const
     return tr("%1: %2.").arg(counted(m_outcomes.size(), "file", "files"), parts.join(QLatin1String(", ")));
 }
 
+QString OutcomeTableModel::beforeAndAfter(
+    const FileOutcome& outcome, const QString& before, const QString& after)
+{
+    if (outcome.pathAfter == outcome.pathBefore)
+        return before;
+    return before + QString::fromUtf8(" \u2192 ") + after;
+}
+
 QString OutcomeTableModel::folderText(const FileOutcome& outcome) const
 {
     // From the started folder's own name down ("CARD/DCIM/100CLIPS"), which the user recognises.
     const QString folder = QFileInfo(outcome.pathBefore).absolutePath();
-    const QString above = QFileInfo(QDir::cleanPath(m_root)).absolutePath();
-    const QString relative = QDir(above).relativeFilePath(folder);
+    const QString relative = QDir(m_rootParent).relativeFilePath(folder);
     if (relative.isEmpty() || relative == QLatin1String(".") || relative.startsWith(QLatin1String("..")))
         return QDir::toNativeSeparators(folder);
     return QDir::toNativeSeparators(relative);
@@ -185,9 +202,8 @@ QVariant OutcomeTableModel::data(const QModelIndex& index, int role) const
     const bool sound = facts.kind == RecordingFacts::Kind::Sound;
 
     if (role == Qt::ToolTipRole) {
-        QString tip = QDir::toNativeSeparators(outcome.pathBefore);
-        if (outcome.pathAfter != outcome.pathBefore)
-            tip += QString::fromUtf8(" \u2192 ") + QDir::toNativeSeparators(outcome.pathAfter);
+        const QString tip = beforeAndAfter(outcome, QDir::toNativeSeparators(outcome.pathBefore),
+                                           QDir::toNativeSeparators(outcome.pathAfter));
         const QString details = detailsText(facts);
         return details.isEmpty() ? tip : tip + '\n' + details;
     }
@@ -209,12 +225,9 @@ QVariant OutcomeTableModel::data(const QModelIndex& index, int role) const
         return QVariant();
 
     switch (index.column()) {
-    case FileColumn: {
-        const QString before = QFileInfo(outcome.pathBefore).fileName();
-        if (outcome.pathAfter == outcome.pathBefore)
-            return before;
-        return before + QString::fromUtf8(" \u2192 ") + QFileInfo(outcome.pathAfter).fileName();
-    }
+    case FileColumn:
+        return beforeAndAfter(
+            outcome, QFileInfo(outcome.pathBefore).fileName(), QFileInfo(outcome.pathAfter).fileName());
     case OutcomeColumn:
         return outcomeText(outcome.fate);
     case ReasonColumn:

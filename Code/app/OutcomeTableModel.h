@@ -58,9 +58,13 @@ public:
     QVariant headerData(int section, Qt::Orientation orientation, int role = Qt::DisplayRole) const override;
 
 private:
+    // The fates a later run can still finish: in use, unreadable, not writable, kept by the card.
+    static bool leftAsItIs(FileOutcome::Fate fate);
+    // `before`, and `after` behind an arrow when the run renamed the file.
+    static QString beforeAndAfter(const FileOutcome& outcome, const QString& before, const QString& after);
     QString folderText(const FileOutcome& outcome) const;
 
     QVector<FileOutcome> m_outcomes;
-    QString m_root;
+    QString m_rootParent; // the folder holding the run's start folder
     int m_fateCounts[int(FileOutcome::Fate::LeftForTheCard) + 1] = {};
 };

@@ -41,7 +41,7 @@ void CardFile::noteFailure(int systemError, const QString& what)
         m_mediumFailure = QStringLiteral("the card is full");
         break;
     case EFBIG:
-        m_mediumFailure = QStringLiteral("the finished file would be larger than the card allows");
+        m_mediumFailure = tooLargeReason();
         break;
     case EROFS:
         m_mediumFailure = CardAccess::reasonText(CardAccess::WriteBlock::DriveWriteProtected);
@@ -65,12 +65,22 @@ void CardFile::noteFailure(int systemError, const QString& what)
     }
 }
 
+QString CardFile::tooLargeReason()
+{
+    return QStringLiteral("the finished file would be larger than the card allows");
+}
+
+QString CardFile::failedCloseReason(const Tern::QuickTimeFile& movie)
+{
+    if (movie.spaceShortfall() > 0)
+        return QStringLiteral("the card needs %1 more bytes free").arg(movie.spaceShortfall());
+    if (!movie.syncFailure().isEmpty())
+        return QStringLiteral("the card could not be written (%1)").arg(movie.syncFailure());
+    return QString();
+}
+
 void CardFile::noteFailedClose(const Tern::QuickTimeFile& movie)
 {
-    if (!m_mediumFailure.isEmpty())
-        return;
-    if (movie.spaceShortfall() > 0)
-        m_mediumFailure = QStringLiteral("the card needs %1 more bytes free").arg(movie.spaceShortfall());
-    else if (!movie.syncFailure().isEmpty())
-        m_mediumFailure = QStringLiteral("the card could not be written (%1)").arg(movie.syncFailure());
+    if (m_mediumFailure.isEmpty())
+        m_mediumFailure = failedCloseReason(movie);
 }

@@ -22,6 +22,10 @@ public:
     // Takes over what a failed close of `movie` learned of the card: the room the index lacked (nothing
     // was written then) or a sync the disk refused.
     void noteFailedClose(const Tern::QuickTimeFile& movie);
+    // What a failed close of `movie` learned of the card, in the report's words; empty when nothing.
+    static QString failedCloseReason(const Tern::QuickTimeFile& movie);
+    // A write the file system refused for the file's size (a FAT32 card's 4 GiB, a process limit).
+    static QString tooLargeReason();
 
 protected:
     qint64 readData(char* data, qint64 maxSize) override;

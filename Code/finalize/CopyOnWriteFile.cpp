@@ -1,5 +1,7 @@
 #include "finalize/CopyOnWriteFile.h"
 
+#include "finalize/CardFile.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -146,7 +148,7 @@ qint64 CopyOnWriteFile::writeData(const char* data, qint64 len)
     // The file system lets a descriptor go as far as the largest file it holds, and no further.
     if (start + len > m_size && !m_original.seek(start + len)) {
         if (m_writeFailure.isEmpty())
-            m_writeFailure = QStringLiteral("the finished file would be larger than the card allows");
+            m_writeFailure = CardFile::tooLargeReason();
         return -1;
     }
     qint64 done = 0;

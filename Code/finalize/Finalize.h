@@ -42,13 +42,15 @@ public:
     // procedures run them on the card's file; clipward-cli --info runs them on a copy-on-write view to
     // tell what a finish would do. The Tern steps log the procedure's progress lines.
     enum class TernStep { Finalized, FinishedEarlier, Corrupted, NoSettings, InvalidSettings, RebuildFailed };
-    TernStep finishTernMovie(Tern::QuickTimeFile& movie, const QString& path);
-    // The format of the line the Tern procedure logs for a failed step (the path for %s); null for success.
-    static const char* ternFailureLine(TernStep step);
+    static TernStep finishTernMovie(
+        Tern::QuickTimeFile& movie, const QString& path, Tern::FinishStyle style);
+    // The words of the line the Tern procedure logs for a step's end, after the stars and the path ("recovery
+    // failed, corrupted file!"); null for a movie finished now.
+    static const char* ternStepText(TernStep step);
     enum class HeronStep { Finalized, FinishedEarlier, NotInProgress, NoSettings, RebuildFailed };
     HeronStep finishHeronMovie(QuickTimeFile& movie, const QString& path);
     // The audio finish: the header read, then the sizes repaired; the audio library's result code.
-    unsigned int finishHeronSound(AudioFile& audio);
+    static unsigned int finishHeronSound(AudioFile& audio, Tern::FinishStyle style);
 
     // Rewrites the index of a movie Clipward finished (in either form) into the interchange form; a
     // rewrite cut short is completed. LeftForTheCard sets notFinishedReason.

@@ -66,12 +66,12 @@ Finalize::HeronStep Finalize::finishHeronMovie(QuickTimeFile& movie, const QStri
     return movie.recover() ? HeronStep::Finalized : HeronStep::RebuildFailed;
 }
 
-unsigned int Finalize::finishHeronSound(AudioFile& audio)
+unsigned int Finalize::finishHeronSound(AudioFile& audio, Tern::FinishStyle style)
 {
     const unsigned int result = audio.ReadAudioFileInfo();
     if (result != 0)
         return result;
-    return finishStyle == Tern::FinishStyle::Interchange ? audio.VerifyHeaderInWholeFrames()
+    return style == Tern::FinishStyle::Interchange ? audio.VerifyHeaderInWholeFrames()
                                                          : audio.VerifyHeader();
 }
 
@@ -107,7 +107,7 @@ unsigned int Finalize::heronDoFinalize(QString path)
         if (!file.open(kOpenExisting))
             return kUnrecoverable;
         AudioFile audio(file);
-        const unsigned int result = finishHeronSound(audio);
+        const unsigned int result = finishHeronSound(audio, finishStyle);
         StableStorage::sync(file); // the repaired sizes reach the disk before the finished name does
         file.close();
         if (leftForTheCard(file, result == 0))

@@ -2,6 +2,7 @@
 // map) read straight from the file, the layout, and the tracks of a finished movie; and what a finish
 // would give, found by running the family's procedure on a copy-on-write view of the file.
 
+#include "finalize/CardFile.h"
 #include "finalize/CopyOnWriteFile.h"
 #include "finalize/Finalize.h"
 #include "finalize/QtMessageFilter.h"
@@ -24,8 +25,6 @@ using Tern::MovieFamily;
 using Tern::QuickTimeFile;
 using Tern::RecoverySettings;
 
-const quint32 kHeronFirstAtomMinimum = 128; // as the family is told: Heron's 'ftyp' spans the region
-
 quint32 be32At(const QByteArray& bytes, int at)
 {
     return qFromBigEndian<quint32>(reinterpret_cast<const uchar*>(bytes.constData()) + at);
@@ -43,21 +42,11 @@ bool hasReservedRegion(QFile& file, const MovieFamily& family)
     const quint32 first = be32At(head, 0);
     if (!family.regionInUserData)
         return first == QuickTimeFile::s_datPos;
-    if (first < 8 || first >= kHeronFirstAtomMinimum || !file.seek(first))
+    if (first < 8 || !file.seek(first))
         return false;
     const QByteArray next = file.read(8);
     return next.size() == 8 && be32At(next, 4) == fourCC("udta")
         && be32At(next, 0) == QuickTimeFile::s_datPos - first;
-}
-
-QJsonValue codecName(const RecoverySettings& s, const MovieFamily& family)
-{
-    if (s.videoCodecType == Tern::quicktime_codec_prores422
-        || s.videoCodecType == Tern::quicktime_codec_prores4444)
-        return QString::fromLatin1(family.proResName(s.videoCodecType, s.proResVariant).compressorName);
-    if (s.videoCodecType == Tern::quicktime_codec_dnxhd)
-        return QStringLiteral("DNxHD");
-    return QJsonValue();
 }
 
 // Every field of the record as stored; the timecode also as text, the codec by name, the frame rate (kept
@@ -84,7 +73,8 @@ QJsonObject settingsObject(const RecoverySettings& s, const MovieFamily& family)
     o.insert("video_codec_id", qint64(s.videoCodecId));
     o.insert("video_codec_type", qint64(s.videoCodecType));
     o.insert("prores_variant", qint64(s.proResVariant));
-    o.insert("codec", codecName(s, family));
+    const QString codec = RecordingFacts::codecName(s, family);
+    o.insert("codec", codec.isEmpty() ? QJsonValue() : QJsonValue(codec));
     o.insert("first_chunk_samples", qint64(s.firstChunkSamples));
     o.insert("last_chunk_samples", qint64(s.lastChunkSamples));
     o.insert("recorded_end_position",
@@ -103,39 +93,22 @@ QJsonObject frameMapObject(QFile& file, const MovieFamily& family)
     QJsonObject o;
     o.insert("at", family.recoveryFrameMapPos);
     o.insert("capacity", qint64(QuickTimeFile::s_frameMapEntries));
-    QByteArray map;
-    if (file.seek(family.recoveryFrameMapPos))
-        map = file.read(QuickTimeFile::s_frameMapBytes);
-    const auto* bytes = reinterpret_cast<const uchar*>(map.constData());
-    const quint32 readable = quint32(map.size() / 2);
-    quint32 entries = 0;
-    quint32 byType[4] = {};
-    quint64 blocks = 0;
-    quint64 lastBlocksBefore = 0;
-    quint32 lastBlocks = 0;
-    for (; entries < readable; ++entries) {
-        const quint16 entry = qFromLittleEndian<quint16>(bytes + 2 * entries);
-        if (entry == 0)
-            break;
-        ++byType[entry >> QuickTimeFile::s_frameTypeShift];
-        lastBlocksBefore = blocks;
-        lastBlocks = entry & QuickTimeFile::s_blockCountMask;
-        blocks += lastBlocks;
-    }
+    const QuickTimeFile::SavedFrameMapCounts map = QuickTimeFile::countSavedFrameMap(file, family);
+    const quint32 entries = map.entries;
     o.insert("entries", qint64(entries));
-    o.insert("video", qint64(byType[Tern::quicktime_frametype_video]));
-    o.insert("sound", qint64(byType[Tern::quicktime_frametype_sound]));
-    o.insert("timecode", qint64(byType[Tern::quicktime_frametype_timecode]));
-    o.insert("unknown", qint64(byType[Tern::quicktime_frametype_unknown]));
-    o.insert("ends_with_zero", entries < readable);
-    o.insert("read_whole", readable == QuickTimeFile::s_frameMapEntries);
+    o.insert("video", qint64(map.video));
+    o.insert("sound", qint64(map.sound));
+    o.insert("timecode", qint64(map.timecode));
+    o.insert("unknown", qint64(map.unknown));
+    o.insert("ends_with_zero", entries < map.readable);
+    o.insert("read_whole", map.readable == QuickTimeFile::s_frameMapEntries);
     const qint64 start = QuickTimeFile::s_movieDataStartOffset;
     const int shift = QuickTimeFile::s_blockShift;
     o.insert("first_entry_at", entries != 0 ? QJsonValue(start) : QJsonValue());
-    o.insert(
-        "last_entry_at", entries != 0 ? QJsonValue(start + qint64(lastBlocksBefore << shift)) : QJsonValue());
-    o.insert("last_entry_bytes", entries != 0 ? QJsonValue(qint64(lastBlocks) << shift) : QJsonValue());
-    o.insert("media_end", start + qint64(blocks << shift));
+    const qint64 lastAt = start + qint64(map.lastBlocksBefore << shift);
+    o.insert("last_entry_at", entries != 0 ? QJsonValue(lastAt) : QJsonValue());
+    o.insert("last_entry_bytes", entries != 0 ? QJsonValue(qint64(map.lastBlocks) << shift) : QJsonValue());
+    o.insert("media_end", start + qint64(map.blocks << shift));
     return o;
 }
 
@@ -249,11 +222,7 @@ QString cardFailure(const QuickTimeFile& movie, const CopyOnWriteFile& view)
         return QString("the card could not be read (%1)").arg(view.readFailure());
     if (!view.writeFailure().isEmpty())
         return view.writeFailure();
-    if (movie.spaceShortfall() > 0)
-        return QString("the card needs %1 more bytes free").arg(movie.spaceShortfall());
-    if (!movie.syncFailure().isEmpty())
-        return QString("the card could not be written (%1)").arg(movie.syncFailure());
-    return QString();
+    return CardFile::failedCloseReason(movie);
 }
 
 void recoveryFailed(QuickTimeFile& movie, CopyOnWriteFile& view, const QString& procedureLine, Prediction* p)
@@ -278,17 +247,14 @@ const char* const kNoOpenHeader = "no open 'mdat' header at %1 and not a whole m
 Prediction predictTern(CopyOnWriteFile& view, const QString& path)
 {
     Prediction p;
-    Finalize driver;
     QuickTimeFile movie(view);
-    const Finalize::TernStep step = driver.finishTernMovie(movie, path);
+    const Finalize::TernStep step = Finalize::finishTernMovie(movie, path, Tern::FinishStyle::Recorder);
     // Tern gives the file up (renamed ".nrv") only when the rebuild itself fails; a recording it cannot
     // start on is counted unrecoverable and renamed ".mov" unchanged.
     p.outcome = QStringLiteral("given up");
     p.extension = QStringLiteral(".mov");
-    if (const char* line = Finalize::ternFailureLine(step)) {
-        // The line without its stars, path and newline: "recovery failed, corrupted file!".
-        p.reason = QString::fromLatin1(line).section(' ', 2).trimmed();
-    }
+    if (const char* words = Finalize::ternStepText(step))
+        p.reason = QString::fromLatin1(words);
     switch (step) {
     case Finalize::TernStep::Finalized:
         p.outcome = QStringLiteral("finalized");
@@ -296,7 +262,6 @@ Prediction predictTern(CopyOnWriteFile& view, const QString& path)
         break;
     case Finalize::TernStep::FinishedEarlier:
         p.outcome = QStringLiteral("finalized");
-        p.reason = QStringLiteral("was finished by an earlier run cut short, verified!");
         p.finished = true;
         break;
     case Finalize::TernStep::Corrupted:

@@ -7,6 +7,7 @@
 #include "finalize/QtMessageFilter.h"
 #include "finalize/RecordingInfoParts.h"
 #include "movie/QuickTimeFile.h"
+#include "movie/SampleDescriptions.h"
 
 #include <QIODevice>
 #include <QVector>
@@ -22,13 +23,13 @@ const int kAtomHeader = 8;
 const int kExtendedAtomHeader = 16;
 // A 'trak' or 'stbl' holding more children than this is no movie any reader makes; the walk stops there.
 const int kMaxChildren = 4096;
-// Inside a sample description entry: its 16-byte common part, then the kind's own fields.
-const int kDescriptionCommon = 16;
+// Inside a sample description entry: its common part, then the kind's own fields.
+const int kDescriptionCommon = int(Tern::QuickTimeSampleDescription::s_commonSize);
 const int kCompressorNameAt = kDescriptionCommon + 34; // behind the video fields, a counted string
-const int kCompressorNameBytes = 32;
+const int kCompressorNameBytes = Tern::QuickTimeVideoSampleDescription::s_compressorNameSize;
 const int kTimecodeFieldsAt = kDescriptionCommon; // reserved, flags, time scale, frame duration, frames
 const int kTimecodeFieldsBytes = 18;
-const quint32 kDropFrameFlag = 0x1;
+const quint32 kDropFrameFlag = Tern::QuickTimeTimecodeSampleDescription::s_dropFrameFlag;
 // 'stsc' table position as the reader records it: behind the atom header, version, flags and count.
 const int kTableBehindHeader = 8;
 

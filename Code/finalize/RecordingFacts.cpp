@@ -4,6 +4,7 @@
 #include "movie/MovieFamily.h"
 #include "movie/QuickTimeFile.h"
 #include "movie/RecoverySettings.h"
+#include "timecode/Timecode.h"
 
 #include <QFile>
 
@@ -15,6 +16,30 @@ QString RecordingFacts::timecodeText(quint32 tc, bool dropFrame)
         .arg((tc >> 8) & 0xFF, 2, 10, QChar('0'))
         .arg(dropFrame ? ';' : ':')
         .arg(tc & 0xFF, 2, 10, QChar('0'));
+}
+
+QString RecordingFacts::codecName(const Tern::RecoverySettings& s, const Tern::MovieFamily& family)
+{
+    if (s.videoCodecType == Tern::quicktime_codec_prores422
+        || s.videoCodecType == Tern::quicktime_codec_prores4444)
+        return QString::fromLatin1(family.proResName(s.videoCodecType, s.proResVariant).compressorName);
+    if (s.videoCodecType == Tern::quicktime_codec_dnxhd)
+        return QStringLiteral("DNxHD");
+    return QString();
+}
+
+QString RecordingFacts::soundTimecodeText(const AudioFile::AudioFileInfo& info)
+{
+    if (info.startTimecode == AudioFile::s_noTimecode)
+        return QString();
+    const bool dropFrame
+        = info.frameRate == Timecode::FrameRate2997Df || info.frameRate == Timecode::FrameRate30Df;
+    return timecodeText(info.startTimecode, dropFrame);
+}
+
+quint64 RecordingFacts::soundFrameBytes(quint32 channels, quint32 bitsPerSample)
+{
+    return quint64(channels) * ((bitsPerSample + 7u) / 8u);
 }
 
 namespace {
@@ -43,12 +68,7 @@ bool readMovie(QFile& file, RecordingFacts* facts)
     facts->interlaced = s.interlaced != 0;
     facts->width = s.width;
     facts->height = s.height;
-    if (s.videoCodecType == Tern::quicktime_codec_prores422
-        || s.videoCodecType == Tern::quicktime_codec_prores4444)
-        facts->codec
-            = QString::fromLatin1(family.proResName(s.videoCodecType, s.proResVariant).compressorName);
-    else if (s.videoCodecType == Tern::quicktime_codec_dnxhd)
-        facts->codec = QStringLiteral("DNxHD");
+    facts->codec = RecordingFacts::codecName(s, family);
     facts->reelName = s.reelNameText();
     facts->startTimecode = RecordingFacts::timecodeText(s.timecode, s.dropFrame != 0);
     facts->sampleRate = s.audioSampleRate;
@@ -67,12 +87,10 @@ bool readSound(QFile& file, RecordingFacts* facts)
     facts->channels = info.channels;
     facts->sampleRate = info.sampleRate;
     facts->bitsPerSample = info.bitsPerSample;
-    const quint64 frameBytes = quint64(info.channels) * ((info.bitsPerSample + 7u) / 8u);
+    const quint64 frameBytes = RecordingFacts::soundFrameBytes(info.channels, info.bitsPerSample);
     const quint64 soundBytes = quint64(qMax<qint64>(0, file.size() - qint64(audio.dataStart())));
     facts->samples = frameBytes != 0 ? soundBytes / frameBytes : 0;
-    const bool dropFrame = info.frameRate == 4 || info.frameRate == 6;
-    if (info.startTimecode != AudioFile::s_noTimecode)
-        facts->startTimecode = RecordingFacts::timecodeText(info.startTimecode, dropFrame);
+    facts->startTimecode = RecordingFacts::soundTimecodeText(info);
     return true;
 }
 

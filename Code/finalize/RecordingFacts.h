@@ -1,7 +1,14 @@
 #pragma once
 
+#include "audio/AudioFile.h"
+
 #include <QJsonObject>
 #include <QString>
+
+namespace Tern {
+struct MovieFamily;
+struct RecoverySettings;
+} // namespace Tern
 
 // What a recording holds, read from its file without changing it: for a movie (in progress, finished or
 // given up) the recorder's settings record and the frame map it saved in the reserved region, which a
@@ -35,5 +42,11 @@ struct RecordingFacts
     // A packed timecode word (hours, minutes, seconds, frames a byte each) as hh:mm:ss:ff, with ';' before
     // the frames when drop-frame.
     static QString timecodeText(quint32 tc, bool dropFrame);
+    // The codec a movie of these settings holds, by the name its finish gives it; empty when unknown.
+    static QString codecName(const Tern::RecoverySettings& settings, const Tern::MovieFamily& family);
+    // A WAV's start timecode from its 'bext' values as the audio library reads them; empty without one.
+    static QString soundTimecodeText(const AudioFile::AudioFileInfo& info);
+    // Bytes of one sample frame of sound: every channel's sample, in whole bytes.
+    static quint64 soundFrameBytes(quint32 channels, quint32 bitsPerSample);
     QJsonObject toJson() const;
 };

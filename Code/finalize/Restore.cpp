@@ -71,8 +71,8 @@ Finalize::Restore Finalize::restore(const QString& path, QString* restoredPath)
             notFinishedReason = "Clipward did not finish this movie";
             return Restore::Refused;
         case FinishTakeBack::Kind::FinishedOverRecorderBytes:
-            notFinishedReason = "its finish wrote the index over bytes the recorder left past the recording's "
-                                "end, and those cannot be put back";
+            notFinishedReason = "its finish wrote the index over bytes the recorder left past the "
+                                "recording's end, and those cannot be put back";
             return Restore::Refused;
         case FinishTakeBack::Kind::Finished:
         case FinishTakeBack::Kind::BetweenSteps:

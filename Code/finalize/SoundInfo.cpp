@@ -119,10 +119,9 @@ QJsonObject formatObject(QFile& file, const Chunk* chunk, const AudioFile::Audio
     return o;
 }
 
-QJsonObject bextObject(QFile& file, const Chunk& chunk, const AudioFile& audio)
+QJsonObject bextObject(
+    QFile& file, const Chunk& chunk, const AudioFile& audio, const AudioFile::AudioFileInfo& info)
 {
-    AudioFile::AudioFileInfo info = {};
-    audio.GetFileInfo(&info);
     const QByteArray fixed = payload(file, chunk, kBextFixedBytes);
     const bool whole = fixed.size() == kBextFixedBytes;
     QJsonObject o;
@@ -139,10 +138,8 @@ QJsonObject bextObject(QFile& file, const Chunk& chunk, const AudioFile& audio)
     // What the audio library makes of the description's keys and the time reference.
     const bool knownRate = info.frameRate < 7;
     o.insert("speed", knownRate ? QJsonValue(AudioFile::bwf_speed_text[info.frameRate]) : QJsonValue());
-    o.insert("start_timecode",
-        info.startTimecode != AudioFile::s_noTimecode ? QJsonValue(
-            RecordingFacts::timecodeText(info.startTimecode, info.frameRate == 4 || info.frameRate == 6))
-                                                      : QJsonValue());
+    const QString timecode = RecordingFacts::soundTimecodeText(info);
+    o.insert("start_timecode", timecode.isEmpty() ? QJsonValue() : QJsonValue(timecode));
     o.insert("user_bits", QString("%1").arg(info.userBits, 8, 16, QChar('0')));
     o.insert("media", int(info.media));
     return o;
@@ -182,7 +179,7 @@ QJsonObject dataObject(const Chunk& chunk, qint64 fileSize, const AudioFile::Aud
 {
     const qint64 start = chunk.at + kChunkHeader;
     const qint64 toEnd = qMax<qint64>(0, fileSize - start);
-    const qint64 frameBytes = qint64(info.channels) * ((info.bitsPerSample + 7) / 8);
+    const qint64 frameBytes = qint64(RecordingFacts::soundFrameBytes(info.channels, info.bitsPerSample));
     QJsonObject o;
     o.insert("at", start);
     o.insert("declared_size", qint64(chunk.size));
@@ -255,7 +252,7 @@ bool describeSound(QFile& file, QJsonObject* info, QString* reason)
     info->insert("audio_reader", result == AudioFile::s_resultOk ? QJsonValue("read") : audioFailure(result));
     info->insert("fmt", formatObject(file, findChunk(chunks, "fmt "), values));
     const Chunk* bext = findChunk(chunks, "bext");
-    info->insert("bext", bext ? QJsonValue(bextObject(file, *bext, audio)) : QJsonValue());
+    info->insert("bext", bext ? QJsonValue(bextObject(file, *bext, audio, values)) : QJsonValue());
     info->insert("ixml", findChunk(chunks, "iXML") ? QJsonValue(iXmlObject(audio)) : QJsonValue());
     const Chunk* data = findChunk(chunks, "data");
     info->insert("data", data ? QJsonValue(dataObject(*data, fileSize, values)) : QJsonValue());
@@ -272,7 +269,7 @@ QJsonObject predictSoundFinish(const QString& path, NameState name)
         return finish;
     // The audio finish itself: read the header, then repair the sizes.
     AudioFile audio(view);
-    const unsigned int result = Finalize().finishHeronSound(audio);
+    const unsigned int result = Finalize::finishHeronSound(audio, Tern::FinishStyle::Recorder);
     finish.insert("family", "Heron");
     QString outcome = QStringLiteral("finalized");
     QString extension = QStringLiteral(".wav");

@@ -54,31 +54,38 @@ void TernSettings::configure(Tern::QuickTimeFile& movie, const Tern::RecoverySet
     movie.InitQuickTimeFileInfo();
 }
 
-const char* Finalize::ternFailureLine(TernStep step)
+const char* Finalize::ternStepText(TernStep step)
 {
     switch (step) {
     case TernStep::Finalized:
-    case TernStep::FinishedEarlier:
         break;
+    case TernStep::FinishedEarlier:
+        return "was finished by an earlier run cut short, verified!";
     case TernStep::Corrupted:
-        return "********************* %s recovery failed, corrupted file!\n";
+        return "recovery failed, corrupted file!";
     case TernStep::NoSettings:
-        return "********************* %s recovery failed, couldn't get any recovery settings!\n";
+        return "recovery failed, couldn't get any recovery settings!";
     case TernStep::InvalidSettings:
-        return "********************* %s recovery failed, invalid recovery settings!\n";
+        return "recovery failed, invalid recovery settings!";
     case TernStep::RebuildFailed:
-        return "********************* %s recovery failed, no frame map or finalization failed!\n";
+        return "recovery failed, no frame map or finalization failed!";
     }
     return nullptr;
 }
 
-Finalize::TernStep Finalize::finishTernMovie(Tern::QuickTimeFile& movie, const QString& path)
+// The line logged for a step's end: "********************* PATH WORDS" and a newline.
+static QByteArray stepLine(Finalize::TernStep step)
+{
+    return QByteArray("********************* %s ") + Finalize::ternStepText(step) + '\n';
+}
+
+Finalize::TernStep Finalize::finishTernMovie(Tern::QuickTimeFile& movie, const QString& path,
+                                             Tern::FinishStyle style)
 {
     const QByteArray name = path.toLocal8Bit();
     const bool unfinished = movie.verifyHeader();
     if (!unfinished && EarlierFinish::completes(movie, path)) {
-        qDebug("********************* %s was finished by an earlier run cut short, verified!\n",
-               name.constData());
+        qDebug(stepLine(TernStep::FinishedEarlier).constData(), name.constData());
         return TernStep::FinishedEarlier;
     }
     if (!unfinished)
@@ -91,7 +98,7 @@ Finalize::TernStep Finalize::finishTernMovie(Tern::QuickTimeFile& movie, const Q
     if (!TernSettings::usable(*settings))
         return TernStep::InvalidSettings;
     TernSettings::configure(movie, *settings);
-    movie.finishStyle = finishStyle;
+    movie.finishStyle = style;
     return movie.recover() ? TernStep::Finalized : TernStep::RebuildFailed;
 }
 
@@ -121,7 +128,7 @@ unsigned int Finalize::ternDoFinalize(QString path)
         logFailure("********************* %s recovery failed, can't open the file!\n");
     } else {
         movie = new Tern::QuickTimeFile(file);
-        const TernStep step = finishTernMovie(*movie, path);
+        const TernStep step = finishTernMovie(*movie, path, finishStyle);
         if (step == TernStep::Finalized || step == TernStep::FinishedEarlier) {
             result = kFinalized;
             if (step == TernStep::Finalized)
@@ -130,7 +137,7 @@ unsigned int Finalize::ternDoFinalize(QString path)
             rebuildFailed = step == TernStep::RebuildFailed;
             if (rebuildFailed)
                 file.noteFailedClose(*movie);
-            logFailure(ternFailureLine(step));
+            logFailure(stepLine(step).constData());
         }
     }
     delete movie;

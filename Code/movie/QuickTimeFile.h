@@ -330,12 +330,18 @@ public:
     // where its media end; -1 for any other file.
     quint32 savedFrameMapLength();
     // The frame map a recorder of `family` saved in the reserved region of `device`, counted up to its
-    // first 0 entry: all entries, and the video and sound ones.
+    // first 0 entry: all entries, those of each type, and the media blocks they list.
     struct SavedFrameMapCounts
     {
         quint32 entries = 0;
         quint32 video = 0;
         quint32 sound = 0;
+        quint32 timecode = 0;
+        quint32 unknown = 0;
+        quint32 readable = 0;         // entries of the map the file holds (all unless it is cut short)
+        quint64 blocks = 0;           // all the entries' blocks
+        quint64 lastBlocksBefore = 0; // the blocks before the last entry
+        quint32 lastBlocks = 0;       // the last entry's
     };
     static SavedFrameMapCounts countSavedFrameMap(QIODevice& device, const MovieFamily& family);
     // Sound samples of each track: the short first and last chunks (0: full) and the full ones between

@@ -19,14 +19,19 @@ QuickTimeFile::SavedFrameMapCounts QuickTimeFile::countSavedFrameMap(QIODevice& 
         return counts;
     const QByteArray map = device.read(s_frameMapBytes);
     const auto* bytes = reinterpret_cast<const uchar*>(map.constData());
-    const quint32 entries = quint32(map.size() / 2);
-    for (; counts.entries < entries; ++counts.entries) {
+    counts.readable = quint32(map.size() / 2);
+    for (; counts.entries < counts.readable; ++counts.entries) {
         const quint16 entry = qFromLittleEndian<quint16>(bytes + 2 * counts.entries);
         if (entry == 0)
             break;
         const quint32 type = entry >> s_frameTypeShift;
         counts.video += type == quicktime_frametype_video;
         counts.sound += type == quicktime_frametype_sound;
+        counts.timecode += type == quicktime_frametype_timecode;
+        counts.unknown += type == quicktime_frametype_unknown;
+        counts.lastBlocksBefore = counts.blocks;
+        counts.lastBlocks = entry & s_blockCountMask;
+        counts.blocks += counts.lastBlocks;
     }
     return counts;
 }
