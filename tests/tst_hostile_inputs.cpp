@@ -182,17 +182,31 @@ private slots:
     }
 
     // A settings record whose recorded end position lies beyond what a signed file offset holds (bit 63
-    // set): the 'mdat' size computed from it overflowed. Recovery refuses the file and writes nothing.
+    // set): the 'mdat' size computed from it overflowed. One just below that limit (the largest offset, or
+    // one an index of 4 GiB, the appended sample and the closing zeros cannot follow) overflowed the index's
+    // position. Recovery refuses the file and writes nothing.
     void recordedEndPositionBeyondSignedOffsets_data()
     {
         QTest::addColumn<bool>("heron");
-        QTest::newRow("Tern") << false;
-        QTest::newRow("Heron") << true;
+        QTest::addColumn<quint64>("end");
+        const quint64 furthest = 0x7FFFFFFFFFFFFFFFULL - 512 - (quint64(1) << 32) - 512;
+        const struct {
+            const char* name;
+            quint64 end;
+        } ends[] = {
+            {"bit 63", 0x8000000000000000ULL}, // the most negative offset, below which the size wrapped
+            {"largest offset", 0x7FFFFFFFFFFFFFFFULL},
+            {"an index past the largest offset", furthest + 1},
+        };
+        for (const auto& end : ends) {
+            QTest::newRow(qPrintable(QString("Tern, %1").arg(end.name))) << false << end.end;
+            QTest::newRow(qPrintable(QString("Heron, %1").arg(end.name))) << true << end.end;
+        }
     }
     void recordedEndPositionBeyondSignedOffsets()
     {
         QFETCH(bool, heron);
-        const quint64 end = 0x8000000000000000ULL; // the most negative offset, below which the size wrapped
+        QFETCH(quint64, end);
         const QByteArray original = heron
             ? recording(heronRegionHead(), settingsRecord(kRecordBytesHeron, 68, end), sixtyOneChunks(),
                 kSixtyOneChunksBlocks)
@@ -204,6 +218,15 @@ private slots:
         QVERIFY(!(heron ? recoverHeron(buffer) : recoverTern(buffer)));
         QCOMPARE(bytes.size(), original.size());
         QVERIFY(bytes == original);
+    }
+
+    // The furthest end an index can follow passes the settings check; one byte further does not.
+    void furthestRecordedEndIsAPlaceForAnIndex()
+    {
+        const quint64 furthest = 0x7FFFFFFFFFFFFFFFULL - 512 - (quint64(1) << 32) - 512;
+        QCOMPARE(quint64(Tern::QuickTimeFile::s_furthestRecordedEnd), furthest);
+        QVERIFY(Tern::QuickTimeFile::settingsAllowIndex(3, 2, 3, furthest));
+        QVERIFY(!Tern::QuickTimeFile::settingsAllowIndex(3, 2, 3, furthest + 1));
     }
 
     // The same recordings with the end position they should have recover: the test above fails only

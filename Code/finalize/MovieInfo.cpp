@@ -182,7 +182,7 @@ QString settingsNoIndexFrom(quint32 framesPerChunk, quint32 soundTracks, quint32
             .arg(QuickTimeFile::s_maxSoundTracks);
     if (qint32(soundTracks) > 0 && bytesPerSample == 0)
         return QStringLiteral("sound without a sample size");
-    if (end > quint64(std::numeric_limits<qint64>::max()))
+    if (end > quint64(QuickTimeFile::s_furthestRecordedEnd))
         return QString("a recorded end (%1) beyond any file offset").arg(end);
     if (end != 0 && end < quint64(QuickTimeFile::s_movieDataStartOffset))
         return QString("a recorded end (%1) inside the reserved region").arg(end);

@@ -8,6 +8,7 @@
 #include <QString>
 #include <QtGlobal>
 
+#include <limits>
 #include <memory>
 
 class QIODevice;
@@ -157,6 +158,10 @@ public:
     // A timecode sample is one 512-byte block holding the timecode word; its entry is "timecode, 1 block".
     static constexpr int s_timecodeSampleBytes = 512;
     static constexpr quint16 s_timecodeSampleEntry = 0x8001;
+    // The furthest recorded end an index can follow: what a finish appends there (a timecode sample, a
+    // 'moov' of at most 4 GiB, the closing zeros) must still end at a signed 64-bit file offset.
+    static constexpr qint64 s_furthestRecordedEnd = std::numeric_limits<qint64>::max() - s_timecodeSampleBytes
+        - (qint64(1) << 32) - s_closingZeroBytes;
     static constexpr quint32 s_frameMapEntries = 2736000;
     static constexpr qint64 s_frameMapBytes = 2 * qint64(s_frameMapEntries);
     static constexpr int s_maxTracks = 64;

@@ -117,8 +117,9 @@ bool QuickTimeFile::settingsAllowIndex(quint32 framesPerChunk, quint32 soundTrac
         return false;
     if (qint32(soundTracks) > 0 && bytesPerSample == 0)
         return false;
-    // A device position is a signed 64-bit offset: an end beyond it is no place in any file.
-    if (endPosition > quint64(std::numeric_limits<qint64>::max()))
+    // A device position is a signed 64-bit offset: an end the index cannot follow within one is no place
+    // in any file.
+    if (endPosition > quint64(s_furthestRecordedEnd))
         return false;
     return endPosition == 0 || endPosition >= quint64(s_movieDataStartOffset);
 }
