@@ -284,8 +284,8 @@ int runBenchmarks(const BenchOptions& o)
     const QString heron = o.work + "/heron/B001.zqv";
     if (makeSparse(tern, RecordingPlan::Tern, kNearCapacityEntries, &r.ternEntries)) {
         progress("case 1: Tern near capacity");
-        finalizeAgainstFloor(o, tern, Tern::QuickTimeFile::s_recoveryFrameMapPos, &r.ternFinalize,
-            &r.ternFloor, &r.ternIndexBytes);
+        finalizeAgainstFloor(o, tern, recorderOf(RecordingPlan::Tern).family->recoveryFrameMapPos,
+            &r.ternFinalize, &r.ternFloor, &r.ternIndexBytes);
     } else {
         fail(&r.ternFinalize, "no input");
     }
@@ -299,7 +299,8 @@ int runBenchmarks(const BenchOptions& o)
     }
     if (makeSparse(heron, RecordingPlan::Heron, kNearCapacityEntries, &r.heronEntries)) {
         progress("case 2: Heron near capacity");
-        finalizeAgainstFloor(o, heron, QuickTimeFile::s_recoveryFrameMapPos, &r.heronFinalize, &r.heronFloor,
+        finalizeAgainstFloor(o, heron, recorderOf(RecordingPlan::Heron).family->recoveryFrameMapPos,
+            &r.heronFinalize, &r.heronFloor,
             &r.heronIndexBytes);
     } else {
         fail(&r.heronFinalize, "no input");

@@ -17,7 +17,6 @@ const int kTracks = 8;
 const quint32 kBytesPerSample = 3;
 const quint32 kFramesPerChunk = 3;
 const quint32 kTernSamplesPerChunk = 5760; // 3 frames at 25 frame/s of 48 kHz sound
-const quint32 kHeronSamplesPerChunk = 3072;
 // ProRes 422 HQ at 1080p25 runs near 185 Mbit/s: frames of 880-940 KB.
 const int kFrameBytesLow = 880000;
 const int kFrameBytesSpread = 60000;
@@ -31,14 +30,17 @@ RecordingPlan proResPlan(RecordingPlan::Family family)
     RecordingPlan plan;
     plan.family = family;
     plan.videoCodecType = 1;
-    plan.proResVariant = family == RecordingPlan::Heron ? 0 : 1;
+    const SimulatedRecorder& recorder = recorderOf(family);
+    plan.proResVariant = recorder.proResHqVariant;
     plan.width = 1920;
     plan.height = 1080;
     plan.frameRate = 2500;
     plan.videoFramesPerChunk = kFramesPerChunk;
     plan.audioBytesPerSample = kBytesPerSample;
     plan.audioSampleRate = 48000;
-    plan.audioSamplesPerChunk = family == RecordingPlan::Heron ? kHeronSamplesPerChunk : kTernSamplesPerChunk;
+    // The family's fixed chunking where it has one.
+    const quint32 fixedChunking = recorder.family->fixedSamplesPerChunk;
+    plan.audioSamplesPerChunk = fixedChunking != 0 ? fixedChunking : kTernSamplesPerChunk;
     plan.reelName = "A001";
     return plan;
 }
@@ -54,14 +56,11 @@ bool writeBytes(const QString& path, const QByteArray& bytes)
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
 }
 
-// The first 64 bytes of an in-progress movie: only the first atom's size tells the families apart.
-QByteArray movieHead(bool heron)
+// The first 64 bytes of an in-progress movie of `family`: only the first atom's size tells the families
+// apart.
+QByteArray movieHead(RecordingPlan::Family family)
 {
-    QByteArray head(64, '\0');
-    qToBigEndian<quint32>(
-        heron ? quint32(Tern::QuickTimeFile::s_datPos) : 20u, reinterpret_cast<uchar*>(head.data()));
-    head.replace(4, 4, "ftyp");
-    return head;
+    return recordingRegionHead(*recorderOf(family).family, 64);
 }
 
 } // namespace
@@ -167,11 +166,12 @@ int writeCard(const QString& root, int folders, int filesPerFolder)
                 // In-progress names: movies of both families, audio, and an earlier give-up.
                 const int kind = (n / 10) % 10;
                 if (kind < 6)
-                    ok = writeBytes(stem + ".zqv", movieHead(kind % 2 == 1));
+                    ok = writeBytes(
+                        stem + ".zqv", movieHead(kind % 2 == 1 ? RecordingPlan::Heron : RecordingPlan::Tern));
                 else if (kind < 9)
                     ok = writeBytes(stem + ".zqa", QByteArray("RIFF") + QByteArray(60, '\0'));
                 else
-                    ok = writeBytes(stem + ".nrv", movieHead(false));
+                    ok = writeBytes(stem + ".nrv", movieHead(RecordingPlan::Tern));
                 ++inProgress;
             } else {
                 ok = writeBytes(stem + finished[n % 6], QByteArray(256, char(n)));

@@ -1,9 +1,7 @@
 #include "RecoveryHarness.h"
 
 #include "FuzzSupport.h"
-#include "finalize/Finalize.h"
-#include "finalize/TernSettings.h"
-#include "movie/HeronQuickTimeFile.h"
+#include "finalize/SettingsCheck.h"
 #include "movie/QuickTimeFile.h"
 
 #include <QtEndian>
@@ -20,20 +18,14 @@ const qint64 kMaxMediaBytes = qint64(1) << 40;
 const int kClosingZeroBytes = 512;
 const int kTimecodeSampleBytes = 512;
 
-// The driver lives for the whole run, as in the program: its work buffer is every Heron movie's frame map.
-Finalize& driver()
-{
-    static Finalize* finalize = new Finalize;
-    return *finalize;
-}
-
-// A Tern movie whose frame map is one buffer kept for the whole run, like Heron's, so that an input does
-// not pay for mapping 5.4 MB of fresh memory. Recovery reads the whole map into it before it is used.
-class TernFileWithRunBuffer : public Tern::QuickTimeFile
+// A movie of either family whose frame map is one buffer kept for the whole run, like the driver's work
+// buffer, so that an input does not pay for mapping 5.4 MB of fresh memory. Recovery reads the whole map
+// into it before it is used.
+class MovieWithRunFrameMap : public Tern::QuickTimeFile
 {
 public:
-    explicit TernFileWithRunBuffer(QIODevice& device)
-        : Tern::QuickTimeFile(device, Tern::ternFamily, buffer())
+    MovieWithRunFrameMap(QIODevice& device, const Tern::MovieFamily& family)
+        : Tern::QuickTimeFile(device, family, buffer())
     {
     }
 
@@ -57,12 +49,12 @@ void checkWrites(const SynthesizedRecording& device, quint64 recordedEnd)
     const qint64 original = device.originalSize();
     const qint64 mediaEnd
         = recordedEnd != 0 && recordedEnd < quint64(original) ? qint64(recordedEnd) : original;
-    const qint64 firstWritable = qMax(mediaEnd, SynthesizedRecording::s_movieDataStartOffset);
+    const qint64 firstWritable = qMax(mediaEnd, device.movieDataStartOffset());
     for (const SynthesizedRecording::Extent& extent : device.extents()) {
         const qint64 begin = extent.offset;
         const qint64 end = extent.offset + extent.length;
         const bool header
-            = begin >= SynthesizedRecording::s_datPos && end <= SynthesizedRecording::s_movieDataStartOffset;
+            = begin >= device.movieDataHeaderPos() && end <= device.movieDataStartOffset();
         if (!header && begin < firstWritable)
             fail("recovery wrote into the reserved region or the recorded media");
     }
@@ -97,17 +89,17 @@ MapList mapList(const Input& input, qint64 repeatedBytes)
 void checkClosedMovie(
     SynthesizedRecording::Family family, const SynthesizedRecording& device, bool tablesMayRunShort)
 {
-    const QByteArray header = device.contentAt(SynthesizedRecording::s_datPos, 16);
+    const QByteArray header = device.contentAt(device.movieDataHeaderPos(), 16);
     if (header.size() != 16 || bigEndian32(header, 0) != 1 || header.mid(4, 4) != "mdat")
         fail("a successful recovery left no 'mdat' header");
     const quint64 movieDataSize
         = qFromBigEndian<quint64>(reinterpret_cast<const uchar*>(header.constData()) + 8);
     if (movieDataSize == 16)
         fail("a successful recovery left 'mdat' unclosed");
-    const qint64 moovStart = SynthesizedRecording::s_datPos + qint64(movieDataSize);
-    if (family == SynthesizedRecording::Heron
-        && moovStart < SynthesizedRecording::s_movieDataStartOffset + kTimecodeSampleBytes)
-        fail("the Heron 'mdat' does not hold the closing timecode sample");
+    const qint64 moovStart = device.movieDataHeaderPos() + qint64(movieDataSize);
+    if (family->closeAppendsTimecodeSample
+        && moovStart < device.movieDataStartOffset() + kTimecodeSampleBytes)
+        fail("the 'mdat' does not hold the closing timecode sample");
     const QByteArray moov = device.contentAt(moovStart, 8);
     if (moov.size() != 8 || moov.mid(4, 4) != "moov")
         fail("the 'mdat' size does not lead to the 'moov' atom");
@@ -129,7 +121,7 @@ Input readInput(const uint8_t* data, size_t size)
     FuzzSupport::InputReader in(data, size);
     Input input;
     const quint8 flags = in.u8();
-    input.family = (flags & 1) ? SynthesizedRecording::Heron : SynthesizedRecording::Tern;
+    input.family = Tern::movieFamilies()[flags & 1];
     input.repeatMap = (flags & 2) != 0;
     input.mediaBytes = qMin(qint64(in.u32()) * 512, kMaxMediaBytes);
     input.record = QByteArray(SynthesizedRecording::recordSize(input.family), '\0');
@@ -140,33 +132,18 @@ Input readInput(const uint8_t* data, size_t size)
 
 Finish finish(SynthesizedRecording::Family family, QIODevice& device)
 {
-    driver(); // made before the first movie, as in the program
     Finish result;
-    if (family == SynthesizedRecording::Tern) {
-        auto movie = std::make_unique<TernFileWithRunBuffer>(device);
-        if (!movie->verifyHeader())
-            return result;
-        movie->initFile(nullptr);
-        Tern::RecoverySettings* settings = movie->loadSavedSettings();
-        if (!settings || !TernSettings::usable(*settings))
-            return result;
-        TernSettings::configure(*movie, *settings);
-        result.recordedEnd = settings->recordedEndPosition;
-        result.soundSizesOverstated = settings->audioBytesPerSample == 0;
-        result.recovered = movie->recover();
+    MovieWithRunFrameMap movie(device, *family);
+    if (!movie.verifyHeader())
         return result;
-    }
-    auto movie = std::make_unique<QuickTimeFile>(device, driver().workBuffer);
-    if (!movie->verifyHeader())
+    movie.initFile(nullptr);
+    Tern::RecoverySettings* settings = movie.loadSavedSettings();
+    if (!settings || !SettingsCheck::usable(*family, *settings))
         return result;
-    movie->initFile(nullptr);
-    QuickTimeFile::RecoverySettings* settings = movie->loadSavedSettings();
-    if (!settings)
-        return result;
-    driver().setQuickTimeFileInfo(settings, movie.get());
+    settings->copyInto(movie);
     result.recordedEnd = settings->recordedEndPosition;
     result.soundSizesOverstated = settings->audioBytesPerSample == 0;
-    result.recovered = movie->recover();
+    result.recovered = movie.recover();
     return result;
 }
 
@@ -179,7 +156,7 @@ void checkRecovery(const SynthesizedRecording& device, const Input& input, const
         return;
     const MapList list = mapList(input, device.repeatedMapBytes());
     const bool tablesMayRunShort = result.soundSizesOverstated || list.unknownEntries
-        || (input.family == SynthesizedRecording::Heron && list.full);
+        || (input.family->closeAppendsTimecodeSample && list.full);
     checkClosedMovie(input.family, device, tablesMayRunShort);
 }
 

@@ -1,6 +1,6 @@
 #include "SynthesizedRecording.h"
 
-#include <QtEndian>
+#include "simulate/RecordingSimulator.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,13 +8,6 @@
 namespace {
 
 const int kMinimumPatternBytes = 4096;
-
-void put32(QByteArray& out, quint32 value)
-{
-    uchar bytes[4];
-    qToBigEndian<quint32>(value, bytes);
-    out.append(reinterpret_cast<const char*>(bytes), 4);
-}
 
 // Copies the part of [sourcePos, sourcePos + sourceSize) that lies in [pos, pos + n) into out.
 void copyOverlap(qint64 sourcePos, const char* source, qint64 sourceSize, qint64 pos, char* out, qint64 n)
@@ -29,24 +22,14 @@ void copyOverlap(qint64 sourcePos, const char* source, qint64 sourceSize, qint64
 
 SynthesizedRecording::SynthesizedRecording(Family family, const QByteArray& record,
     const QByteArray& frameMap, qint64 mapBytes, qint64 mediaBytes, qint64 writeCapacity, qint64 keptBytes)
-    : m_mapPos(frameMapPos(family))
+    : m_family(family)
+    , m_mapPos(family->recoveryFrameMapPos)
     , m_map(frameMap.left(int(std::min<qint64>(frameMap.size(), s_frameMapBytes))))
     , m_mediaBytes(mediaBytes)
     , m_keptBytes(keptBytes)
     , m_writeCapacity(writeCapacity)
 {
-    // 'ftyp': major brand 'qt  ', minor version 0x20070400, compatible brand 'qt  '. Tern's is 20 bytes and
-    // followed by a 'udta' spanning the region behind an empty 'urec'; Heron's spans the region itself.
-    put32(m_head, family == Tern ? 20 : quint32(s_datPos));
-    m_head.append("ftypqt  ", 8);
-    put32(m_head, 0x20070400);
-    m_head.append("qt  ", 4);
-    if (family == Tern) {
-        put32(m_head, quint32(s_datPos - 20));
-        m_head.append("udta", 4);
-        put32(m_head, 8);
-        m_head.append("urec", 4);
-    }
+    m_head = recordingRegionHead(*family, int(family->recoverySettingsPos));
     m_head.append(record.left(recordSize(family)));
     m_head.append(QByteArray(int(m_mapPos - m_head.size()), '\0'));
 
@@ -67,7 +50,7 @@ qint64 SynthesizedRecording::size() const
 void SynthesizedRecording::fillOriginal(qint64 pos, char* out, qint64 n) const
 {
     std::memset(out, 0, size_t(n));
-    if (pos >= s_movieDataStartOffset)
+    if (pos >= movieDataStartOffset())
         return; // zero media
     copyOverlap(0, m_head.constData(), m_head.size(), pos, out, n);
     if (m_pattern.isEmpty()) {
@@ -85,7 +68,7 @@ void SynthesizedRecording::fillOriginal(qint64 pos, char* out, qint64 n) const
         }
     }
     static const char unclosedMovieData[16] = { 0, 0, 0, 1, 'm', 'd', 'a', 't', 0, 0, 0, 0, 0, 0, 0, 16 };
-    copyOverlap(s_datPos, unclosedMovieData, sizeof unclosedMovieData, pos, out, n);
+    copyOverlap(movieDataHeaderPos(), unclosedMovieData, sizeof unclosedMovieData, pos, out, n);
 }
 
 void SynthesizedRecording::fill(qint64 pos, char* out, qint64 n) const

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "movie/MovieFamily.h"
+#include "movie/QuickTimeFile.h"
+
 #include <QByteArray>
 #include <QIODevice>
 
@@ -16,12 +19,10 @@
 class SynthesizedRecording : public QIODevice
 {
 public:
-    enum Family { Tern, Heron };
+    // The family whose recording it is; its description holds the layout.
+    using Family = const Tern::MovieFamily*;
 
-    // The layout both families share.
-    static constexpr qint64 s_datPos = 5472240;
-    static constexpr qint64 s_movieDataStartOffset = 5472256;
-    static constexpr qint64 s_frameMapBytes = 5472000;
+    static constexpr qint64 s_frameMapBytes = Tern::QuickTimeFile::s_frameMapBytes;
 
     struct Extent
     {
@@ -37,15 +38,16 @@ public:
     SynthesizedRecording(Family family, const QByteArray& record, const QByteArray& frameMap, qint64 mapBytes,
         qint64 mediaBytes, qint64 writeCapacity, qint64 keptBytes);
 
-    static int recordSize(Family family) { return family == Tern ? 120 : 108; }
-    static qint64 recordPos(Family family) { return family == Tern ? 36 : 20; }
-    static qint64 frameMapPos(Family family) { return family == Tern ? 156 : 128; }
+    static int recordSize(Family family) { return family->recoveryRecord->size; }
+
+    qint64 movieDataHeaderPos() const { return m_family->movieDataHeaderPos; }
+    qint64 movieDataStartOffset() const { return m_family->movieDataStartOffset; }
 
     bool isSequential() const override { return false; }
     qint64 size() const override;
 
     // The size the recording had before anything was written.
-    qint64 originalSize() const { return s_movieDataStartOffset + m_mediaBytes; }
+    qint64 originalSize() const { return movieDataStartOffset() + m_mediaBytes; }
     // What was written, in order; adjacent writes are joined into one extent.
     const std::vector<Extent>& extents() const { return m_extents; }
     // One past the highest byte written; 0 when nothing was.
@@ -66,6 +68,7 @@ private:
     void fillOriginal(qint64 pos, char* out, qint64 n) const;
     void fill(qint64 pos, char* out, qint64 n) const;
 
+    Family m_family;
     QByteArray m_head; // from offset 0 up to the frame map
     qint64 m_mapPos;
     QByteArray m_map; // the map bytes given

@@ -71,9 +71,9 @@ bool writeRecording(const SynthesizedRecording& recording, const QString& path)
     QFile file(path);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
         return false;
-    for (qint64 at = 0; at < SynthesizedRecording::s_movieDataStartOffset; at += kPiece) {
-        const QByteArray piece
-            = recording.contentAt(at, qMin(kPiece, SynthesizedRecording::s_movieDataStartOffset - at));
+    const qint64 mediaStart = recording.movieDataStartOffset();
+    for (qint64 at = 0; at < mediaStart; at += kPiece) {
+        const QByteArray piece = recording.contentAt(at, qMin(kPiece, mediaStart - at));
         if (piece.count('\0') == piece.size())
             continue;
         if (!file.seek(at) || file.write(piece) != piece.size())

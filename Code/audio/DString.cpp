@@ -252,8 +252,9 @@ int DString::appendPrintf(const char* fmt, ...)
 }
 
 // Both passes hand vsnprintf the character count, not the count + 1, so the last character of a result
-// that fills the room (or needed growth) is overwritten by the NUL. Callers rely on that: a bext key
-// formatted as "sTRK%u=" is used without its '='.
+// that fills the room (or needed growth) is overwritten by the NUL. Deliberate, and not to be "fixed":
+// callers rely on it (a bext key formatted as "sTRK%u=" is used without its '='), and the metadata written
+// into repaired WAV files, which the audio tests compare byte for byte, depends on it.
 int DString::corePrintf(printf_t mode, const char* fmt, va_list args)
 {
     va_list secondPass;

@@ -13,10 +13,8 @@
 #include <algorithm>
 #include <vector>
 
-// Family codes returned by getFileType.
 namespace {
-const int kFamilyHeron = 0;
-const int kFamilyTern = 1;
+// getFileType's code for a file whose family cannot be read; the families' own codes are theirs.
 const int kFamilyUnreadable = 2;
 
 const unsigned int kResultUnrecoverable = 31;
@@ -139,19 +137,25 @@ QStringList entriesMatching(const QDir& dir, const QStringList& filters)
         names << entry.name;
     return names;
 }
-// The family of the file at `path` by its name and its first atom's size, the file opened with `mode`.
+// The family code of the file at `path` by its name and its first atom's size, the file opened with
+// `mode`: any name but a movie's is the sound-recording family's.
 int familyByFirstAtom(const QString& path, QIODevice::OpenMode mode)
 {
     if (!path.toLower().endsWith(".zqv"))
-        return kFamilyHeron;
+        return Tern::soundFileFamily().fileType;
 
     QFile file(path);
     if (!file.open(mode))
         return kFamilyUnreadable;
     const Tern::MovieFamily* family = Tern::familyOfRecording(file);
-    if (!family)
-        return kFamilyUnreadable;
-    return family == &Tern::ternFamily ? kFamilyTern : kFamilyHeron;
+    return family ? family->fileType : kFamilyUnreadable;
+}
+
+// The family named for a file of code `type`; one that could not be read is named as a sound file's.
+QString familyNameOf(int type)
+{
+    const Tern::MovieFamily* family = Tern::familyOfFileType(type);
+    return QLatin1String(family ? family->name : Tern::soundFileFamily().name);
 }
 // The line for a file or folder that cannot be read: it is passed over, as it is.
 QString cannotBeRead(const QString& path)
@@ -162,7 +166,7 @@ QString cannotBeRead(const QString& path)
 } // namespace
 
 Finalize::Finalize()
-    : workBuffer(new unsigned short[s_workBufferEntries])
+    : workBuffer(new unsigned short[QuickTimeFile::s_frameMapEntries])
     , scanOnly(false)
     , goodCount(0)
     , badCount(0)
@@ -194,6 +198,7 @@ bool Finalize::finalizeFolderTree(const QStringList& paths)
     for (const QString& path : paths) {
         QDir dir(QDir::toNativeSeparators(path));
         if (!dir.exists()) {
+            // "Specfied" is the line's own spelling, kept on purpose: scripts and tests match it as it is.
             emit textOutput(QString("ERROR: Specfied path does not exist: %1\n").arg(dir.absolutePath()));
             return true; // later start paths are abandoned on purpose
         }
@@ -297,19 +302,22 @@ FileOutcome Finalize::finalizeFile(QDir& dir, const QString& name)
     const CardAccess::WriteBlock block = CardAccess::writeBlockFor(path);
     if (block != CardAccess::WriteBlock::None) {
         // Read only: the file cannot be opened for writing, which getFileType asks for.
-        outcome.family = familyByFirstAtom(path, QIODevice::ReadOnly) == kFamilyTern ? "Tern" : "Heron";
+        outcome.family = familyNameOf(familyByFirstAtom(path, QIODevice::ReadOnly));
         outcome.fate = FileOutcome::Fate::NotWritable;
         outcome.reason = CardAccess::reasonText(block);
         return outcome;
     }
     if (scanOnly) {
-        outcome.family = getFileType(path) == kFamilyTern ? "Tern" : "Heron";
+        outcome.family = familyNameOf(getFileType(path));
         outcome.fate = FileOutcome::Fate::NeedsFinishing;
         return outcome;
     }
     notFinishedReason.clear();
-    const unsigned int result = doFinalize(path);
-    outcome.family = isTern ? "Tern" : "Heron";
+    const FileFinish finish = finishFile(path);
+    const unsigned int result = finish.code;
+    // A file no procedure ran on is told under the previous file's family and name, as the driver's
+    // members still hold them: the line for it has always read so.
+    outcome.family = QLatin1String((finish.family ? finish.family : m_lastFamily)->name);
     if (!notFinishedReason.isEmpty()) {
         outcome.fate = FileOutcome::Fate::LeftForTheCard;
         outcome.reason = notFinishedReason;
@@ -320,7 +328,8 @@ FileOutcome Finalize::finalizeFile(QDir& dir, const QString& name)
         outcome.reason = QStringLiteral("the recording could not be finished");
     // The line names the file as the procedure tells it; where that name is not a file (a procedure
     // that renamed nothing), the file is still at its old path.
-    outcome.reportedPath = dir.absoluteFilePath(outputFileName);
+    const QString& named = finish.outputName.isEmpty() ? outputFileName : finish.outputName;
+    outcome.reportedPath = dir.absoluteFilePath(named);
     outcome.pathAfter = QFileInfo::exists(outcome.reportedPath) ? outcome.reportedPath : path;
     return outcome;
 }
@@ -328,7 +337,9 @@ FileOutcome Finalize::finalizeFile(QDir& dir, const QString& name)
 void Finalize::report(const FileOutcome& outcome)
 {
     const QString& path = outcome.pathBefore;
-    const bool tern = outcome.family == QLatin1String("Tern");
+    // The family as the lines tag it: "(Tern)", and in a scan's lines "(tern)".
+    const QString tag = QString("(%1)").arg(outcome.family);
+    const QString scanTag = tag.toLower();
     switch (outcome.fate) {
     case FileOutcome::Fate::GivenUpEarlier:
         emit textOutput(QString("     %1 Unrecoverable\n").arg(path));
@@ -350,16 +361,16 @@ void Finalize::report(const FileOutcome& outcome)
         if (scanOnly) {
             // It still needs finishing; the line says where that can be done.
             emit textOutput(QString("     %1 %2 Requires finalize, cannot be finalized here: %3\n")
-                                .arg(path, tern ? "(tern)" : "(heron)", outcome.reason));
+                                .arg(path, scanTag, outcome.reason));
             ++goodCount;
         } else {
             emit textOutput(QString("     %1 %2 Left as it is: %3\n")
-                                .arg(path, tern ? "(Tern)" : "(Heron)", outcome.reason));
+                                .arg(path, tag, outcome.reason));
             ++leftCount;
         }
         break;
     case FileOutcome::Fate::NeedsFinishing:
-        emit textOutput(QString("     %1 %2 Requires finalize\n").arg(path, tern ? "(tern)" : "(heron)"));
+        emit textOutput(QString("     %1 %2 Requires finalize\n").arg(path, scanTag));
         ++goodCount;
         break;
     case FileOutcome::Fate::LeftForTheCard:
@@ -374,7 +385,7 @@ void Finalize::report(const FileOutcome& outcome)
             ++badCount;
         emit textOutput(
             QString("     %1 %2 %3\n")
-                .arg(outcome.reportedPath, tern ? "(Tern)" : "(Heron)",
+                .arg(outcome.reportedPath, tag,
                     outcome.fate == FileOutcome::Fate::Finalized ? "Finalized" : "Unrecoverable"));
         break;
     }
@@ -389,17 +400,40 @@ int Finalize::getFileType(QString path)
 
 unsigned int Finalize::doFinalize(QString path)
 {
+    return finishFile(path).code;
+}
+
+Finalize::FileFinish Finalize::finishFile(const QString& path)
+{
     const QtMessageFilter qtNoticesDropped; // the procedures' own lines say what failed
     int type;
     {
         QFile unused(path); // constructed and dropped around the check, never opened
         type = getFileType(path);
     }
-    if (type == kFamilyTern)
-        return ternDoFinalize(path);
-    if (type == kFamilyUnreadable)
-        return kResultUnrecoverable; // outputFileName and isTern keep the previous file's values
-    return heronDoFinalize(path);
+    const Tern::MovieFamily* family = Tern::familyOfFileType(type);
+    for (const FamilyProcedure& procedure : s_procedures) {
+        if (procedure.family == family) {
+            const FileFinish finish = (this->*procedure.finish)(path);
+            keep(finish);
+            return finish;
+        }
+    }
+    // No procedure runs: outputFileName and isTern keep the previous file's values.
+    FileFinish unread;
+    unread.code = kResultUnrecoverable;
+    return unread;
+}
+
+unsigned int Finalize::keep(const FileFinish& finish)
+{
+    if (finish.family) {
+        m_lastFamily = finish.family;
+        isTern = finish.family == &Tern::ternFamily ? 1 : 0;
+    }
+    if (!finish.outputName.isEmpty())
+        outputFileName = finish.outputName;
+    return finish.code;
 }
 
 bool Finalize::leftForTheCard(const CardFile& file, bool finished)

@@ -20,9 +20,6 @@ class Finalize : public QObject
     Q_OBJECT
 
 public:
-    // Frame-map storage handed to every Heron movie object: 2,736,000 16-bit entries.
-    static constexpr int s_workBufferEntries = 2736000;
-
     Finalize();
     ~Finalize() override;
 
@@ -35,7 +32,20 @@ public:
     unsigned int doFinalize(QString path);
     unsigned int ternDoFinalize(QString path);
     unsigned int heronDoFinalize(QString path);
-    void setQuickTimeFileInfo(QuickTimeFile::RecoverySettings* settings, QuickTimeFile* movie);
+    // Copies the recorder's settings into a Heron movie before recovery (RecoverySettings::copyInto).
+    static void setQuickTimeFileInfo(QuickTimeFile::RecoverySettings* settings, QuickTimeFile* movie);
+
+    // What a family procedure did to one file, returned to the driver: its result code (0 finished), the
+    // family whose procedure ran (null when none did) and the name it gave the file (empty when it named
+    // none). The procedures above return the code and keep the family and the name in isTern and
+    // outputFileName as well.
+    struct FileFinish
+    {
+        unsigned int code = 0;
+        const Tern::MovieFamily* family = nullptr;
+        QString outputName;
+    };
+    FileFinish finishFile(const QString& path);
 
     // The steps of each family's movie finish on an open file, up to the rename: check the in-progress
     // layout (or an earlier finish cut short), load and check the settings, rebuild the index. The
@@ -48,7 +58,7 @@ public:
     // failed, corrupted file!"); null for a movie finished now.
     static const char* ternStepText(TernStep step);
     enum class HeronStep { Finalized, FinishedEarlier, NotInProgress, NoSettings, RebuildFailed };
-    HeronStep finishHeronMovie(QuickTimeFile& movie, const QString& path);
+    static HeronStep finishHeronMovie(QuickTimeFile& movie, const QString& path, Tern::FinishStyle style);
     // The audio finish: the header read, then the sizes repaired; the audio library's result code.
     static unsigned int finishHeronSound(AudioFile& audio, Tern::FinishStyle style);
 
@@ -63,6 +73,8 @@ public:
     enum class Restore { Restored, Refused, InUse, LeftForTheCard };
     Restore restore(const QString& path, QString* restoredPath);
 
+    // Frame-map storage (QuickTimeFile::s_frameMapEntries entries) handed to the movie objects of a family
+    // that keeps its map in the caller's storage.
     unsigned short* workBuffer;
     QString outputFileName;
     QStringList skipFolders;
@@ -92,6 +104,23 @@ signals:
     void fileDone(const FileOutcome& outcome);
 
 private:
+    // Each family's procedure; the driver hands a file to the one of the family getFileType finds.
+    FileFinish ternFinish(const QString& path);
+    FileFinish heronFinish(const QString& path);
+    struct FamilyProcedure
+    {
+        const Tern::MovieFamily* family;
+        FileFinish (Finalize::*finish)(const QString& path);
+    };
+    static constexpr FamilyProcedure s_procedures[] = {
+        {&Tern::ternFamily, &Finalize::ternFinish},
+        {&Tern::heronFamily, &Finalize::heronFinish},
+    };
+    // Keeps what a procedure returned in isTern and outputFileName, as the driver's members tell it.
+    unsigned int keep(const FileFinish& finish);
+    // The family of the last procedure that ran (isTern's, as a family; Heron's before any ran).
+    const Tern::MovieFamily* m_lastFamily = &Tern::heronFamily;
+
     // One listed file: tried or left, and why. The report's line and the counts are made from it.
     FileOutcome finalizeFile(QDir& dir, const QString& name);
     void report(const FileOutcome& outcome);

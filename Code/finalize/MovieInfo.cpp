@@ -7,6 +7,7 @@
 #include "finalize/Finalize.h"
 #include "finalize/QtMessageFilter.h"
 #include "finalize/RecordingInfoParts.h"
+#include "finalize/SettingsCheck.h"
 #include "movie/HeronQuickTimeFile.h"
 #include "movie/MovieFamily.h"
 #include "movie/QuickTimeFile.h"
@@ -17,6 +18,7 @@
 #include <QtEndian>
 
 #include <limits>
+#include <vector>
 
 namespace {
 
@@ -80,8 +82,8 @@ QJsonObject settingsObject(const RecoverySettings& s, const MovieFamily& family)
     o.insert("recorded_end_position",
         s.recordedEndPosition != 0 ? QJsonValue(qint64(s.recordedEndPosition)) : QJsonValue());
     o.insert("chunk_counts_in_record", counts);
-    o.insert("samples_per_chunk", qint64(counts ? s.audioSamplesPerChunk : family.fixedSamplesPerChunk));
-    o.insert("frames_per_chunk", qint64(counts ? s.videoFramesPerChunk : family.fixedFramesPerChunk));
+    o.insert("samples_per_chunk", qint64(family.samplesPerChunk(s)));
+    o.insert("frames_per_chunk", qint64(family.framesPerChunk(s)));
     o.insert("reel_name", s.reelNameText());
     return o;
 }
@@ -157,38 +159,6 @@ struct Prediction
     bool finished = false; // the view holds the finished movie
 };
 
-// The first thing TernSettings::usable refuses, in its order.
-QString unusableSetting(const RecoverySettings& s)
-{
-    if (s.videoFramesPerChunk == 0)
-        return QStringLiteral("0 video frames a chunk");
-    if (s.frameRate == 0)
-        return QStringLiteral("a frame rate of 0");
-    if (s.width == 0)
-        return QStringLiteral("a width of 0");
-    if (s.height == 0)
-        return QStringLiteral("a height of 0");
-    return QString();
-}
-
-// Why QuickTimeFile::settingsAllowIndex refuses these values, in its order; empty when it does not.
-QString settingsNoIndexFrom(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample, quint64 end)
-{
-    if (framesPerChunk == 0)
-        return QStringLiteral("0 video frames a chunk");
-    if (qint32(soundTracks) > qint32(QuickTimeFile::s_maxSoundTracks))
-        return QString("%1 sound tracks, more than the %2 a movie holds")
-            .arg(soundTracks)
-            .arg(QuickTimeFile::s_maxSoundTracks);
-    if (qint32(soundTracks) > 0 && bytesPerSample == 0)
-        return QStringLiteral("sound without a sample size");
-    if (end > quint64(QuickTimeFile::s_furthestRecordedEnd))
-        return QString("a recorded end (%1) beyond any file offset").arg(end);
-    if (end != 0 && end < quint64(QuickTimeFile::s_movieDataStartOffset))
-        return QString("a recorded end (%1) inside the reserved region").arg(end);
-    return QString();
-}
-
 // What stopped recover() on the view, told from the state it left the movie in.
 QString whyRecoveryFailed(QuickTimeFile& movie, CopyOnWriteFile& view)
 {
@@ -203,7 +173,7 @@ QString whyRecoveryFailed(QuickTimeFile& movie, CopyOnWriteFile& view)
             .arg(movie.timecodeSamples)
             .arg(family.name)
             .arg(family.minimumChunks);
-    const QString settings = settingsNoIndexFrom(
+    const QString settings = Tern::indexRefusal(
         movie.videoFramesPerChunk, movie.audioTracks, movie.audioBytesPerSample, movie.recordedEndPosition);
     if (!settings.isEmpty())
         return "the settings give " + settings;
@@ -270,15 +240,9 @@ Prediction predictTern(CopyOnWriteFile& view, const QString& path)
     case Finalize::TernStep::NoSettings:
         p.why = QStringLiteral("the settings record cannot be read");
         break;
-    case Finalize::TernStep::InvalidSettings: {
-        const RecoverySettings& settings = *movie.loadSavedSettings();
-        const QString zero = unusableSetting(settings);
-        p.why = "the settings give "
-            + (!zero.isEmpty() ? zero
-                               : settingsNoIndexFrom(settings.videoFramesPerChunk, settings.audioTracks,
-                                   settings.audioBytesPerSample, settings.recordedEndPosition));
+    case Finalize::TernStep::InvalidSettings:
+        p.why = "the settings give " + SettingsCheck::refusal(movie.family(), *movie.loadSavedSettings());
         break;
-    }
     case Finalize::TernStep::RebuildFailed:
         recoveryFailed(movie, view, p.reason, &p);
         p.replacesExisting = true; // an older ".nrv" is replaced
@@ -291,11 +255,11 @@ Prediction predictTern(CopyOnWriteFile& view, const QString& path)
 Prediction predictHeron(CopyOnWriteFile& view, const QString& path)
 {
     Prediction p;
-    Finalize driver; // its frame-map storage and its copy of the settings into the movie
-    ::QuickTimeFile movie(view, driver.workBuffer);
+    std::vector<quint16> frameMap(QuickTimeFile::s_frameMapEntries); // what the driver hands the movie
+    ::QuickTimeFile movie(view, frameMap.data());
     p.outcome = QStringLiteral("given up");
     p.extension = QStringLiteral(".nrv");
-    switch (driver.finishHeronMovie(movie, path)) {
+    switch (Finalize::finishHeronMovie(movie, path, Tern::FinishStyle::Recorder)) {
     case Finalize::HeronStep::Finalized:
         p.outcome = QStringLiteral("finalized");
         p.extension = QStringLiteral(".mov");

@@ -59,8 +59,7 @@ bool readMovie(QFile& file, RecordingFacts* facts)
     facts->kind = RecordingFacts::Kind::Movie;
     facts->videoFrames = map.video;
     facts->soundTracks = qint32(s.audioTracks) > 0 ? s.audioTracks : 0;
-    const quint32 perChunk
-        = family.fixedSamplesPerChunk != 0 ? family.fixedSamplesPerChunk : s.audioSamplesPerChunk;
+    const quint32 perChunk = family.samplesPerChunk(s);
     if (map.sound != 0 && facts->soundTracks != 0)
         facts->samplesPerTrack = Tern::QuickTimeFile::soundSamplesPerTrack(
             map.sound, perChunk, s.firstChunkSamples, s.lastChunkSamples);

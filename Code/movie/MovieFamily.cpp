@@ -68,11 +68,66 @@ ProResName heronProResName(quint32 codecType, quint32 variant)
 // A first atom at least this large is Heron's oversized 'ftyp'.
 const quint32 s_heronFirstAtomMinimum = 128;
 
+// The driver's family codes (getFileType); 2 means a file that could not be read.
+const int s_heronFileType = 0;
+const int s_ternFileType = 1;
+
+// Tern movies keep their frame map in storage of their own.
+QuickTimeFile* newTernMovie(QIODevice& device, quint16*)
+{
+    return new QuickTimeFile(device);
+}
+
+// Heron movies keep theirs in the storage the driver hands them.
+QuickTimeFile* newHeronMovie(QIODevice& device, quint16* workBuffer)
+{
+    return new ::QuickTimeFile(device, workBuffer);
+}
+
 } // namespace
+
+quint32 MovieFamily::samplesPerChunk(const RecoverySettings& s) const
+{
+    return fixedSamplesPerChunk != 0 ? fixedSamplesPerChunk : s.audioSamplesPerChunk;
+}
+
+quint32 MovieFamily::framesPerChunk(const RecoverySettings& s) const
+{
+    return fixedFramesPerChunk != 0 ? fixedFramesPerChunk : s.videoFramesPerChunk;
+}
+
+const std::array<const MovieFamily*, 2>& movieFamilies()
+{
+    static const std::array<const MovieFamily*, 2> families = {&ternFamily, &heronFamily};
+    return families;
+}
 
 const MovieFamily& familyByFirstAtomSize(quint32 firstAtomSize)
 {
-    return firstAtomSize < s_heronFirstAtomMinimum ? ternFamily : heronFamily;
+    const MovieFamily* found = movieFamilies().front();
+    for (const MovieFamily* family : movieFamilies()) {
+        if (firstAtomSize >= family->firstAtomSizeFrom)
+            found = family;
+    }
+    return *found;
+}
+
+const MovieFamily& soundFileFamily()
+{
+    for (const MovieFamily* family : movieFamilies()) {
+        if (family->recordsSoundFiles)
+            return *family;
+    }
+    return *movieFamilies().front();
+}
+
+const MovieFamily* familyOfFileType(int fileType)
+{
+    for (const MovieFamily* family : movieFamilies()) {
+        if (family->fileType == fileType)
+            return family;
+    }
+    return nullptr;
 }
 
 const MovieFamily* familyOfRecording(QIODevice& device)
@@ -85,10 +140,17 @@ const MovieFamily* familyOfRecording(QIODevice& device)
 
 const MovieFamily ternFamily = {
     "Tern",
+    0, // firstAtomSizeFrom: a 20-byte 'ftyp'
+    s_ternFileType,
+    false, // recordsSoundFiles
+    newTernMovie,
     QuickTimeFile::s_recoverySettingsPos,
     QuickTimeFile::s_recoveryFrameMapPos,
+    QuickTimeFile::s_datPos,
+    QuickTimeFile::s_movieDataStartOffset,
     &RecoverySettings::s_ternLayout,
     true, // regionInUserData
+    true, // refusesIncompleteSettings
     s_ternMinimumChunks,
     0, // fixedSamplesPerChunk: the record says
     0, // fixedFramesPerChunk
@@ -103,10 +165,17 @@ const MovieFamily ternFamily = {
 
 const MovieFamily heronFamily = {
     "Heron",
+    s_heronFirstAtomMinimum,
+    s_heronFileType,
+    true, // recordsSoundFiles
+    newHeronMovie,
     ::QuickTimeFile::s_recoverySettingsPos,
     ::QuickTimeFile::s_recoveryFrameMapPos,
+    ::QuickTimeFile::s_datPos,
+    ::QuickTimeFile::s_movieDataStartOffset,
     &RecoverySettings::s_heronLayout,
     false, // regionInUserData
+    false, // refusesIncompleteSettings
     s_heronMinimumChunks,
     s_heronSamplesPerChunk,
     s_heronFramesPerChunk,

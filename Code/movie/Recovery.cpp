@@ -107,21 +107,30 @@ void QuickTimeFile::periodicFrameMapSave()
     savedFrameMapEntries = entries;
 }
 
+QString indexRefusal(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample, quint64 endPosition)
+{
+    if (framesPerChunk == 0)
+        return QStringLiteral("0 video frames a chunk");
+    // The track count is taken as signed, as the index builder does: "no sound track" below 1.
+    if (qint32(soundTracks) > qint32(QuickTimeFile::s_maxSoundTracks))
+        return QString("%1 sound tracks, more than the %2 a movie holds")
+            .arg(soundTracks)
+            .arg(QuickTimeFile::s_maxSoundTracks);
+    if (qint32(soundTracks) > 0 && bytesPerSample == 0)
+        return QStringLiteral("sound without a sample size");
+    // A device position is a signed 64-bit offset: an end the index cannot follow within one is no place
+    // in any file.
+    if (endPosition > quint64(QuickTimeFile::s_furthestRecordedEnd))
+        return QString("a recorded end (%1) beyond any file offset").arg(endPosition);
+    if (endPosition != 0 && endPosition < quint64(QuickTimeFile::s_movieDataStartOffset))
+        return QString("a recorded end (%1) inside the reserved region").arg(endPosition);
+    return QString();
+}
+
 bool QuickTimeFile::settingsAllowIndex(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample,
                                        quint64 endPosition)
 {
-    if (framesPerChunk == 0)
-        return false;
-    // The track count is taken as signed, as the index builder does: "no sound track" below 1.
-    if (qint32(soundTracks) > qint32(s_maxSoundTracks))
-        return false;
-    if (qint32(soundTracks) > 0 && bytesPerSample == 0)
-        return false;
-    // A device position is a signed 64-bit offset: an end the index cannot follow within one is no place
-    // in any file.
-    if (endPosition > quint64(s_furthestRecordedEnd))
-        return false;
-    return endPosition == 0 || endPosition >= quint64(s_movieDataStartOffset);
+    return indexRefusal(framesPerChunk, soundTracks, bytesPerSample, endPosition).isEmpty();
 }
 
 bool QuickTimeFile::settingsAllowIndex() const
@@ -156,39 +165,45 @@ qint64 QuickTimeFile::interruptedIndexStart(qint64 mapEnd)
     // one), then the 'moov' header.
     const qint64 sampleBytes = closeAppendsTimecodeSample() ? s_timecodeSampleBytes : 0;
     const QByteArray sample = sampleBytes != 0 ? closingTimecodeSample() : QByteArray();
-    // A map that lists more media than the file holds (the card lost the end of the file) does not say
-    // where the media end: then only the file's end bounds the search.
-    if (mapEnd > fileEnd)
-        mapEnd = s_movieDataStartOffset;
-    if (mapEnd < s_movieDataStartOffset || fileEnd - mapEnd < sampleBytes + 8)
+    const qint64 overlap = sampleBytes + 8;
+    if (fileEnd - s_movieDataStartOffset < overlap)
         return -1;
     // A partial index is at most the whole one: only the end of the file that long (and a margin for the
     // tables' alignment, which depends on where the index begins) is searched, not a card's worth of media.
     const qint64 kAlignmentMargin = 64 * 1024;
     const qint64 longest = sampleBytes + qint64(indexSizeAt(fileEnd)) + s_closingZeroBytes + kAlignmentMargin;
-    mapEnd = qMax(mapEnd, fileEnd - longest);
-    // Read a piece at a time; a piece overlaps the next by the bytes a candidate needs in one view.
+    const qint64 searchFrom = qMax(s_movieDataStartOffset, fileEnd - longest);
+
+    // The first index start in [first, last), read a piece at a time; a piece overlaps the next by the
+    // bytes a candidate needs in one view.
     const qint64 kPiece = 1 << 20;
-    const qint64 overlap = sampleBytes + 8;
-    for (qint64 from = mapEnd; from + overlap <= fileEnd; from += kPiece) {
-        if (!device.seek(from))
-            return -1;
-        const QByteArray bytes = device.read(qMin(kPiece + overlap, fileEnd - from));
-        for (int at = bytes.indexOf("moov"); at >= 0; at = bytes.indexOf("moov", at + 1)) {
-            // Where the finish's first byte would be, within this piece; one that begins before or after
-            // it is judged with the piece it begins in.
-            const int local = at - 4 - int(sampleBytes);
-            if (local < 0 || local >= kPiece)
-                continue;
-            if (sampleBytes != 0 && bytes.mid(local, int(sampleBytes)) != sample)
-                continue;
-            const qint64 moovPos = from + at - 4;
-            const auto* sizeField = reinterpret_cast<const uchar*>(bytes.constData()) + at - 4;
-            if (qFromBigEndian<quint32>(sizeField) == indexSizeAt(moovPos))
-                return from + local;
+    const auto indexStartWithin = [&](qint64 first, qint64 last) -> qint64 {
+        for (qint64 from = first; from < last && from + overlap <= fileEnd; from += kPiece) {
+            if (!device.seek(from))
+                return -1;
+            const QByteArray bytes = device.read(qMin(kPiece + overlap, fileEnd - from));
+            for (int at = bytes.indexOf("moov"); at >= 0; at = bytes.indexOf("moov", at + 1)) {
+                // Where the finish's first byte would be, within this piece; one that begins before or
+                // after it is judged with the piece it begins in.
+                const int local = at - 4 - int(sampleBytes);
+                if (local < 0 || local >= kPiece || from + local >= last)
+                    continue;
+                if (sampleBytes != 0 && bytes.mid(local, int(sampleBytes)) != sample)
+                    continue;
+                const qint64 moovPos = from + at - 4;
+                const auto* sizeField = reinterpret_cast<const uchar*>(bytes.constData()) + at - 4;
+                if (qFromBigEndian<quint32>(sizeField) == indexSizeAt(moovPos))
+                    return from + local;
+            }
         }
-    }
-    return -1;
+        return -1;
+    };
+    // The finish began where the media end: at or after the end of the media the map lists, unless the
+    // card had lost the end of the file, and then before it. Past the map's end first, so media the map
+    // lists is never taken for an index when one follows it.
+    const qint64 listedEnd = qBound(searchFrom, mapEnd, fileEnd);
+    const qint64 found = indexStartWithin(listedEnd, fileEnd);
+    return found >= 0 ? found : indexStartWithin(searchFrom, listedEnd);
 }
 
 bool QuickTimeFile::recover()

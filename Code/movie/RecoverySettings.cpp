@@ -1,5 +1,7 @@
 #include "movie/RecoverySettings.h"
 
+#include "movie/QuickTimeFile.h"
+
 #include <QtEndian>
 
 #include <cstring>
@@ -45,6 +47,30 @@ void setField(uchar* record, int offset, T value)
 }
 
 } // namespace
+
+void RecoverySettings::copyInto(QuickTimeFile& movie) const
+{
+    movie.setTimecode(timecode, dropFrame, false, true);
+    movie.setUserData(userData1, userData2, frameRate, dropFrame, userData5, audioTracks,
+                      audioBytesPerSample * 8, audioSampleRate, userData9);
+    movie.width = width;
+    movie.height = height;
+    movie.interlaced = interlaced;
+    movie.videoCodecId = videoCodecId;
+    movie.setFrameRate(interlaced != 0 ? frameRate >> 1 : frameRate);
+    movie.videoCodecType = videoCodecType;
+    movie.proResVariant = proResVariant;
+    movie.audioTracks = audioTracks;
+    movie.setAudioSamplesPerFrame(int(movie.family().samplesPerChunk(*this)));
+    movie.setAudioBytesPerSample(audioBytesPerSample);
+    movie.setAudioSampleRate(audioSampleRate);
+    movie.videoFramesPerChunk = movie.family().framesPerChunk(*this);
+    movie.reelName = reelNameText();
+    movie.lastChunkSamples = lastChunkSamples;
+    movie.firstChunkSamples = firstChunkSamples;
+    movie.recordedEndPosition = recordedEndPosition;
+    movie.InitQuickTimeFileInfo();
+}
 
 // Tern: end position at 72 (after 4 reserved bytes), chunk counts, reel name at 88.
 const RecoveryRecordLayout RecoverySettings::s_ternLayout = {s_size, 72, 88, true};

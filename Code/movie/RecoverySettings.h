@@ -6,6 +6,8 @@
 
 namespace Tern {
 
+class QuickTimeFile;
+
 // Where the tail fields of a family's settings record lie; the head (offsets 0-67) is common.
 struct RecoveryRecordLayout
 {
@@ -52,9 +54,19 @@ struct RecoverySettings
     // The reserved bytes are written as zero; the reel name always ends with a zero inside its field.
     QByteArray toBytes(const RecoveryRecordLayout& layout = s_ternLayout) const;
 
+    // Copies the settings into `movie` before it is recovered, its InitQuickTimeFileInfo last: the timecode
+    // is stored, never appended as media; a field rate of interlaced video becomes the movie's frame rate;
+    // the chunking is the movie family's fixed one where its record keeps none.
+    void copyInto(QuickTimeFile& movie) const;
+
     // The reel name as text, read no further than its 32 bytes; set from text, cut to 31 characters.
     QString reelNameText() const;
     void setReelNameText(const QString& text);
 };
+
+// Why no index can be built without harm from a record's chunking, sound and recorded end, in the order
+// QuickTimeFile::settingsAllowIndex checks them; empty when one can.
+QString indexRefusal(
+    quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample, quint64 endPosition);
 
 } // namespace Tern

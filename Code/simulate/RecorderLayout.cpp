@@ -2,9 +2,51 @@
 
 #include "movie/HeronQuickTimeFile.h"
 
+#include <QBuffer>
+#include <QHash>
+
 #include <cstring>
 
+const SimulatedRecorder& recorderOf(RecordingPlan::Family family)
+{
+    // Tern numbers the ProRes 422 variants from 1, Heron from 0.
+    static const SimulatedRecorder recorders[] = {
+        {&Tern::ternFamily, 1},
+        {&Tern::heronFamily, 0},
+    };
+    return recorders[family];
+}
+
+QByteArray recordingRegionHead(const Tern::MovieFamily& family, int bytes)
+{
+    static QHash<const Tern::MovieFamily*, QByteArray> regions;
+    if (!regions.contains(&family)) {
+        QByteArray region;
+        QBuffer buffer(&region);
+        buffer.open(QIODevice::ReadWrite);
+        QVector<quint16> frameMap(static_cast<int>(Tern::QuickTimeFile::s_frameMapEntries));
+        const std::unique_ptr<Tern::QuickTimeFile> movie(family.newMovie(buffer, frameMap.data()));
+        movie->initFile(nullptr);
+        regions.insert(&family, region);
+    }
+    return regions.value(&family).left(bytes);
+}
+
 namespace RecorderLayout {
+
+QString chunkingError(const RecordingPlan& plan)
+{
+    const Tern::MovieFamily& family = *recorderOf(plan.family).family;
+    if (family.fixedFramesPerChunk == 0)
+        return QString();
+    if (plan.videoFramesPerChunk == family.fixedFramesPerChunk
+        && plan.audioSamplesPerChunk == family.fixedSamplesPerChunk)
+        return QString();
+    return QString("%1 recordings use %2 frames and %3 samples per chunk")
+        .arg(family.name)
+        .arg(family.fixedFramesPerChunk)
+        .arg(family.fixedSamplesPerChunk);
+}
 
 QVector<quint32> soundChunkLengths(quint32 totalSamples, quint32 perChunk, quint32 firstChunk)
 {
@@ -48,21 +90,17 @@ void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan, int aud
 }
 
 std::unique_ptr<Tern::QuickTimeFile> startRecording(
-    QFile& file, const RecordingPlan& plan, int audioTrackCount, QVector<quint16>* heronFrameMap)
+    QFile& file, const RecordingPlan& plan, int audioTrackCount, QVector<quint16>* frameMap)
 {
-    const bool heron = plan.family == RecordingPlan::Heron;
-    std::unique_ptr<Tern::QuickTimeFile> movie;
-    if (heron) {
-        heronFrameMap->resize(int(Tern::QuickTimeFile::s_frameMapEntries));
-        movie.reset(new QuickTimeFile(file, heronFrameMap->data()));
-    } else {
-        movie.reset(new Tern::QuickTimeFile(file));
-    }
+    const Tern::MovieFamily& family = *recorderOf(plan.family).family;
+    frameMap->resize(int(Tern::QuickTimeFile::s_frameMapEntries));
+    std::unique_ptr<Tern::QuickTimeFile> movie(family.newMovie(file, frameMap->data()));
     movie->initFile(&file);
-    file.seek(Tern::QuickTimeFile::s_movieDataStartOffset);
+    file.seek(family.movieDataStartOffset);
     storeSettings(movie->settings, plan, audioTrackCount);
     movie->saveRecoverySettings();
-    movie->setTimecode(plan.timecode, plan.dropFrame, false, heron || !plan.timecodeSample);
+    movie->setTimecode(
+        plan.timecode, plan.dropFrame, false, family.closeAppendsTimecodeSample || !plan.timecodeSample);
     return movie;
 }
 

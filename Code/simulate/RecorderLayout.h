@@ -16,9 +16,6 @@ namespace RecorderLayout {
 const qint64 kBlock = 512;
 // The recorder writes 1,024 bytes of its own behind every frame; the frame map counts them.
 const qint64 kFrameTrailer = 1024;
-// What the Heron recorder always uses; its settings record has no room for other values.
-const quint32 kHeronFramesPerChunk = 3;
-const quint32 kHeronSamplesPerChunk = 3072;
 
 inline qint64 paddedToBlock(qint64 bytes)
 {
@@ -29,14 +26,19 @@ inline qint64 paddedToBlock(qint64 bytes)
 // chunks, and whatever is left as a short last one.
 QVector<quint32> soundChunkLengths(quint32 totalSamples, quint32 perChunk, quint32 firstChunk);
 
+// Why the plan's chunking is not one its family's recorder writes (a family with fixed chunking has no
+// room in its record for another); empty when it is.
+QString chunkingError(const RecordingPlan& plan);
+
 // The settings record the recorder keeps for the plan, with this many sound tracks.
 void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan, int audioTrackCount);
 
-// How the recorder starts: the family's movie object on the opened file (a Heron one keeps its frame map
-// in `heronFrameMap`), the reserved region and the settings record written, the write position at the
-// media start, and the timecode taken (Tern writes its first timecode sample now; Heron only stores it).
+// How the recorder starts: the family's movie object on the opened file (one of a family that keeps its
+// frame map in the caller's storage keeps it in `frameMap`), the reserved region and the settings record
+// written, the write position at the media start, and the timecode taken (a family that appends its
+// timecode sample when the movie is closed only stores it; the other writes its first sample now).
 std::unique_ptr<Tern::QuickTimeFile> startRecording(
-    QFile& file, const RecordingPlan& plan, int audioTrackCount, QVector<quint16>* heronFrameMap);
+    QFile& file, const RecordingPlan& plan, int audioTrackCount, QVector<quint16>* frameMap);
 
 // How the recorder stops when power fails, its media written up to `end`: the settings record saved with
 // the last chunk's length and (when the plan says so) the end, a torn chunk left behind it when asked

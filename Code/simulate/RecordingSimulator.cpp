@@ -59,11 +59,9 @@ RecordingResult writeInterruptedRecording(const QString& path, const RecordingPl
         result.error = "frames per chunk, bytes per sample and samples per chunk must not be 0";
         return result;
     }
-    if (plan.family == RecordingPlan::Heron
-        && (G != kHeronFramesPerChunk || plan.audioSamplesPerChunk != kHeronSamplesPerChunk)) {
-        result.error = "Heron recordings use 3 frames and 3072 samples per chunk";
+    result.error = chunkingError(plan);
+    if (!result.error.isEmpty())
         return result;
-    }
     const int trackBytes = plan.audioTracks.isEmpty() ? 0 : plan.audioTracks.first().size();
     for (const QByteArray& track : plan.audioTracks) {
         if (track.size() != trackBytes || track.size() % int(bps) != 0) {
@@ -77,9 +75,9 @@ RecordingResult writeInterruptedRecording(const QString& path, const RecordingPl
         result.error = file.errorString();
         return result;
     }
-    QVector<quint16> heronFrameMap;
+    QVector<quint16> frameMap;
     const std::unique_ptr<Tern::QuickTimeFile> owner
-        = startRecording(file, plan, plan.audioTracks.size(), &heronFrameMap);
+        = startRecording(file, plan, plan.audioTracks.size(), &frameMap);
     Tern::QuickTimeFile& movie = *owner;
 
     const QVector<quint32> sound

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "movie/MovieFamily.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QString>
@@ -10,8 +12,8 @@
 // the benchmarks.
 struct RecordingPlan
 {
-    // Tern writes its first timecode sample at the start; Heron stores the record at 20 and its map at
-    // 128, keeps no chunk counts (always 3 frames and 3,072 samples a chunk) and writes no timecode.
+    // The recorder, by its family (recorderOf gives its description): Tern writes its first timecode
+    // sample at the start; Heron keeps no chunk counts and appends its timecode sample when closing.
     enum Family { Tern, Heron };
     Family family = Tern;
 
@@ -50,6 +52,19 @@ struct RecordingPlan
     quint32 userData5 = 0x55;
     quint32 userData9 = 0;
 };
+
+// The simulator's table of recorders: for each family a plan can name, its description in the movie
+// library (layout, settings record, chunking, timecode rule) and what the simulator needs beyond it.
+struct SimulatedRecorder
+{
+    const Tern::MovieFamily* family;
+    quint32 proResHqVariant; // how the recorder numbers ProRes 422 HQ in its settings record
+};
+const SimulatedRecorder& recorderOf(RecordingPlan::Family family);
+
+// The start of the family's reserved region as its recorder writes it, `bytes` long at most: made once by
+// the movie library's recorder half, in memory.
+QByteArray recordingRegionHead(const Tern::MovieFamily& family, int bytes);
 
 struct RecordingResult
 {

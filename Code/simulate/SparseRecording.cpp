@@ -17,10 +17,9 @@ QString planError(const SparseRecordingPlan& sparse)
     const RecordingPlan& plan = sparse.recording;
     if (plan.videoFramesPerChunk == 0 || plan.audioBytesPerSample == 0 || plan.audioSamplesPerChunk == 0)
         return "frames per chunk, bytes per sample and samples per chunk must not be 0";
-    if (plan.family == RecordingPlan::Heron
-        && (plan.videoFramesPerChunk != kHeronFramesPerChunk
-            || plan.audioSamplesPerChunk != kHeronSamplesPerChunk))
-        return "Heron recordings use 3 frames and 3072 samples per chunk";
+    const QString chunking = chunkingError(plan);
+    if (!chunking.isEmpty())
+        return chunking;
     if (sparse.audioTrackCount < 0)
         return "the number of sound tracks must not be negative";
     for (int bytes : sparse.videoFrameBytes) {
@@ -61,9 +60,9 @@ RecordingResult writeSparseRecording(const QString& path, const SparseRecordingP
         result.error = file.errorString();
         return result;
     }
-    QVector<quint16> heronFrameMap;
+    QVector<quint16> frameMap;
     const std::unique_ptr<Tern::QuickTimeFile> owner
-        = startRecording(file, plan, sparse.audioTrackCount, &heronFrameMap);
+        = startRecording(file, plan, sparse.audioTrackCount, &frameMap);
     Tern::QuickTimeFile& movie = *owner;
 
     const quint32 G = plan.videoFramesPerChunk;

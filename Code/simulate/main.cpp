@@ -66,10 +66,11 @@ int main(int argc, char* argv[])
 
     RecordingPlan plan;
     if (parser.isSet(heron)) {
+        const SimulatedRecorder& recorder = recorderOf(RecordingPlan::Heron);
         plan.family = RecordingPlan::Heron;
-        plan.videoFramesPerChunk = 3;
-        plan.audioSamplesPerChunk = 3072;
-        plan.proResVariant = 0;
+        plan.videoFramesPerChunk = recorder.family->fixedFramesPerChunk;
+        plan.audioSamplesPerChunk = recorder.family->fixedSamplesPerChunk;
+        plan.proResVariant = recorder.proResHqVariant;
     }
     plan.frameRate = parser.value(rate).toUInt();
     if (!parser.isSet(heron)) {
