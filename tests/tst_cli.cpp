@@ -23,8 +23,12 @@ class TestCli : public QObject
 
 private slots:
     void helpAndVersion();
+    void firstOfHelpVersionAndUnknownOptionDecides_data();
+    void firstOfHelpVersionAndUnknownOptionDecides();
     void wrongArgumentsExitTwo_data();
     void wrongArgumentsExitTwo();
+    void usageErrorEndsWithTheHelpText();
+    void argumentWithOneDashIsAPath();
     void missingPathPrintsTheRunAndExitsTwo_data();
     void missingPathPrintsTheRunAndExitsTwo();
     void scanOnlyReport();
@@ -43,6 +47,37 @@ void TestCli::helpAndVersion()
     QCOMPARE(out, QStringList({"clipward-cli 1.4.4"}));
 }
 
+void TestCli::firstOfHelpVersionAndUnknownOptionDecides_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("firstLine");
+    const QString usage = "Usage: clipward-cli [--scan-only] [--interchange] [--json] PATH";
+    QTest::newRow("help, then an unknown option") << QStringList({"--help", "--fast"}) << 0 << usage;
+    QTest::newRow("-h, then a double dash") << QStringList({"-h", "--"}) << 0 << usage;
+    QTest::newRow("help after a path") << QStringList({"/a", "/b", "--help"}) << 0 << usage;
+    QTest::newRow("help after wrong options") << QStringList({"--info", "--verify", "-h"}) << 0 << usage;
+    QTest::newRow("help, then the version") << QStringList({"--help", "--version"}) << 0 << usage;
+    QTest::newRow("the version, then help")
+        << QStringList({"--version", "--help"}) << 0 << "clipward-cli 1.4.4";
+    QTest::newRow("an unknown option, then help")
+        << QStringList({"--fast", "--help"}) << 2 << "clipward-cli: unknown option --fast";
+    QTest::newRow("a double dash, then help")
+        << QStringList({"--", "--help"}) << 2 << "clipward-cli: unknown option --";
+}
+
+void TestCli::firstOfHelpVersionAndUnknownOptionDecides()
+{
+    QFETCH(QStringList, args);
+    QFETCH(int, status);
+    QFETCH(QString, firstLine);
+    QStringList out;
+    QString err;
+    QCOMPARE(runCli(args, &out, &err), status);
+    QCOMPARE(status == 0 ? out.value(0) : err.section('\n', 0, 0), firstLine);
+    QVERIFY(status == 0 ? err.isEmpty() : out.isEmpty()); // help goes to stdout, a usage error to stderr
+}
+
 void TestCli::wrongArgumentsExitTwo_data()
 {
     QTest::addColumn<QStringList>("args");
@@ -50,6 +85,49 @@ void TestCli::wrongArgumentsExitTwo_data()
     QTest::newRow("no path") << QStringList() << "clipward-cli: no PATH given";
     QTest::newRow("two paths") << QStringList({"/a", "/b"}) << "clipward-cli: give exactly one PATH";
     QTest::newRow("unknown option") << QStringList({"--fast", "/a"}) << "clipward-cli: unknown option --fast";
+    QTest::newRow("unknown option after the path")
+        << QStringList({"/a", "--fast"}) << "clipward-cli: unknown option --fast";
+    QTest::newRow("two unknown options")
+        << QStringList({"--fast", "--slow"}) << "clipward-cli: unknown option --fast";
+    QTest::newRow("double dash alone") << QStringList({"--"}) << "clipward-cli: unknown option --";
+    QTest::newRow("double dash before the path")
+        << QStringList({"--", "/a"}) << "clipward-cli: unknown option --";
+    QTest::newRow("option with a value")
+        << QStringList({"--json=1", "/a"}) << "clipward-cli: unknown option --json=1";
+    QTest::newRow("short name written long") << QStringList({"--h"}) << "clipward-cli: unknown option --h";
+    QTest::newRow("abridged option")
+        << QStringList({"--scan", "/a"}) << "clipward-cli: unknown option --scan";
+    QTest::newRow("only options") << QStringList({"--scan-only", "--json"}) << "clipward-cli: no PATH given";
+    QTest::newRow("two paths after the options")
+        << QStringList({"--scan-only", "/a", "/b"}) << "clipward-cli: give exactly one PATH";
+    QTest::newRow("interchange without a path")
+        << QStringList({"--interchange"}) << "clipward-cli: no PATH given";
+    QTest::newRow("interchange, scan-only and two paths")
+        << QStringList({"--interchange", "--scan-only", "/a", "/b"})
+        << "clipward-cli: --scan-only lists recordings on a PATH; it does not take finished movies";
+    QTest::newRow("verify without a file") << QStringList({"--verify"}) << "clipward-cli: no FILE given";
+    QTest::newRow("verify and scan-only")
+        << QStringList({"--verify", "--scan-only", "/a"})
+        << "clipward-cli: --verify and --scan-only cannot be combined";
+    QTest::newRow("verify and interchange")
+        << QStringList({"--verify", "--interchange", "/a"})
+        << "clipward-cli: --verify and --interchange cannot be combined";
+    QTest::newRow("verify, scan-only and interchange")
+        << QStringList({"--interchange", "--scan-only", "--verify", "/a"})
+        << "clipward-cli: --verify and --scan-only cannot be combined";
+    QTest::newRow("restore without a file") << QStringList({"--restore"}) << "clipward-cli: no FILE given";
+    for (const char* other : {"--json", "--scan-only", "--interchange", "--verify"}) {
+        QTest::newRow(qPrintable(QString("restore and %1").arg(other)))
+            << QStringList({"--restore", other, "/a"}) << "clipward-cli: --restore takes no other option";
+    }
+    QTest::newRow("restore and json without a file")
+        << QStringList({"--restore", "--json"}) << "clipward-cli: --restore takes no other option";
+    QTest::newRow("info without a file")
+        << QStringList({"--info", "--json"}) << "clipward-cli: no FILE given";
+    for (const char* other : {"--scan-only", "--interchange", "--verify", "--restore"}) {
+        QTest::newRow(qPrintable(QString("info and %1").arg(other)))
+            << QStringList({other, "--info", "/a"}) << "clipward-cli: --info takes only --json";
+    }
 }
 
 void TestCli::wrongArgumentsExitTwo()
@@ -61,6 +139,30 @@ void TestCli::wrongArgumentsExitTwo()
     QCOMPARE(runCli(args, &out, &err), 2);
     QVERIFY(out.isEmpty());
     QCOMPARE(err.section('\n', 0, 0), reason);
+}
+
+void TestCli::usageErrorEndsWithTheHelpText()
+{
+    QStringList help;
+    QCOMPARE(runCli({"--help"}, &help), 0);
+    QStringList out;
+    QString err;
+    QCOMPARE(runCli({"--restore", "--json", "/a"}, &out, &err), 2);
+    QCOMPARE(err, "clipward-cli: --restore takes no other option\n" + help.join('\n') + '\n');
+}
+
+void TestCli::argumentWithOneDashIsAPath()
+{
+    // Options start with "--" (and -h is --help): "-card" names a folder, not short options.
+    QTemporaryDir tmp;
+    QVERIFY(writeFile(tmp.filePath("-card/A001.zqv"), kTernStart));
+    QProcess process;
+    process.setWorkingDirectory(tmp.path());
+    process.start(CLIPWARD_CLI_PATH, {"-card", "--scan-only"});
+    QVERIFY(process.waitForFinished(-1));
+    const QStringList out = QString::fromUtf8(process.readAllStandardOutput()).split('\n');
+    QVERIFY(out.contains("     " + tmp.filePath("-card/A001.zqv") + " (tern) Requires finalize"));
+    QCOMPARE(process.exitCode(), 0);
 }
 
 void TestCli::missingPathPrintsTheRunAndExitsTwo_data()
