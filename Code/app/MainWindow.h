@@ -9,11 +9,12 @@
 #include <functional>
 #include <memory>
 
+class OutcomeView;
 class QAction;
+class QIODevice;
+class QKeySequence;
 class QMenu;
-class QSortFilterProxyModel;
 class QTemporaryFile;
-class QToolButton;
 
 namespace Ui {
 class MainWindow;
@@ -21,6 +22,10 @@ class MainWindow;
 
 // The one window: path, scan mode, finish style, Start and the log box that shows one run of FinalizeRun,
 // together with every message logged through the framework while the window exists.
+//
+// Its member definitions are kept by concern: MainWindow.cpp sets the window up and runs; MainWindowLog.cpp
+// is the log box; MainWindowSaving.cpp is Save Log... and Save Outcomes...; MainWindowKeyboard.cpp is the
+// keyboard's way around. The Files tab is an OutcomeView of its own.
 class MainWindow : public QMainWindow
 {
     Q_OBJECT
@@ -54,7 +59,7 @@ public:
     // Save Outcomes... (the menus, the Files tab's button and Ctrl+Shift+S); off until a run has ended.
     QAction* saveOutcomesAction() const { return m_saveOutcomesAction; }
     // The outcome of each in-progress file of the last run, in the order the run met them.
-    const OutcomeTableModel* outcomeTable() const { return m_outcomes; }
+    const OutcomeTableModel* outcomeTable() const;
     // Shrinks the window into `available` (a screen's free area) where it is larger, down to the minimum
     // its layouts need at the current font, and moves it inside; done at the first showing.
     void fitIntoScreenArea(const QRect& available);
@@ -86,40 +91,70 @@ public slots:
     void saveOutcomes();
 
 private:
-    // Saves what `write` writes to `path`, whole or not at all; false with the reason in `error`.
-    static bool saveWhole(
-        const QString& path, const std::function<bool(QIODevice&)>& write, QString* error = nullptr);
-    // A line logged during a run: into the box's document at once, shown at most every kRunLogInterval.
+    // The constructor's steps, in order.
+    // Before any run: the first scan mode chosen, Start off until there is a path, the busy bar hidden.
+    void setUpStartState();
+    // The log box: read, selected and copied, never edited; its menu; following the end.
+    void setUpLogBox();
+    // Save Log... (Ctrl+S) and Save Outcomes... (Ctrl+Shift+S), the window's own.
+    void createSaveActions();
+    // The status strip shows only while there is a message.
+    void setUpStatusStrip();
+    // The scan-mode group lays its choices out by their size, so larger fonts never cut them off.
+    void layOutScanModes();
+    // The title and the description name the program and its version.
+    void showProgramName();
+    // The path and the choices, the finish style as the last session left it.
+    void connectPathAndChoices();
+    // The Files tab: the outcome of each file of the last run.
+    void setUpFilesTab();
+    // The keyboard: mnemonics, the tab order, Enter to start, the path field focused.
+    void setUpKeyboard();
+    // Every message logged from now on goes to the log box.
+    void routeMessagesToLog();
+
+    // The scan modes: at least as tall as the form has them, and as their choices need.
+    void keepScanModesWhole();
+    // Whether the busy bar and the controls show a run.
+    void showRunning(bool running);
+
+    // The log box (MainWindowLog.cpp).
+    // Like a terminal: the box follows the end until the user scrolls away from it, and again once back.
+    void followLogEnd();
+    // A run's report begins: an empty box that follows the end, and a file that keeps every line.
+    void startRunReport();
+    // The run is over: the box shows every line, and the file holds them.
+    void endRunReport();
+    // A line logged during a run: into the box's document at once, shown at most every interval.
     void appendDuringRun(const QString& line);
     // Repaints the box with everything appended so far, following the end unless the user scrolled away.
     void showLog();
-    // The keyboard: mnemonics, the tab order, Enter to start, the path field focused.
-    void setUpKeyboard();
-    // The scan-mode group lays its choices out by their size, so larger fonts never cut them off.
-    void layOutScanModes();
-    void keepScanModesWhole();
-    // Starts a run as Start does, when Start is enabled.
-    void startIfEnabled();
-    // Whether the busy bar and the controls show a run.
-    void showRunning(bool running);
     // Keeps a copy of a run's line outside the box, which holds only the last 4000.
     void recordLine(const QString& line);
-    // The Files tab: its table sorted by any column, its menu, and the keyboard's way in and out.
-    void setUpOutcomeTable();
-    // A file's turn is over: its row joins the table with the next showing.
-    void fileDone(const FileOutcome& outcome);
-    // The files done since the table was last shown join it.
-    void showOutcomes();
-    // The Files tab's summary line and title say how far the table goes.
-    void showOutcomeSummary();
-    // Rows and the table's minimum height follow the font.
-    void fitOutcomeRows();
-    // Each column as wide as its texts need, up to a limit that keeps the columns behind it in reach.
-    void fitOutcomeColumns();
-    // The table's menu: Copy, Save Outcomes...
-    QMenu* createOutcomeMenu();
-    // The selected rows as the table shows them, a line each with the cells apart by tabs.
-    void copySelectedOutcomes();
+    // The whole report of the last run, or before any run what the box shows, into `out`.
+    bool writeLog(QIODevice& out, QString* error);
+
+    // Saving (MainWindowSaving.cpp).
+    // An action on the window that `shortcut` triggers from anywhere in it, calling `triggered`.
+    QAction* addWindowAction(
+        const QString& text, const QKeySequence& shortcut, void (MainWindow::*triggered)());
+    // Saves what `write` writes to `path`, whole or not at all; false with the reason in `error`.
+    static bool saveWhole(
+        const QString& path, const std::function<bool(QIODevice&)>& write, QString* error = nullptr);
+    // Runs `save` for `path` and says in the status bar how it went: `savedMessage` with the path for a
+    // while, or `failedMessage` with the path and the reason until the next message.
+    void saveWithStatusMessage(const QString& path, const std::function<bool(QString*)>& save,
+                               const QString& savedMessage, const QString& failedMessage);
+
+    // The keyboard (MainWindowKeyboard.cpp).
+    // Alt and the underlined letter, on the texts that have one.
+    void markMnemonics();
+    // Tab goes through the controls in the order they are read.
+    void chainTabOrder();
+    // Starts a run as Start does, when Start is enabled.
+    void startIfEnabled();
+    // Start when it can start a run, else the path field: where a keyboard user goes on.
+    void focusStartOrPath();
 
     Ui::MainWindow* ui;
     const QString m_startFolder; // the current folder when the program started
@@ -129,14 +164,8 @@ private:
     bool m_fittedToScreen = false;
     std::unique_ptr<QTemporaryFile> m_runRecord; // the last run's report, a line at a time
     QAction* m_saveLogAction = nullptr;
-    OutcomeTableModel* m_outcomes = nullptr;
-    QSortFilterProxyModel* m_sortedOutcomes = nullptr; // what the table shows
     QAction* m_saveOutcomesAction = nullptr;
-    QAction* m_copyOutcomesAction = nullptr;
-    QToolButton* m_saveOutcomesButton = nullptr; // in the tab bar, while the Files tab shows
-    bool m_runEnded = false; // some run has ended: the table holds its outcomes
-    QVector<FileOutcome> m_doneOutcomes; // done since the table was last shown
-    QElapsedTimer m_sinceOutcomesShown;
+    OutcomeView* m_outcomeView = nullptr; // the Files tab
 };
 
 // The window that debugHandler writes to; null while no window exists.

@@ -36,6 +36,12 @@ QString csvField(const QString& text)
         + QLatin1Char('"');
 }
 
+// One record of RFC 4180: the fields apart by commas, ended by CR LF.
+QByteArray csvRecord(const QStringList& fields)
+{
+    return fields.join(QLatin1Char(',')).toUtf8() + "\r\n";
+}
+
 // A JSON value as a CSV field: null is empty, numbers as JSON writes them.
 QString csvText(const QJsonValue& value)
 {
@@ -197,34 +203,48 @@ QVariant OutcomeTableModel::data(const QModelIndex& index, int role) const
     if (!index.isValid() || index.row() >= m_outcomes.size())
         return QVariant();
     const FileOutcome& outcome = m_outcomes.at(index.row());
+    if (role == Qt::ToolTipRole)
+        return toolTip(outcome);
+    if (role == Qt::TextAlignmentRole && index.column() == FramesColumn)
+        return int(Qt::AlignRight | Qt::AlignVCenter);
+    if (role == SortRole)
+        return sortValue(outcome, index.column());
+    if (role != Qt::DisplayRole)
+        return QVariant();
+    return displayText(outcome, index.column());
+}
+
+QString OutcomeTableModel::toolTip(const FileOutcome& outcome)
+{
+    const QString tip = beforeAndAfter(
+        outcome, QDir::toNativeSeparators(outcome.pathBefore), QDir::toNativeSeparators(outcome.pathAfter));
+    const QString details = detailsText(outcome.facts);
+    return details.isEmpty() ? tip : tip + '\n' + details;
+}
+
+QVariant OutcomeTableModel::sortValue(const FileOutcome& outcome, int column) const
+{
     const RecordingFacts& facts = outcome.facts;
     const bool movie = facts.kind == RecordingFacts::Kind::Movie;
     const bool sound = facts.kind == RecordingFacts::Kind::Sound;
-
-    if (role == Qt::ToolTipRole) {
-        const QString tip = beforeAndAfter(outcome, QDir::toNativeSeparators(outcome.pathBefore),
-                                           QDir::toNativeSeparators(outcome.pathAfter));
-        const QString details = detailsText(facts);
-        return details.isEmpty() ? tip : tip + '\n' + details;
+    switch (column) {
+    case FileColumn:
+        return QFileInfo(outcome.pathBefore).fileName();
+    case FramesColumn:
+        return movie ? qint64(facts.videoFrames) : qint64(-1);
+    case SoundColumn:
+        return movie ? qint64(facts.soundTracks) : sound ? qint64(facts.channels) : qint64(-1);
+    default:
+        return displayText(outcome, column);
     }
-    if (role == Qt::TextAlignmentRole && index.column() == FramesColumn)
-        return int(Qt::AlignRight | Qt::AlignVCenter);
-    if (role == SortRole) {
-        switch (index.column()) {
-        case FileColumn:
-            return QFileInfo(outcome.pathBefore).fileName();
-        case FramesColumn:
-            return movie ? qint64(facts.videoFrames) : qint64(-1);
-        case SoundColumn:
-            return movie ? qint64(facts.soundTracks) : sound ? qint64(facts.channels) : qint64(-1);
-        default:
-            return data(index, Qt::DisplayRole);
-        }
-    }
-    if (role != Qt::DisplayRole)
-        return QVariant();
+}
 
-    switch (index.column()) {
+QVariant OutcomeTableModel::displayText(const FileOutcome& outcome, int column) const
+{
+    const RecordingFacts& facts = outcome.facts;
+    const bool movie = facts.kind == RecordingFacts::Kind::Movie;
+    const bool sound = facts.kind == RecordingFacts::Kind::Sound;
+    switch (column) {
     case FileColumn:
         return beforeAndAfter(
             outcome, QFileInfo(outcome.pathBefore).fileName(), QFileInfo(outcome.pathAfter).fileName());
@@ -298,7 +318,7 @@ bool OutcomeTableModel::write(QIODevice& device, Format format) const
         header << QLatin1String(name);
     for (const char* name : kLearnedColumns)
         header << QLatin1String(name);
-    if (!put(header.join(QLatin1Char(',')).toUtf8() + "\r\n"))
+    if (!put(csvRecord(header)))
         return false;
     for (const FileOutcome& outcome : m_outcomes) {
         const QJsonObject object = outcome.toJson();
@@ -308,7 +328,7 @@ bool OutcomeTableModel::write(QIODevice& device, Format format) const
             fields << csvField(csvText(object.value(QLatin1String(name))));
         for (const char* name : kLearnedColumns)
             fields << csvField(csvText(learned.value(QLatin1String(name))));
-        if (!put(fields.join(QLatin1Char(',')).toUtf8() + "\r\n"))
+        if (!put(csvRecord(fields)))
             return false;
     }
     return true;

@@ -63,6 +63,12 @@ private:
     // `before`, and `after` behind an arrow when the run renamed the file.
     static QString beforeAndAfter(const FileOutcome& outcome, const QString& before, const QString& after);
     QString folderText(const FileOutcome& outcome) const;
+    // The row's tool tip: the whole path before and after, and the recording's details beyond the columns.
+    static QString toolTip(const FileOutcome& outcome);
+    // What `column` sorts by: numbers as numbers, everything else by its text.
+    QVariant sortValue(const FileOutcome& outcome, int column) const;
+    // The text `column` shows.
+    QVariant displayText(const FileOutcome& outcome, int column) const;
 
     QVector<FileOutcome> m_outcomes;
     QString m_rootParent; // the folder holding the run's start folder
