@@ -60,15 +60,6 @@ void openToOthers(const QString& path)
             | QFileDevice::ExeOther | QFileDevice::ReadGroup | QFileDevice::ExeGroup);
 }
 
-int runCommand(const QString& program, const QStringList& args)
-{
-    QProcess process;
-    process.start(program, args);
-    if (!process.waitForFinished(-1) || process.exitStatus() != QProcess::NormalExit)
-        return -1;
-    return process.exitCode();
-}
-
 // A read-only bind mount of a folder for as long as it lives.
 struct ReadOnlyMount
 {

@@ -2,43 +2,19 @@
 #include "movie/MovieFamily.h"
 #include "movie/QuickTimeFile.h"
 #include "movie/SampleDescriptions.h"
+#include "support/AtomBytes.h"
+#include "support/MovieFixtures.h"
 #include "support/TestSupport.h"
 
 #include <QBuffer>
 #include <QtTest>
 
 using namespace Tern;
+using AtomBytes::u16;
+using AtomBytes::written;
 using TestSupport::hex;
 
 namespace {
-
-QByteArray written(QuickTimeSampleDescription& description)
-{
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    QDataStream stream(&buffer);
-    description.write(stream);
-    return bytes;
-}
-
-QByteArray written(QuickTimeAtom& atom)
-{
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    QDataStream stream(&buffer);
-    atom.write(stream);
-    return bytes;
-}
-
-QByteArray be16(int value)
-{
-    QByteArray bytes(2, '\0');
-    bytes[0] = char(value >> 8);
-    bytes[1] = char(value);
-    return bytes;
-}
 
 // The 32-byte compressor name field: length byte, the letters, zero fill.
 QByteArray counted32(const char* text)
@@ -49,19 +25,6 @@ QByteArray counted32(const char* text)
     field += QByteArray(32 - field.size(), '\0');
     return field;
 }
-
-// A movie of the older family, which keeps its frame map in caller storage.
-class HeronMovie : public QuickTimeFile
-{
-public:
-    explicit HeronMovie(QIODevice& device)
-        : QuickTimeFile(device, heronFamily, m_map)
-    {
-    }
-
-private:
-    quint16 m_map[4] = {};
-};
 
 class CountedDescription : public QuickTimeSampleDescription
 {
@@ -204,7 +167,7 @@ void TestDescriptions::proResStandardDefinition()
     QuickTimeProResVideoSampleDescription prores(&file);
     const QByteArray bytes = written(prores);
     QCOMPARE(bytes.size(), 134);
-    QCOMPARE(bytes.mid(32, 4), be16(width) + be16(height));
+    QCOMPARE(bytes.mid(32, 4), u16(quint16(width)) + u16(quint16(height)));
     QCOMPARE(bytes.mid(s_colourAt + 12, 6), colour);
     QCOMPARE(bytes.mid(s_fieldAt + 8, 2), field);
     QCOMPARE(bytes.mid(s_aspectAt + 8, 8), aspect);

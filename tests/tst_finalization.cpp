@@ -7,10 +7,10 @@
 #include "support/TestSupport.h"
 
 #include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
 
 using namespace AtomWalker;
+using TestSupport::putLe32;
 using TestSupport::readFile;
 
 namespace {
@@ -76,11 +76,6 @@ QList<quint32> stscEntries(const QByteArray& movie, int trak)
     for (quint32 i = 0; i < 3 * count; ++i)
         values << be32(movie, stsc.offset + 16 + 4 * i);
     return values;
-}
-
-void putLe32(QByteArray& bytes, int offset, quint32 value)
-{
-    qToLittleEndian<quint32>(value, reinterpret_cast<uchar*>(bytes.data()) + offset);
 }
 
 } // namespace

@@ -15,20 +15,9 @@
 #include <memory>
 
 using TestSupport::hex;
+using TestSupport::le;
 
 namespace {
-
-QByteArray le32(quint32 v)
-{
-    QByteArray bytes(4, '\0');
-    qToLittleEndian<quint32>(v, reinterpret_cast<uchar*>(bytes.data()));
-    return bytes;
-}
-
-QByteArray le64(quint64 v)
-{
-    return le32(quint32(v)) + le32(quint32(v >> 32));
-}
 
 // ---- An unfinished recording, laid out by hand: the family's reserved region with the settings record
 // and the frame map, the unclosed 'mdat' header at 5,472,240, then `mediaBlocks` blocks of zero media.
@@ -75,14 +64,14 @@ const int kSixtyOneChunksBlocks = 1 + 30 * 3 + 30 * 2;
 QByteArray settingsRecord(int size, int endOffset, quint64 recordedEndPosition)
 {
     QByteArray record(size, '\0');
-    auto put32 = [&record](int at, quint32 v) { record.replace(at, 4, le32(v)); };
+    auto put32 = [&record](int at, quint32 v) { record.replace(at, 4, le(v, 4)); };
     put32(16, 2500); // frameRate
     put32(24, 2); // audioTracks
     put32(28, 3); // audioBytesPerSample
     put32(32, 48000); // audioSampleRate
     record.replace(40, 4, hex("8007 3804")); // width 1920, height 1080
     put32(48, 1238); // videoCodecId
-    record.replace(endOffset, 8, le64(recordedEndPosition));
+    record.replace(endOffset, 8, le(recordedEndPosition, 8));
     if (size == kRecordBytesTern) {
         put32(80, 1920); // audioSamplesPerChunk
         put32(84, 1); // videoFramesPerChunk

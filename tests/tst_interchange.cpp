@@ -17,7 +17,6 @@
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
 
 using namespace TestSupport;
@@ -176,11 +175,6 @@ QByteArray cutOffWav(int channels, int bits, int frames, const QByteArray& stray
         pcm << syntheticPcm(c, frames, bytesPerSample);
     p.pcm = interleavePcm(pcm, bytesPerSample) + stray;
     return buildWav(p);
-}
-
-quint32 le32(const QByteArray& bytes, qint64 offset)
-{
-    return qFromLittleEndian<quint32>(bytes.constData() + offset);
 }
 
 // The file after AudioFile has repaired its sizes, in whole frames or to the end of the file.

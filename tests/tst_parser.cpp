@@ -4,6 +4,9 @@
 #include "movie/InformationAtoms.h"
 #include "movie/QuickTimeAtom.h"
 #include "movie/QuickTimeFile.h"
+#include "support/AtomBytes.h"
+#include "support/MessageCapture.h"
+#include "support/MovieFixtures.h"
 
 #include <QBuffer>
 #include <QtTest>
@@ -12,91 +15,12 @@ using Tern::fourCC;
 using Tern::QuickTimeAtom;
 using MovieFile = Tern::QuickTimeFile;
 using Tern::QuickTimeTrackInfo;
+using namespace AtomBytes;
 
 namespace {
 
 // ---- Builders: every atom below is its size, its four letters and its payload, written out by hand.
 
-QByteArray u8(quint8 v)
-{
-    return QByteArray(1, char(v));
-}
-QByteArray u16(quint16 v)
-{
-    return u8(quint8(v >> 8)) + u8(quint8(v));
-}
-QByteArray u32(quint32 v)
-{
-    return u16(quint16(v >> 16)) + u16(quint16(v));
-}
-QByteArray u64(quint64 v)
-{
-    return u32(quint32(v >> 32)) + u32(quint32(v));
-}
-QByteArray fcc(const char* letters)
-{
-    return QByteArray(letters, 4);
-}
-QByteArray zeros(int n)
-{
-    return QByteArray(n, '\0');
-}
-QByteArray box(const char* type, const QByteArray& payload)
-{
-    return u32(8 + payload.size()) + fcc(type) + payload;
-}
-QByteArray fullBox(const char* type, const QByteArray& payload)
-{
-    return box(type, u32(0) + payload);
-}
-
-QByteArray mdhd(quint32 scale)
-{
-    return fullBox("mdhd", u32(0) + u32(0) + u32(scale) + u32(0) + u16(0) + u16(0));
-}
-QByteArray hdlr(const char* kind, const char* subtype)
-{
-    return fullBox("hdlr", fcc(kind) + fcc(subtype) + zeros(12) + u8(4) + "Name");
-}
-QByteArray stts(quint32 duration)
-{
-    return fullBox("stts", u32(1) + u32(10) + u32(duration));
-}
-QByteArray stsc()
-{
-    return fullBox("stsc", u32(1) + u32(1) + u32(1) + u32(1));
-}
-QByteArray stsz(quint32 count)
-{
-    return fullBox("stsz", u32(0) + u32(count) + zeros(4 * int(count)));
-}
-QByteArray stco(quint32 count)
-{
-    return fullBox("stco", u32(count) + zeros(4 * int(count)));
-}
-QByteArray stsd(const QByteArray& entry)
-{
-    return fullBox("stsd", u32(1) + entry);
-}
-
-// A video description: the 86 bytes of the common layout, then `extensions`.
-QByteArray videoEntry(const char* format, quint16 width, quint16 height, const QByteArray& extensions = {})
-{
-    return u32(86 + extensions.size()) + fcc(format) + zeros(6) + u16(1) + u16(0) + u16(0) + fcc("appl")
-        + u32(0) + u32(1023) + u16(width) + u16(height) + u32(0x480000) + u32(0x480000) + u32(0) + u16(1)
-        + zeros(32) + u16(24) + u16(0xFFFF) + extensions;
-}
-// A sound description of version 0 (36 bytes) or 1 (52 bytes), then `extensions`.
-QByteArray soundEntry(const char* format, quint16 version, quint16 channels, quint16 bits, quint32 rate,
-    quint32 bytesPerPacket, const QByteArray& extensions = {})
-{
-    QByteArray fields
-        = u16(version) + u16(0) + u32(0) + u16(channels) + u16(bits) + u16(0) + u16(0) + u32(rate << 16);
-    if (version == 1)
-        fields += u32(1) + u32(bytesPerPacket) + u32(bytesPerPacket * channels) + u32(2);
-    return u32(16 + fields.size() + extensions.size()) + fcc(format) + zeros(6) + u16(1) + fields
-        + extensions;
-}
 QByteArray timecodeEntry(quint32 flags)
 {
     return u32(34) + fcc("tmcd") + zeros(6) + u16(1) + u32(0) + u32(flags) + u32(2500) + u32(100) + u8(25)
@@ -104,16 +28,15 @@ QByteArray timecodeEntry(quint32 flags)
 }
 QByteArray videoTrak(quint32 scale, quint32 duration, quint32 frames)
 {
-    const QByteArray stbl = box(
-        "stbl", stsd(videoEntry("apcn", 1920, 1080)) + stts(duration) + stsc() + stsz(frames) + stco(frames));
-    const QByteArray minf = box("minf", fullBox("vmhd", zeros(8)) + hdlr("dhlr", "alis") + stbl);
-    return box("trak", fullBox("tkhd", zeros(80)) + box("mdia", mdhd(scale) + hdlr("mhlr", "vide") + minf));
+    const QList<quint32> zeroEntries = QVector<quint32>(int(frames)).toList(); // each size and offset 0
+    return trak("vide", scale, videoEntry("apcn", 1920, 1080),
+        stts(10, duration) + stsc({ { 1, 1 } }) + stsz(0, frames, zeroEntries) + stco(zeroEntries));
 }
 QByteArray soundTrak(quint32 samples)
 {
     const QByteArray stbl = box("stbl",
-        stsd(soundEntry("twos", 0, 1, 16, 48000, 0)) + stts(1) + stsc()
-            + fullBox("stsz", u32(2) + u32(samples)) + stco(1));
+        stsd(soundEntry("twos", 0, 1, 16, 48000, 0)) + stts(10, 1) + stsc({ { 1, 1 } }) + stsz(2, samples)
+            + stco({ 0 }));
     const QByteArray minf = box("minf", fullBox("smhd", zeros(4)) + stbl);
     return box("trak", box("mdia", mdhd(48000) + hdlr("mhlr", "soun") + minf));
 }
@@ -129,51 +52,6 @@ QByteArray hldn(const QList<quint16>& frames, quint32 video, quint32 audio, quin
         payload += u16(frame);
     return fullBox("hldn", payload);
 }
-
-// ---- Harness
-
-QStringList* g_lines = nullptr;
-void capture(QtMsgType, const QMessageLogContext&, const QString& text)
-{
-    if (g_lines)
-        g_lines->append(text);
-}
-struct MessageLog
-{
-    QStringList lines;
-    QtMessageHandler previous;
-    MessageLog()
-    {
-        g_lines = &lines;
-        previous = qInstallMessageHandler(capture);
-    }
-    ~MessageLog()
-    {
-        qInstallMessageHandler(previous);
-        g_lines = nullptr;
-    }
-};
-
-// Counts what the parser asks of the device.
-class CountingBuffer : public QBuffer
-{
-public:
-    bool seek(qint64 pos) override
-    {
-        ++seeks;
-        return QBuffer::seek(pos);
-    }
-    int seeks = 0;
-    qint64 bytesRead = 0;
-
-protected:
-    qint64 readData(char* data, qint64 n) override
-    {
-        const qint64 got = QBuffer::readData(data, n);
-        bytesRead += qMax<qint64>(got, 0);
-        return got;
-    }
-};
 
 // A movie read from memory, the way a movie from elsewhere is read: import mode, no maker atom yet.
 struct Reader
@@ -203,16 +81,6 @@ struct Reader
         if (left)
             *left = remaining;
         return ok;
-    }
-};
-
-// A family whose frame map lives in the caller's storage, like the older recorder's.
-class HeronReader : public MovieFile
-{
-public:
-    HeronReader(QIODevice& device, quint16* map)
-        : Tern::QuickTimeFile(device, Tern::heronFamily, map)
-    {
     }
 };
 
@@ -274,7 +142,7 @@ void TestParser::baseMediaHeaderIsReadAsMediaInformation()
     const QByteArray gmin = fullBox("gmin", u16(0x40) + u16(0x8000) + u16(0x8000) + u16(0x8000) + u32(0));
     const QByteArray tmcd = box("tmcd", fullBox("tcmi", zeros(52)) + mdhd(777));
     Reader reader(box("gmhd", gmin + mdhd(600) + tmcd));
-    MessageLog log;
+    MessageCapture log;
     QuickTimeAtom* atom = nullptr;
     QVERIFY(reader.readAt(0, &atom));
     QScopedPointer<QuickTimeAtom> owned(atom);
@@ -283,7 +151,7 @@ void TestParser::baseMediaHeaderIsReadAsMediaInformation()
     QCOMPARE(atom->size64, quint64(reader.bytes.size()));
     QCOMPARE(reader.file.currentTrack.timeScale, qint64(600));
     QCOMPARE(reader.device.pos(), qint64(reader.bytes.size()));
-    QCOMPARE(log.lines, QStringList());
+    QCOMPARE(log.messages(), QStringList());
 }
 
 void TestParser::userDataNotLedByMakerAtomIsSkippedWhole()
@@ -291,13 +159,13 @@ void TestParser::userDataNotLedByMakerAtomIsSkippedWhole()
     const QByteArray maker = hldn({ 0x4003 }, 1, 0, 0, 1);
     {
         Reader reader(box("udta", box("urec", {}) + maker));
-        MessageLog log;
+        MessageCapture log;
         QVERIFY(reader.readAt(0));
         QCOMPARE(reader.device.bytesRead, qint64(16)); // its header and the first child's header
         QCOMPARE(reader.device.pos(), qint64(reader.bytes.size()));
         QVERIFY(!reader.file.writtenByRecorder);
         QVERIFY(!reader.file.frameMap);
-        QCOMPARE(log.lines, QStringList());
+        QCOMPARE(log.messages(), QStringList());
     }
     {
         Reader reader(box("udta", maker + box("urec", {})));
@@ -320,9 +188,9 @@ void TestParser::height486IsStoredAs480()
 void TestParser::importWithoutMakerAtomHasNoFrameMap()
 {
     Reader reader(box("moov", videoTrak(2500, 100, 5) + soundTrak(1000)));
-    MessageLog log;
+    MessageCapture log;
     QVERIFY(reader.file.readFile());
-    QCOMPARE(log.lines, QStringList());
+    QCOMPARE(log.messages(), QStringList());
     QVERIFY(!reader.file.frameMap);
     QVERIFY(!reader.file.writtenByRecorder);
     QCOMPARE(reader.file.trackCount, 2);
@@ -351,9 +219,9 @@ void TestParser::unexpectedAmountIsLoggedAndSynced()
     Reader reader(box("moov",
         box("mdhd", u32(0) + u32(0) + u32(0) + u32(30000) + u32(0) + u32(0) + zeros(8))
             + box("mvhd", zeros(92)) + box("free", zeros(8))));
-    MessageLog log;
+    MessageCapture log;
     QVERIFY(reader.readAt(0));
-    QCOMPARE(log.lines,
+    QCOMPARE(log.messages(),
         QStringList({
             "unexpected amount of data read in atom mdhd @ 0x8 (expected 40, read 32), sync to 0x30",
             "unexpected amount of data read in atom mvhd @ 0x30 (expected 100, read 108), sync to 0x94",
@@ -363,18 +231,18 @@ void TestParser::unexpectedAmountIsLoggedAndSynced()
 
     // Sized as it reads: no message.
     Reader exact(box("moov", mdhd(30000)));
-    MessageLog quiet;
+    MessageCapture quiet;
     QVERIFY(exact.readAt(0));
-    QCOMPARE(quiet.lines, QStringList());
+    QCOMPARE(quiet.messages(), QStringList());
 }
 
 void TestParser::childOverrunningItsContainerEndsTheContainer()
 {
     // 'moov' of 40 bytes whose child claims 100: the child is not read, the container is synced.
     Reader reader(u32(40) + fcc("moov") + u32(100) + fcc("mdhd") + zeros(24) + box("free", {}));
-    MessageLog log;
+    MessageCapture log;
     QVERIFY(reader.readAt(0));
-    QCOMPARE(log.lines,
+    QCOMPARE(log.messages(),
         QStringList(
             { "unexpected amount of data read in atom moov @ 0x0 (expected 40, read 16), sync to 0x28" }));
     QCOMPARE(reader.file.currentTrack.timeScale, qint64(-1));
@@ -385,11 +253,11 @@ void TestParser::unrecognizedAtomCutShortWarns()
 {
     // 'free' claims 64 bytes, the device ends after 20; the walk believes 64 remain.
     Reader reader(u32(64) + fcc("free") + zeros(12));
-    MessageLog log;
+    MessageCapture log;
     reader.device.seek(0);
     quint64 remaining = 64;
     QVERIFY(QuickTimeAtom::readNextAtom(&reader.file, nullptr, reader.file.stream, &remaining));
-    QCOMPARE(log.lines.first(), QString("Unexpected end of file."));
+    QCOMPARE(log.messages().first(), QString("Unexpected end of file."));
     QCOMPARE(remaining, quint64(0));
     QCOMPARE(reader.device.pos(), qint64(20));
 }
@@ -400,12 +268,12 @@ void TestParser::deepNestingIsBounded()
     for (int i = 0; i < 5000; ++i)
         nested = box("moov", nested);
     Reader reader(nested);
-    MessageLog log;
+    MessageCapture log;
     QVERIFY(reader.file.readFile());
     QCOMPARE(QuickTimeAtom::nestingLevel, 0);
     QCOMPARE(reader.device.pos(), qint64(nested.size()));
     QCOMPARE(reader.file.currentTrack.timeScale, qint64(-1)); // too deep to be read
-    QCOMPARE(log.lines, QStringList());
+    QCOMPARE(log.messages(), QStringList());
 }
 
 void TestParser::handlerSubtypeGivesTrackType()
@@ -503,9 +371,9 @@ void TestParser::makerAtomListIsCappedAtTheMap()
     for (quint32 i = 0; i < MovieFile::s_frameMapEntries + 2; ++i)
         frames << quint16(0x4000 | (i % 0x3FFF));
     Reader reader(hldn(frames, quint32(frames.size()), 0, 0, 1));
-    MessageLog log;
+    MessageCapture log;
     QVERIFY(reader.readAt(0));
-    QCOMPARE(log.lines, QStringList());
+    QCOMPARE(log.messages(), QStringList());
     QCOMPARE(reader.device.pos(), qint64(reader.bytes.size()));
     const quint32 last = MovieFile::s_frameMapEntries - 1;
     QCOMPARE(reader.file.frameMap[last], quint16(0x4000 | (last % 0x3FFF)));
@@ -515,9 +383,9 @@ void TestParser::makerAtomTooShortFails()
 {
     // 135 bytes behind version and flags: nothing is taken from it.
     Reader reader(fullBox("hldn", zeros(135)));
-    MessageLog log;
+    MessageCapture log;
     QVERIFY(reader.readAt(0));
-    QCOMPARE(log.lines,
+    QCOMPARE(log.messages(),
         QStringList(
             { "unexpected amount of data read in atom hldn @ 0x0 (expected 147, read 12), sync to 0x93" }));
     QVERIFY(!reader.file.writtenByRecorder);
@@ -530,7 +398,7 @@ void TestParser::soundDescriptions()
     Reader reader(stsd(soundEntry("in24", 1, 2, 16, 44100, 3, wave))
         + stsd(soundEntry("twos", 0, 1, 16, 32000, 0)) + stsd(timecodeEntry(0x9))
         + stsd(soundEntry("sowt", 0, 6, 16, 8000, 0)));
-    MessageLog log;
+    MessageCapture log;
     QVERIFY(reader.readAt(0));
     QCOMPARE(reader.file.currentTrack.audioBytesPerSample, 3u);
     QCOMPARE(reader.file.currentTrack.audioBigEndian, false);
@@ -549,7 +417,7 @@ void TestParser::soundDescriptions()
     QVERIFY(reader.readAt(reader.device.pos()));
     QCOMPARE(reader.file.currentTrack.audioChannels, 1u);
     QCOMPARE(reader.device.pos(), qint64(reader.bytes.size()));
-    QCOMPARE(log.lines, QStringList());
+    QCOMPARE(log.messages(), QStringList());
 }
 
 void TestParser::fieldAndResolutionAtomsGiveInterlace()
@@ -559,10 +427,10 @@ void TestParser::fieldAndResolutionAtomsGiveInterlace()
         fcc("ARES") + fcc("0001") + u32(1241) + u32(1920) + u32(540) + u32(2) + u32(0) + u32(4) + zeros(80));
     {
         Reader reader(stsd(videoEntry("apch", 1920, 1080, fiel + u32(0))));
-        MessageLog log;
+        MessageCapture log;
         QVERIFY(reader.readAt(0));
         QCOMPARE(reader.file.interlaced, 1u);
-        QCOMPARE(log.lines, QStringList());
+        QCOMPARE(log.messages(), QStringList());
     }
     {
         // A maker atom read before wins over the description's field atom, not over 'ARES'.
@@ -585,7 +453,7 @@ void TestParser::heronDoesNotKnowExtendedFormats()
         QByteArray content = bytes;
         QBuffer device(&content);
         device.open(QIODevice::ReadOnly);
-        QScopedPointer<MovieFile> file(heron ? new HeronReader(device, map.data()) : new MovieFile(device));
+        QScopedPointer<MovieFile> file(heron ? new HeronMovie(device, map.data()) : new MovieFile(device));
         file->initCurrentTrackInfo();
         quint64 remaining = quint64(content.size());
         QVERIFY(QuickTimeAtom::readNextAtom(file.data(), nullptr, file->stream, &remaining));

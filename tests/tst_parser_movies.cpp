@@ -5,8 +5,10 @@
 #include "movie/QuickTimeAtom.h"
 #include "movie/QuickTimeFile.h"
 #include "simulate/RecordingSimulator.h"
+#include "support/AtomBytes.h"
 #include "support/AtomWalker.h"
 #include "support/MediaTools.h"
+#include "support/MessageCapture.h"
 #include "support/TestSupport.h"
 
 #include <QBuffer>
@@ -15,51 +17,13 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+using namespace AtomBytes;
 using namespace AtomWalker;
 using Tern::QuickTimeAtom;
 using MovieFile = Tern::QuickTimeFile;
 using Tern::QuickTimeTrackInfo;
 
 namespace {
-
-QByteArray u16(quint16 v)
-{
-    return QByteArray(1, char(v >> 8)) + QByteArray(1, char(v));
-}
-QByteArray u32(quint32 v)
-{
-    return u16(quint16(v >> 16)) + u16(quint16(v));
-}
-QByteArray u64(quint64 v)
-{
-    return u32(quint32(v >> 32)) + u32(quint32(v));
-}
-QByteArray fullBox(const char* type, const QByteArray& payload)
-{
-    return u32(12 + payload.size()) + QByteArray(type, 4) + u32(0) + payload;
-}
-
-QStringList* g_lines = nullptr;
-void capture(QtMsgType, const QMessageLogContext&, const QString& text)
-{
-    if (g_lines)
-        g_lines->append(text);
-}
-struct MessageLog
-{
-    QStringList lines;
-    QtMessageHandler previous;
-    MessageLog()
-    {
-        g_lines = &lines;
-        previous = qInstallMessageHandler(capture);
-    }
-    ~MessageLog()
-    {
-        qInstallMessageHandler(previous);
-        g_lines = nullptr;
-    }
-};
 
 const QRegularExpression s_syncLine("^unexpected amount of data read in atom .... @ 0x[0-9a-f]+ \\(expected "
                                     "\\d+, read -?\\d+\\), sync to 0x[0-9a-f]+$",
@@ -115,7 +79,7 @@ QByteArray finalizedMovie(const RecordingPlan& plan)
     const QString path = tmp.filePath("A001.zqv");
     if (!writeInterruptedRecording(path, plan).ok)
         return QByteArray();
-    MessageLog quiet;
+    const MessageCapture quiet(MessageCapture::Drop);
     Finalize driver;
     if (driver.ternDoFinalize(path) != 0)
         return QByteArray();
@@ -172,35 +136,11 @@ struct FileRead
         file.importMode = true;
         file.writtenByRecorder = false;
         file.initCurrentTrackInfo();
-        MessageLog log;
+        MessageCapture log;
         file.readFile();
-        messages = log.lines;
+        messages = log.messages();
     }
 };
-
-// ffmpeg writes 'co64' only past 4 GiB: the small movie's 'stco' tables are rewritten as 'co64' here,
-// growing the atoms that hold them (the index lies behind the media, so no media offset moves).
-QByteArray withChunkOffsets64(QByteArray movie)
-{
-    for (int trak = 1; find(movie, QString("moov/trak:%1").arg(trak)).valid(); ++trak) {
-        const QString path = QString("moov/trak:%1/mdia/minf/stbl").arg(trak);
-        const Atom stco = find(movie, path + "/stco");
-        const quint32 count = be32(movie, stco.offset + 12);
-        QByteArray entries;
-        for (quint32 i = 0; i < count; ++i)
-            entries += u64(be32(movie, stco.offset + 16 + 4 * i));
-        const QByteArray co64 = fullBox("co64", u32(count) + entries);
-        const int growth = co64.size() - int(stco.size);
-        QList<Atom> holders;
-        for (const QString& holder : { QString("moov"), QString("moov/trak:%1").arg(trak),
-                 QString("moov/trak:%1/mdia").arg(trak), QString("moov/trak:%1/mdia/minf").arg(trak), path })
-            holders << find(movie, holder);
-        for (const Atom& atom : holders)
-            movie.replace(int(atom.offset), 4, u32(quint32(atom.size + growth)));
-        movie.replace(int(stco.offset), int(stco.size), co64);
-    }
-    return movie;
-}
 
 } // namespace
 
@@ -389,9 +329,9 @@ void TestParserMovies::truncatedTreesEndQuietlyOrResync()
             QBuffer device(&cutMovie);
             device.open(QIODevice::ReadOnly);
             MovieFile file(device);
-            MessageLog log;
+            MessageCapture log;
             QVERIFY(file.readFile());
-            QCOMPARE(log.lines, QStringList());
+            QCOMPARE(log.messages(), QStringList());
             QVERIFY(!file.writtenByRecorder);
         }
         // The index alone, its size made to fit the cut: the children overrun and are synced past.
@@ -402,9 +342,9 @@ void TestParserMovies::truncatedTreesEndQuietlyOrResync()
             device.open(QIODevice::ReadOnly);
             MovieFile file(device);
             file.importMode = true;
-            MessageLog log;
+            MessageCapture log;
             QVERIFY(file.readFile());
-            QVERIFY2(onlyKnownMessages(log.lines, &syncs), qPrintable(log.lines.join('\n')));
+            QVERIFY2(onlyKnownMessages(log.messages(), &syncs), qPrintable(log.messages().join('\n')));
             QCOMPARE(QuickTimeAtom::nestingLevel, 0);
             QVERIFY(file.trackCount <= 4);
         }
@@ -414,9 +354,9 @@ void TestParserMovies::truncatedTreesEndQuietlyOrResync()
             QBuffer device(&cutTree);
             device.open(QIODevice::ReadOnly);
             MovieFile file(device);
-            MessageLog log;
+            MessageCapture log;
             QVERIFY(boundedWalk(device, file, tree.size(), 1000) < 1000);
-            QVERIFY2(onlyKnownMessages(log.lines, &syncs), qPrintable(log.lines.join('\n')));
+            QVERIFY2(onlyKnownMessages(log.messages(), &syncs), qPrintable(log.messages().join('\n')));
             QCOMPARE(QuickTimeAtom::nestingLevel, 0);
         }
     }
@@ -442,10 +382,10 @@ void TestParserMovies::corruptedTreesNeverHang()
         device.open(QIODevice::ReadOnly);
         MovieFile file(device);
         file.importMode = true;
-        MessageLog log;
+        MessageCapture log;
         QVERIFY(boundedWalk(device, file, damaged.size(), 1000) < 1000);
         QVERIFY(file.readFile());
-        QVERIFY2(onlyKnownMessages(log.lines, &syncs), qPrintable(log.lines.join('\n')));
+        QVERIFY2(onlyKnownMessages(log.messages(), &syncs), qPrintable(log.messages().join('\n')));
         QCOMPARE(QuickTimeAtom::nestingLevel, 0);
         QVERIFY(file.trackCount <= MovieFile::s_maxTracks);
         QVERIFY(device.pos() <= damaged.size());

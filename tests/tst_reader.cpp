@@ -2,6 +2,9 @@
 // samples by the tables, seeking and play-mode navigation.
 
 #include "movie/QuickTimeFile.h"
+#include "support/AtomBytes.h"
+#include "support/MessageCapture.h"
+#include "support/MovieFixtures.h"
 #include "support/TestSupport.h"
 
 #include <QBuffer>
@@ -11,94 +14,16 @@ using TestSupport::hex;
 using MovieFile = Tern::QuickTimeFile;
 using Tern::QuickTimePlayRegion;
 using Tern::QuickTimeTrackInfo;
+using namespace AtomBytes;
 
 namespace {
 
 // ---- Builders: every atom is its size, its four letters and its payload, written out by hand.
 
-QByteArray u8(quint8 v)
-{
-    return QByteArray(1, char(v));
-}
-QByteArray u16(quint16 v)
-{
-    return u8(quint8(v >> 8)) + u8(quint8(v));
-}
-QByteArray u32(quint32 v)
-{
-    return u16(quint16(v >> 16)) + u16(quint16(v));
-}
-QByteArray fcc(const char* letters)
-{
-    return QByteArray(letters, 4);
-}
-QByteArray zeros(int n)
-{
-    return QByteArray(n, '\0');
-}
-QByteArray box(const char* type, const QByteArray& payload)
-{
-    return u32(8 + payload.size()) + fcc(type) + payload;
-}
-QByteArray fullBox(const char* type, const QByteArray& payload)
-{
-    return box(type, u32(0) + payload);
-}
-
-QByteArray mdhd(quint32 scale)
-{
-    return fullBox("mdhd", u32(0) + u32(0) + u32(scale) + u32(0) + u16(0) + u16(0));
-}
-QByteArray hdlr(const char* kind, const char* subtype)
-{
-    return fullBox("hdlr", fcc(kind) + fcc(subtype) + zeros(12) + u8(4) + "Name");
-}
-QByteArray stts(quint32 count, quint32 duration)
-{
-    return fullBox("stts", u32(1) + u32(count) + u32(duration));
-}
-// Entries of first chunk (from 1) and samples per chunk.
-QByteArray stsc(const QList<QPair<quint32, quint32>>& entries)
-{
-    QByteArray payload = u32(quint32(entries.size()));
-    for (const auto& entry : entries)
-        payload += u32(entry.first) + u32(entry.second) + u32(1);
-    return fullBox("stsc", payload);
-}
-QByteArray stsz(quint32 constant, quint32 count, const QList<quint32>& sizes = {})
-{
-    QByteArray payload = u32(constant) + u32(count);
-    for (quint32 size : sizes)
-        payload += u32(size);
-    return fullBox("stsz", payload);
-}
-QByteArray stco(const QList<quint32>& offsets)
-{
-    QByteArray payload = u32(quint32(offsets.size()));
-    for (quint32 offset : offsets)
-        payload += u32(offset);
-    return fullBox("stco", payload);
-}
-// A video description: the 86 bytes of the common layout, then `extensions`.
-QByteArray videoEntry(quint16 width, quint16 height, const QByteArray& extensions = {})
-{
-    return u32(86 + extensions.size()) + fcc("apcn") + zeros(6) + u16(1) + u16(0) + u16(0) + fcc("appl")
-        + u32(0) + u32(1023) + u16(width) + u16(height) + u32(0x480000) + u32(0x480000) + u32(0) + u16(1)
-        + zeros(32) + u16(24) + u16(0xFFFF) + extensions;
-}
 // A version 0 sound description of 16-bit big-endian samples ('twos', no 'enda').
 QByteArray twosEntry(quint16 channels, quint32 rate)
 {
-    return u32(36) + fcc("twos") + zeros(6) + u16(1) + u16(0) + u16(0) + u32(0) + u16(channels) + u16(16)
-        + u16(0) + u16(0) + u32(rate << 16);
-}
-QByteArray trak(const char* handler, quint32 scale, const QByteArray& entry, const QByteArray& tables)
-{
-    const bool video = QByteArray(handler) == "vide";
-    const QByteArray header = video ? fullBox("vmhd", zeros(8)) : fullBox("smhd", zeros(4));
-    const QByteArray stbl = box("stbl", fullBox("stsd", u32(1) + entry) + tables);
-    const QByteArray minf = box("minf", header + hdlr("dhlr", "alis") + stbl);
-    return box("trak", fullBox("tkhd", zeros(80)) + box("mdia", mdhd(scale) + hdlr("mhlr", handler) + minf));
+    return soundEntry("twos", 0, channels, 16, rate, 0);
 }
 
 // 'mdat' first, its payload from file offset 8, then 'moov'.
@@ -131,7 +56,7 @@ QByteArray videoAfterTwoSoundTracks()
         stts(8, 1) + stsc({ { 1, 3 }, { 3, 2 } }) + stsz(2, 8) + stco({ 8, 40, 72 }));
     const QByteArray soundB = trak("soun", 8000, twosEntry(2, 8000),
         stts(5, 1) + stsc({ { 1, 2 }, { 3, 1 } }) + stsz(4, 5) + stco({ 16, 48, 80 }));
-    const QByteArray video = trak("vide", 8000, videoEntry(64, 48),
+    const QByteArray video = trak("vide", 8000, videoEntry("apcn", 64, 48),
         stts(3, 3) + stsc({ { 1, 2 }, { 2, 1 } }) + stsz(0, 3, { 5, 7, 6 }) + stco({ 100, 120 }));
     return movie(payload, soundA + soundB + video);
 }
@@ -142,48 +67,9 @@ QByteArray minimalSoundTrak()
 }
 QByteArray minimalVideoTrak()
 {
-    return trak("vide", 2500, videoEntry(64, 48),
+    return trak("vide", 2500, videoEntry("apcn", 64, 48),
         stts(1, 100) + stsc({ { 1, 1 } }) + stsz(0, 1, { 8 }) + stco({ 8 }));
 }
-
-// ---- Harness
-
-QStringList* g_lines = nullptr;
-void capture(QtMsgType, const QMessageLogContext&, const QString& text)
-{
-    if (g_lines)
-        g_lines->append(text);
-}
-struct MessageLog
-{
-    QStringList lines;
-    QtMessageHandler previous;
-    MessageLog()
-    {
-        g_lines = &lines;
-        previous = qInstallMessageHandler(capture);
-    }
-    ~MessageLog()
-    {
-        qInstallMessageHandler(previous);
-        g_lines = nullptr;
-    }
-};
-
-// Counts the bytes read from it.
-class CountingBuffer : public QBuffer
-{
-public:
-    qint64 bytesRead = 0;
-
-protected:
-    qint64 readData(char* data, qint64 n) override
-    {
-        const qint64 got = QBuffer::readData(data, n);
-        bytesRead += qMax<qint64>(got, 0);
-        return got;
-    }
-};
 
 // A movie in memory opened with initFileRead, its messages captured.
 struct Opened
@@ -199,9 +85,9 @@ struct Opened
     {
         device.setBuffer(&bytes);
         device.open(QIODevice::ReadOnly);
-        MessageLog log;
+        MessageCapture log;
         ok = file.initFileRead(&device);
-        messages = log.lines;
+        messages = log.messages();
     }
     QByteArray audio(int track, unsigned count)
     {
@@ -447,7 +333,7 @@ void TestReader::filmRateAndInterlaceOfTheVideoTrack()
     QFETCH(QByteArray, extensions);
     QFETCH(quint32, recordedRate);
     QFETCH(quint32, interlaced);
-    const QByteArray video = trak("vide", 23976, videoEntry(720, 486, extensions),
+    const QByteArray video = trak("vide", 23976, videoEntry("apcn", 720, 486, extensions),
         stts(1, 1000) + stsc({ { 1, 1 } }) + stsz(0, 1, { 8 }) + stco({ 8 }));
     Opened opened(movie(zeros(8), video));
     QVERIFY(opened.ok);

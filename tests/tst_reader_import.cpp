@@ -2,8 +2,10 @@
 // what ffmpeg's own demuxer returns for the same stream.
 
 #include "movie/QuickTimeFile.h"
+#include "support/AtomBytes.h"
 #include "support/AtomWalker.h"
 #include "support/MediaTools.h"
+#include "support/MessageCapture.h"
 #include "support/TestSupport.h"
 
 #include <QCryptographicHash>
@@ -14,39 +16,6 @@ using namespace AtomWalker;
 using MovieFile = Tern::QuickTimeFile;
 
 namespace {
-
-QByteArray u32(quint32 v)
-{
-    return QByteArray(1, char(v >> 24)) + char(v >> 16) + char(v >> 8) + char(v);
-}
-QByteArray u64(quint64 v)
-{
-    return u32(quint32(v >> 32)) + u32(quint32(v));
-}
-
-// ffmpeg writes 'co64' only past 4 GiB: the small movie's 'stco' tables are rewritten as 'co64' here,
-// growing the atoms that hold them (the index lies behind the media, so no media offset moves).
-QByteArray withChunkOffsets64(QByteArray movie)
-{
-    for (int trak = 1; find(movie, QString("moov/trak:%1").arg(trak)).valid(); ++trak) {
-        const QString path = QString("moov/trak:%1/mdia/minf/stbl").arg(trak);
-        const Atom stco = find(movie, path + "/stco");
-        const quint32 count = be32(movie, stco.offset + 12);
-        QByteArray entries;
-        for (quint32 i = 0; i < count; ++i)
-            entries += u64(be32(movie, stco.offset + 16 + 4 * i));
-        const QByteArray co64 = u32(16 + entries.size()) + "co64" + u32(0) + u32(count) + entries;
-        const int growth = co64.size() - int(stco.size);
-        QList<Atom> holders;
-        for (const QString& holder : { QString("moov"), QString("moov/trak:%1").arg(trak),
-                 QString("moov/trak:%1/mdia").arg(trak), QString("moov/trak:%1/mdia/minf").arg(trak), path })
-            holders << find(movie, holder);
-        for (const Atom& atom : holders)
-            movie.replace(int(atom.offset), 4, u32(quint32(atom.size + growth)));
-        movie.replace(int(stco.offset), int(stco.size), co64);
-    }
-    return movie;
-}
 
 // Size and MD5 of every packet of the first video stream, as ffmpeg's demuxer delivers them.
 QStringList videoPackets(const QString& path)
@@ -71,10 +40,6 @@ QByteArray soundPackets(const QString& path, int index)
     return MediaTools::run("ffmpeg",
         { "-v", "error", "-ignore_editlist", "1", "-i", path, "-map", QString("0:a:%1").arg(index), "-c",
             "copy", "-f", "data", "-" });
-}
-
-void quiet(QtMsgType, const QMessageLogContext&, const QString&)
-{
 }
 
 } // namespace
@@ -151,7 +116,7 @@ void TestReaderImport::framesAndSamplesEqualFfmpegs()
     MediaTools::run("ffmpeg", args, &ok);
     QVERIFY(ok);
     if (chunkOffsets64) {
-        const QByteArray rewritten = withChunkOffsets64(TestSupport::readFile(path));
+        const QByteArray rewritten = AtomBytes::withChunkOffsets64(TestSupport::readFile(path));
         QVERIFY(find(rewritten, "moov/trak:1/mdia/minf/stbl/co64").valid());
         QVERIFY(TestSupport::writeFile(path, rewritten));
     }
@@ -161,9 +126,7 @@ void TestReaderImport::framesAndSamplesEqualFfmpegs()
     QFile device(path);
     QVERIFY(device.open(QIODevice::ReadOnly));
     MovieFile file(device);
-    const QtMessageHandler previous = qInstallMessageHandler(quiet);
-    const bool opened = file.initFileRead(&device);
-    qInstallMessageHandler(previous);
+    const bool opened = MessageCapture::quietly([&] { return file.initFileRead(&device); });
     QVERIFY(opened);
     QVERIFY(!file.writtenByRecorder);
     QCOMPARE(file.trackCount, 1 + soundTracks);

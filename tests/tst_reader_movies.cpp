@@ -4,6 +4,7 @@
 #include "finalize/Finalize.h"
 #include "movie/QuickTimeFile.h"
 #include "simulate/RecordingSimulator.h"
+#include "support/MessageCapture.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -15,10 +16,6 @@ using Tern::QuickTimeTrackInfo;
 Q_DECLARE_METATYPE(RecordingPlan)
 
 namespace {
-
-void quiet(QtMsgType, const QMessageLogContext&, const QString&)
-{
-}
 
 RecordingPlan plan(RecordingPlan::Family family, int frames, int tracks, quint32 bytesPerSample,
     quint32 samplesPerChunk, quint32 soundSamples)
@@ -108,18 +105,16 @@ void TestReaderMovies::everyFrameAndSampleIsWhatWasRecorded()
     const QString path = m_dir.filePath(QString("A%1.zqv").arg(++m_movies, 3, 10, QChar('0')));
     QVERIFY(writeInterruptedRecording(path, recording).ok);
     {
-        const QtMessageHandler previous = qInstallMessageHandler(quiet);
-        Finalize driver;
-        const unsigned result = driver.doFinalize(path);
-        qInstallMessageHandler(previous);
+        const unsigned result = MessageCapture::quietly([&] {
+            Finalize driver;
+            return driver.doFinalize(path);
+        });
         QCOMPARE(result, 0u);
     }
     QFile device(QString(path).replace(".zqv", ".mov"));
     QVERIFY(device.open(QIODevice::ReadOnly));
     MovieFile file(device);
-    const QtMessageHandler previous = qInstallMessageHandler(quiet);
-    const bool opened = file.initFileRead(&device);
-    qInstallMessageHandler(previous);
+    const bool opened = MessageCapture::quietly([&] { return file.initFileRead(&device); });
     QVERIFY(opened);
     QVERIFY(file.writtenByRecorder);
 

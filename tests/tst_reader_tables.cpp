@@ -3,47 +3,20 @@
 
 #include "movie/HeronQuickTimeFile.h"
 #include "movie/QuickTimeFile.h"
+#include "support/AtomBytes.h"
+#include "support/MessageCapture.h"
 #include "support/TestSupport.h"
 
 #include <QBuffer>
 #include <QtTest>
 
+using AtomBytes::u32;
+using AtomBytes::u64;
 using TestSupport::hex;
 using MovieFile = Tern::QuickTimeFile;
 using Tern::QuickTimeTrackInfo;
 
 namespace {
-
-QByteArray u32(quint32 v)
-{
-    return QByteArray(1, char(v >> 24)) + char(v >> 16) + char(v >> 8) + char(v);
-}
-QByteArray u64(quint64 v)
-{
-    return u32(quint32(v >> 32)) + u32(quint32(v));
-}
-
-QStringList* g_lines = nullptr;
-void capture(QtMsgType, const QMessageLogContext&, const QString& text)
-{
-    if (g_lines)
-        g_lines->append(text);
-}
-struct MessageLog
-{
-    QStringList lines;
-    QtMessageHandler previous;
-    MessageLog()
-    {
-        g_lines = &lines;
-        previous = qInstallMessageHandler(capture);
-    }
-    ~MessageLog()
-    {
-        qInstallMessageHandler(previous);
-        g_lines = nullptr;
-    }
-};
 
 // A table of 200 (or `count`) entries at file offset 16; entry i holds values that name i.
 QByteArray tableEntry(const QString& table, quint32 i)
@@ -262,9 +235,9 @@ void TestReaderTables::dumpNamesEveryKindOfTrack()
     file.tracks[2].audioBytesPerSample = 3;
     file.tracks[2].audioChannels = 8;
     file.tracks[3].type = Tern::quicktime_frametype_unknown;
-    MessageLog log;
+    MessageCapture log;
     file.dumpTrackInfo();
-    QCOMPARE(log.lines,
+    QCOMPARE(log.messages(),
         QStringList({ "********** learned track info *************", "### 4 tracks", "   track 0 (1280x720i)",
             "      type: TIMECODE", "      sample duration 4000", "      time scale 2500",
             "   track 1 (1280x720i)", "      type: VIDEO (rate 5994)", "      sample duration 1001",
@@ -309,9 +282,9 @@ void TestReaderTables::heronAudioStartSkipsRunsOfTheFastSoundMap()
     QCOMPARE(heron.prepareAudioStartLocation(0), 1u);
     QCOMPARE(heron.audioStartOffset, 0u);
 
-    MessageLog log;
+    MessageCapture log;
     QCOMPARE(heron.prepareAudioStartLocation(2000), 0u); // 15,360,000 bytes: past the 4,096,000 there
-    QCOMPARE(log.lines, QStringList({ "prepareAudioStartLocation failed" }));
+    QCOMPARE(log.messages(), QStringList({ "prepareAudioStartLocation failed" }));
     QCOMPARE(heron.playFrame, 0u);
     QCOMPARE(heron.audioStartOffset, 0u);
 }

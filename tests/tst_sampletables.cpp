@@ -5,6 +5,9 @@
 #include "movie/InformationAtoms.h"
 #include "movie/QuickTimeFile.h"
 #include "movie/SampleTables.h"
+#include "support/AtomBytes.h"
+#include "support/MessageCapture.h"
+#include "support/MovieFixtures.h"
 #include "support/TestSupport.h"
 
 #include <QBuffer>
@@ -14,74 +17,22 @@
 #include <memory>
 
 using namespace Tern;
+using AtomBytes::u32;
+using AtomBytes::u64;
 using TestSupport::FailingBuffer;
 using TestSupport::hex;
+using TestSupport::pattern;
 
 namespace {
-
-QStringList g_messages;
-
-void captureMessage(QtMsgType, const QMessageLogContext&, const QString& text)
-{
-    g_messages << text;
-}
-
-// Collects every log line while it lives.
-class MessageCapture
-{
-public:
-    MessageCapture()
-    {
-        g_messages.clear();
-        m_previous = qInstallMessageHandler(captureMessage);
-    }
-    ~MessageCapture() { qInstallMessageHandler(m_previous); }
-    QStringList lines() const { return g_messages; }
-
-private:
-    QtMessageHandler m_previous;
-};
-
-// Big-endian builders for expected bytes.
-QByteArray be32(quint32 v)
-{
-    QByteArray b(4, '\0');
-    qToBigEndian(v, reinterpret_cast<uchar*>(b.data()));
-    return b;
-}
-
-QByteArray be64(quint64 v)
-{
-    QByteArray b(8, '\0');
-    qToBigEndian(v, reinterpret_cast<uchar*>(b.data()));
-    return b;
-}
 
 const quint64 S = QuickTimeFile::s_movieDataStartOffset; // 0x538000, where the offsets below start
 
 const char* const s_writeError =
     "!!! QuickTimeBufferDevice encountered HDD error, dumping subsequent writes (0) \"Unknown error\"";
 
-QByteArray pattern(int size, char first)
-{
-    QByteArray bytes(size, '\0');
-    for (int i = 0; i < size; ++i)
-        bytes[i] = char(first + i % 13);
-    return bytes;
-}
-
 const quint32 Sound = quicktime_frametype_sound;
 const quint32 Video = quicktime_frametype_video;
 const quint32 Timecode = quicktime_frametype_timecode;
-
-class HeronMovie : public QuickTimeFile
-{
-public:
-    HeronMovie(QIODevice& device, quint16* storage)
-        : QuickTimeFile(device, heronFamily, storage)
-    {
-    }
-};
 
 // A recording in memory whose frame map holds the given entries, counted by type.
 struct Recording
@@ -208,7 +159,7 @@ private slots:
             device.flushBuffer();
             QCOMPARE(device.fill(), -1);
         }
-        QCOMPARE(capture.lines(), QStringList{s_writeError});
+        QCOMPARE(capture.messages(), QStringList{s_writeError});
         QCOMPARE(target.size(), qint64(0));
     }
 
@@ -225,8 +176,9 @@ private slots:
         device.addToFill(4); // table writers cannot revive a latched device
         QCOMPARE(device.fill(), -1);
         QCOMPARE(device.write(pattern(131072, 'A')), qint64(-1));
-        QCOMPARE(capture.lines(), QStringList{"*** QuickTime***BufferDevice encountered HDD error, dumping "
-                                              "subsequent writes (10) \"Unknown error\""});
+        QCOMPARE(capture.messages(),
+                 QStringList{"*** QuickTime***BufferDevice encountered HDD error, dumping "
+                             "subsequent writes (10) \"Unknown error\""});
     }
 
     void writeAtomListReportsAFailedFlush()
@@ -238,8 +190,9 @@ private slots:
         moov->addAtom(new QuickTimeWideAtom);
         MessageCapture capture;
         QVERIFY(!file.writeAtomList());
-        QCOMPARE(capture.lines(), QStringList{"*** QuickTime***BufferDevice encountered HDD error, dumping "
-                                              "subsequent writes (16) \"Unknown error\""});
+        QCOMPARE(capture.messages(),
+                 QStringList{"*** QuickTime***BufferDevice encountered HDD error, dumping "
+                             "subsequent writes (16) \"Unknown error\""});
         QCOMPARE(buffer.size(), qint64(0));
     }
 
@@ -254,7 +207,7 @@ private slots:
         file.addAtom(new QuickTimeWideAtom);
         MessageCapture capture;
         QVERIFY(!file.writeAtomList());
-        QCOMPARE(capture.lines(), QStringList{s_writeError});
+        QCOMPARE(capture.messages(), QStringList{s_writeError});
     }
 
     // ---- tables
@@ -322,7 +275,7 @@ private slots:
         MessageCapture capture;
         QCOMPARE(rec.write({new QuickTimeChunkOffsetAtom(&rec.file, Sound, 2, 0x10)}),
                  hex("00000018 7374636F 00000000 00000002 00538410 00539C10"));
-        QCOMPARE(capture.lines(), QStringList{"stream 2 entries"});
+        QCOMPARE(capture.messages(), QStringList{"stream 2 entries"});
     }
 
     void chunkOffsetsWrapAt32Bits()
@@ -360,7 +313,7 @@ private slots:
         // 'stsz' of 9 entries (56 bytes) first: the offset table starts at S + 56 + 16 = 0x538048.
         rec.write({new QuickTimeSampleSizeAtom(&rec.file, Video, 9, 0),
                    new QuickTimeChunkOffset64Atom(&rec.file, Video, 9, 0, 2, 0, 0)});
-        QCOMPARE(capture.lines(), (QStringList{"stream 5 entries (538048)", "done streaming 5 entries"}));
+        QCOMPARE(capture.messages(), (QStringList{"stream 5 entries (538048)", "done streaming 5 entries"}));
     }
 
     void emptyCo64LogsOnlyTheClosingLine()
@@ -369,15 +322,15 @@ private slots:
         MessageCapture capture;
         QCOMPARE(noFrames.write({new QuickTimeChunkOffset64Atom(&noFrames.file, Timecode, 0, 0, 1, 0, 0)}),
                  hex("00000010 636F3634 00000000 00000000"));
-        QCOMPARE(capture.lines(), QStringList{"done streaming 0 entries"});
+        QCOMPARE(capture.messages(), QStringList{"done streaming 0 entries"});
 
         // A count with no frame behind it: the count is written, nothing follows.
         Recording stillNoFrames({});
-        g_messages.clear();
+        capture.clear();
         auto* tooMany = new QuickTimeChunkOffset64Atom(&stillNoFrames.file, Video, 3, 0, 1, 0, 0);
         QCOMPARE(stillNoFrames.write({tooMany}),
                  hex("00000028 636F3634 00000000 00000003"));
-        QCOMPARE(capture.lines(), QStringList{"done streaming 0 entries"});
+        QCOMPARE(capture.messages(), QStringList{"done streaming 0 entries"});
     }
 
     void heronCo64LogsNothing()
@@ -396,7 +349,7 @@ private slots:
                                                 "0000000000538100 0000000000538D00 0000000000539900"
                                                 "000000000053A500 000000000053B100"
                                                 "00000018 7374636F 00000000 00000002 00538410 00539C10"));
-        QCOMPARE(capture.lines(), QStringList{"stream 2 entries"});
+        QCOMPARE(capture.messages(), QStringList{"stream 2 entries"});
     }
 
     void streamedTablesAcrossBatchesMatchAPerEntryLoop()
@@ -426,18 +379,18 @@ private slots:
         for (quint16 entry : map) {
             const quint32 length = quint32(entry & 0x3FFF) * 512;
             if (entry >> 14 == 1) {
-                sizes += be32(length);
-                videoOffsets += be64(3 + offset);
+                sizes += u32(length);
+                videoOffsets += u64(3 + offset);
                 lastVideoStart = offset;
             } else if (entry >> 14 == 0 && soundSeen++ % 3 == 0) {
-                soundOffsets += be64(1000 + offset);
+                soundOffsets += u64(1000 + offset);
                 lastSoundChunkStart = offset;
             }
             offset += length;
         }
         QVERIFY(offset > (quint64(1) << 32));
-        videoOffsets.replace(videoOffsets.size() - 8, 8, be64(lastVideoStart + 5));
-        soundOffsets.replace(soundOffsets.size() - 8, 8, be64(lastSoundChunkStart + 0x1234));
+        videoOffsets.replace(videoOffsets.size() - 8, 8, u64(lastVideoStart + 5));
+        soundOffsets.replace(soundOffsets.size() - 8, 8, u64(lastSoundChunkStart + 0x1234));
         QCOMPARE(soundOffsets.size(), 8 * 6667);
 
         MessageCapture capture;
@@ -451,7 +404,7 @@ private slots:
         QCOMPARE(written.size(), expected.size());
         QVERIFY(written == expected);
         // The offset tables start at S + 0x445D4 + 16 and S + 0x445D4 + 0x88B90 + 16.
-        QCOMPARE(capture.lines(), (QStringList{"stream 70000 entries (57c5e4)",
+        QCOMPARE(capture.messages(), (QStringList{"stream 70000 entries (57c5e4)",
                                                "done streaming 70000 entries",
                                                "stream 6667 entries (605174)",
                                                "done streaming 6667 entries"}));
@@ -496,7 +449,7 @@ private slots:
         Recording alone(map);
         MessageCapture aloneCapture;
         const QByteArray expected = alone.write(tables(nullptr, alone));
-        const QStringList expectedLines = aloneCapture.lines();
+        const QStringList expectedLines = aloneCapture.messages();
 
         Recording grouped(map);
         const auto group = std::make_shared<QuickTimeChunkOffsetGroup>();
@@ -504,7 +457,7 @@ private slots:
         const QByteArray written = grouped.write(tables(group, grouped));
         QCOMPARE(written.size(), expected.size());
         QVERIFY(written == expected);
-        QCOMPARE(groupedCapture.lines(), expectedLines);
+        QCOMPARE(groupedCapture.messages(), expectedLines);
         QCOMPARE(group->served.size(), served);
     }
 
@@ -590,9 +543,9 @@ private slots:
             QCOMPARE(buffered.fill(), -1);
         }
         QCOMPARE(target.data().size(), 0);
-        QCOMPARE(capture.lines().first(), "*** QuickTime***BufferDevice encountered HDD error, dumping "
+        QCOMPARE(capture.messages().first(), "*** QuickTime***BufferDevice encountered HDD error, dumping "
                                           "subsequent writes (20) \"Unknown error\"");
-        QCOMPARE(capture.lines().filter("HDD error").size(), 1);
+        QCOMPARE(capture.messages().filter("HDD error").size(), 1);
     }
 };
 

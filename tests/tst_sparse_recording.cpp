@@ -6,6 +6,7 @@
 #include "simulate/RecordingSimulator.h"
 #include "simulate/SparseRecording.h"
 #include "support/AtomWalker.h"
+#include "support/MessageCapture.h"
 #include "support/TestSupport.h"
 
 #include <QFile>
@@ -15,10 +16,6 @@
 using namespace TestSupport;
 
 namespace {
-
-void dropMessage(QtMsgType, const QMessageLogContext&, const QString&)
-{
-}
 
 // 40 frames of 3,000, 3,611, 4,222 ... bytes, and two tracks of 24-bit sound cut so the last chunk is short.
 RecordingPlan smallPlan(RecordingPlan::Family family)
@@ -52,10 +49,9 @@ QByteArray readRange(const QString& path, qint64 offset, qint64 bytes)
 // Finalizes one file with the driver; returns the finished file's name, empty on failure.
 QString finalizeWithDriver(const QString& path)
 {
-    const QtMessageHandler previous = qInstallMessageHandler(dropMessage);
+    const MessageCapture quiet(MessageCapture::Drop);
     Finalize driver;
     const unsigned int result = driver.doFinalize(path);
-    qInstallMessageHandler(previous);
     return result == 0 ? driver.outputFileName : QString();
 }
 

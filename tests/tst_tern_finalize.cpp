@@ -8,7 +8,6 @@
 
 #include <QDir>
 #include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
 
 using namespace TestSupport;
@@ -31,13 +30,6 @@ bool record(const QString& path, const RecordingPlan& plan = smallPlan())
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     return writeInterruptedRecording(path, plan).ok;
-}
-
-void patchLe32(const QString& path, int offset, quint32 value)
-{
-    QByteArray bytes = readFile(path);
-    qToLittleEndian<quint32>(value, reinterpret_cast<uchar*>(bytes.data()) + offset);
-    writeFile(path, bytes);
 }
 
 // Settings record offsets of the fields the tests spoil.

@@ -3,12 +3,14 @@
 
 #include "movie/MovieVerifier.h"
 #include "simulate/RecordingSimulator.h"
+#include "support/AtomBytes.h"
 #include "support/AtomWalker.h"
 #include "support/MediaTools.h"
+#include "support/MessageCapture.h"
 #include "support/MixedCard.h"
-#include <QDir>
 #include "support/TestSupport.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QRandomGenerator>
@@ -18,44 +20,6 @@
 using namespace TestSupport;
 
 namespace {
-
-QByteArray be64(quint64 v)
-{
-    QByteArray bytes(8, '\0');
-    for (int i = 0; i < 8; ++i)
-        bytes[i] = char(v >> (56 - 8 * i));
-    return bytes;
-}
-
-QByteArray be32(quint32 v)
-{
-    return be64(v).mid(4);
-}
-
-// ffmpeg writes 'co64' only past 4 GiB: the small movie's 'stco' tables are rewritten as 'co64' here,
-// growing the atoms that hold them (the index lies behind the media, so no media offset moves).
-QByteArray withChunkOffsets64(QByteArray movie)
-{
-    using namespace AtomWalker;
-    for (int trak = 1; find(movie, QString("moov/trak:%1").arg(trak)).valid(); ++trak) {
-        const QString path = QString("moov/trak:%1/mdia/minf/stbl").arg(trak);
-        const Atom stco = find(movie, path + "/stco");
-        const quint32 count = AtomWalker::be32(movie, stco.offset + 12);
-        QByteArray entries;
-        for (quint32 i = 0; i < count; ++i)
-            entries += be64(AtomWalker::be32(movie, stco.offset + 16 + 4 * i));
-        const QByteArray co64 = be32(16 + entries.size()) + "co64" + be32(0) + be32(count) + entries;
-        const int growth = co64.size() - int(stco.size);
-        QList<Atom> holders;
-        for (const QString& holder : { QString("moov"), QString("moov/trak:%1").arg(trak),
-                 QString("moov/trak:%1/mdia").arg(trak), QString("moov/trak:%1/mdia/minf").arg(trak), path })
-            holders << find(movie, holder);
-        for (const Atom& atom : holders)
-            movie.replace(int(atom.offset), 4, be32(quint32(atom.size + growth)));
-        movie.replace(int(stco.offset), int(stco.size), co64);
-    }
-    return movie;
-}
 
 // The last line of a file's report: its summary.
 QString summaryOf(const QStringList& lines, const QString& path)
@@ -155,7 +119,7 @@ void TestVerify::chunkOffsetPastTheEndFails()
     QByteArray bytes = readFile(damaged);
     const AtomWalker::Atom co64 = AtomWalker::find(bytes, "moov/trak:2/mdia/minf/stbl/co64");
     QVERIFY(co64.valid());
-    bytes.replace(int(co64.offset + 16), 8, be64(0x7FFFFFFF00ull));
+    bytes.replace(int(co64.offset + 16), 8, AtomBytes::u64(0x7FFFFFFF00ull));
     QVERIFY(writeFile(damaged, bytes));
 
     QStringList out;
@@ -207,11 +171,11 @@ void TestVerify::importedMovieDamagedFails()
             .arg(frame0));
 
     // The offsets rewritten as 'co64', the sound track's last one past the end of the file.
-    QByteArray wide = withChunkOffsets64(movie);
+    QByteArray wide = AtomBytes::withChunkOffsets64(movie);
     const AtomWalker::Atom soundOffsets = AtomWalker::find(wide, "moov/trak:2/mdia/minf/stbl/co64");
     QVERIFY(soundOffsets.valid());
     const quint32 count = AtomWalker::be32(wide, soundOffsets.offset + 12);
-    wide.replace(int(soundOffsets.offset + 16 + 8 * (count - 1)), 8, be64(0x10000000000ull));
+    wide.replace(int(soundOffsets.offset + 16 + 8 * (count - 1)), 8, AtomBytes::u64(0x10000000000ull));
     const QString widePath = m_dir.filePath("wide.mov");
     QVERIFY(writeFile(widePath, wide));
     QCOMPARE(runCli({ "--verify", widePath }, &out), 1);
@@ -244,10 +208,6 @@ void TestVerify::filesThatAreNoFinishedMovieFail()
     QCOMPARE(out.size(), 3);
 }
 
-void quiet(QtMsgType, const QMessageLogContext&, const QString&)
-{
-}
-
 // Bytes flipped anywhere in the index of a finished movie: every check ends, quickly, with a verdict.
 void TestVerify::damagedIndexesEndWithinBounds()
 {
@@ -263,7 +223,7 @@ void TestVerify::damagedIndexesEndWithinBounds()
     int verified = 0;
     QElapsedTimer timer;
     timer.start();
-    const QtMessageHandler previous = qInstallMessageHandler(quiet);
+    const MessageCapture quiet(MessageCapture::Drop);
     for (int variant = 0; variant < 200; ++variant) {
         QByteArray damaged = movie;
         const int flips = 1 + int(random.bounded(6));
@@ -277,7 +237,6 @@ void TestVerify::damagedIndexesEndWithinBounds()
         QVERIFY(result.verified || !result.failure.isEmpty());
         verified += result.verified ? 1 : 0;
     }
-    qInstallMessageHandler(previous);
     QVERIFY(verified < 200); // some damage is found
     QVERIFY2(timer.elapsed() < 60000, qPrintable(QString::number(timer.elapsed())));
 }

@@ -7,6 +7,7 @@
 #include "simulate/RecordingSimulator.h"
 #include "support/AtomWalker.h"
 #include "support/MediaTools.h"
+#include "support/MessageCapture.h"
 #include "support/MixedCard.h"
 #include "support/TestSupport.h"
 
@@ -30,11 +31,7 @@ QByteArray packetsAsFfmpegReadsThem(const QString& path)
 
 bool verifies(const QString& path)
 {
-    const QtMessageHandler previous
-        = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
-    const bool verified = verifyMovie(path).verified;
-    qInstallMessageHandler(previous);
-    return verified;
+    return MessageCapture::quietly([&] { return verifyMovie(path).verified; });
 }
 
 struct Field

@@ -33,14 +33,11 @@
 #include <functional>
 #include <memory>
 
+using TestSupport::logBox;
+
 namespace {
 
 const char* const kReportGeometry = "--report-geometry";
-
-QPlainTextEdit* logBox(MainWindow& window)
-{
-    return child<QPlainTextEdit>(&window, "outputWindow");
-}
 
 // The report without the offscreen platform's notice about size hints, which the window logs like any
 // message whenever its minimum size changes.

@@ -5,8 +5,10 @@
 
 MessageCapture* MessageCapture::s_active = nullptr;
 
-MessageCapture::MessageCapture()
-    : m_previous(qInstallMessageHandler(&MessageCapture::handle))
+MessageCapture::MessageCapture(Keeping keeping)
+    : m_keeping(keeping)
+    , m_outer(s_active)
+    , m_previous(qInstallMessageHandler(&MessageCapture::handle))
 {
     s_active = this;
 }
@@ -14,12 +16,12 @@ MessageCapture::MessageCapture()
 MessageCapture::~MessageCapture()
 {
     qInstallMessageHandler(m_previous);
-    s_active = nullptr;
+    s_active = m_outer;
 }
 
 void MessageCapture::handle(QtMsgType, const QMessageLogContext&, const QString& message)
 {
-    if (s_active)
+    if (s_active && s_active->m_keeping == Keep)
         s_active->m_messages << message;
 }
 

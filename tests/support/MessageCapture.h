@@ -9,11 +9,15 @@
 class QObject;
 
 // Collects every message logged while it lives (any type), as the front ends receive them; the handler
-// that was installed before is put back on destruction. One capture at a time.
+// that was installed before is put back on destruction. Captures nest: the latest one collects, and the
+// one around it collects again once it is gone. A capture made with Drop keeps nothing: for runs whose
+// messages are expected by the hundred and would only crowd the test log.
 class MessageCapture
 {
 public:
-    MessageCapture();
+    enum Keeping { Keep, Drop };
+
+    explicit MessageCapture(Keeping keeping = Keep);
     ~MessageCapture();
     MessageCapture(const MessageCapture&) = delete;
     MessageCapture& operator=(const MessageCapture&) = delete;
@@ -21,10 +25,21 @@ public:
     void record(const QString& text) { m_messages << text; } // a line that did not go through the log
     const QStringList& messages() const { return m_messages; } // as logged
     QStringList lines() const;                                 // one trailing newline dropped, as shown
+    void clear() { m_messages.clear(); }                       // forgets what it has collected so far
+
+    // Runs `call` with every message it logs dropped; returns what it returns.
+    template <typename Call>
+    static auto quietly(Call call) -> decltype(call())
+    {
+        const MessageCapture dropping(Drop);
+        return call();
+    }
 
 private:
     static void handle(QtMsgType, const QMessageLogContext&, const QString& message);
     static MessageCapture* s_active;
+    const Keeping m_keeping;
+    MessageCapture* const m_outer;
     QtMessageHandler m_previous;
     QStringList m_messages;
 };

@@ -4,8 +4,10 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
 #include <QMap>
 #include <QProcess>
+#include <QtEndian>
 
 #include <unistd.h>
 
@@ -16,6 +18,39 @@ QByteArray hex(const char* text)
     QByteArray digits(text);
     digits.replace(' ', "").replace('\n', "");
     return QByteArray::fromHex(digits);
+}
+
+QByteArray pattern(int size, char first)
+{
+    QByteArray bytes(size, '\0');
+    for (int i = 0; i < size; ++i)
+        bytes[i] = char(first + i % 13);
+    return bytes;
+}
+
+QByteArray le(quint64 value, int bytes)
+{
+    QByteArray out;
+    for (int i = 0; i < bytes; ++i)
+        out.append(char((value >> (8 * i)) & 0xFF));
+    return out;
+}
+
+quint32 le32(const QByteArray& bytes, qint64 offset)
+{
+    return qFromLittleEndian<quint32>(bytes.constData() + offset);
+}
+
+void putLe32(QByteArray& bytes, int offset, quint32 value)
+{
+    qToLittleEndian<quint32>(value, reinterpret_cast<uchar*>(bytes.data()) + offset);
+}
+
+void patchLe32(const QString& path, int offset, quint32 value)
+{
+    QByteArray bytes = readFile(path);
+    putLe32(bytes, offset, value);
+    writeFile(path, bytes);
 }
 
 bool writeFile(const QString& path, const QByteArray& bytes)
@@ -62,6 +97,33 @@ int runCli(const QStringList& args, QStringList* stdoutLines, QString* stderrTex
     if (stderrText)
         *stderrText = QString::fromUtf8(process.readAllStandardError());
     return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+}
+
+QList<QJsonObject> cliFileObjects(const QStringList& args, QStringList* report)
+{
+    QStringList out;
+    QString err;
+    runCli(QStringList { "--json" } + args, &out, &err);
+    QList<QJsonObject> files;
+    for (const QString& line : out) {
+        const QJsonObject object = QJsonDocument::fromJson(line.toUtf8()).object();
+        if (object.value("type") == "file")
+            files << object;
+    }
+    if (report) {
+        err.chop(1); // the last line's newline
+        *report = err.split('\n');
+    }
+    return files;
+}
+
+int runCommand(const QString& program, const QStringList& args, int msecs)
+{
+    QProcess process;
+    process.start(program, args);
+    if (!process.waitForFinished(msecs) || process.exitStatus() != QProcess::NormalExit)
+        return -1;
+    return process.exitCode();
 }
 
 FailingBuffer::FailingBuffer(qint64 limit)

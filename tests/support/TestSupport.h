@@ -2,6 +2,8 @@
 
 #include <QBuffer>
 #include <QByteArray>
+#include <QJsonObject>
+#include <QList>
 #include <QMap>
 #include <QString>
 #include <QStringList>
@@ -12,6 +14,17 @@ namespace TestSupport {
 // write the letters as hex so the expectation is readable byte by byte).
 QByteArray hex(const char* text);
 
+// `size` bytes counting up from `first`, starting over every 13 bytes.
+QByteArray pattern(int size, char first);
+
+// `value` as `bytes` little-endian bytes, the order the recorders write their own fields in.
+QByteArray le(quint64 value, int bytes);
+// The little-endian 32-bit value at `offset` of `bytes`.
+quint32 le32(const QByteArray& bytes, qint64 offset);
+// Puts `value` little-endian at `offset` of `bytes`, or of the file at `path`.
+void putLe32(QByteArray& bytes, int offset, quint32 value);
+void patchLe32(const QString& path, int offset, quint32 value);
+
 // Writes `bytes` to `path`, creating parent folders. Returns false on failure.
 bool writeFile(const QString& path, const QByteArray& bytes);
 QByteArray readFile(const QString& path);
@@ -21,6 +34,14 @@ QMap<QString, QByteArray> snapshotTree(const QString& root);
 
 // Runs clipward-cli with `args`; returns its exit code and fills stdout lines and stderr text.
 int runCli(const QStringList& args, QStringList* stdoutLines, QString* stderrText = nullptr);
+
+// The file objects clipward-cli --json prints for `args` (its options and a folder), in its order; its
+// report (stderr) in lines when asked for.
+QList<QJsonObject> cliFileObjects(const QStringList& args, QStringList* report = nullptr);
+
+// Runs `program` to its end, waiting at most `msecs` (-1: as long as it takes). Returns its exit code,
+// -1 when it did not end or crashed.
+int runCommand(const QString& program, const QStringList& args, int msecs = -1);
 
 // clipward-cli run as a user whom file permissions stop: as root, as "nobody" (through setpriv); else as
 // the user running the tests. Returns its exit code (-1 when it crashed) and fills the stdout lines.

@@ -1,11 +1,17 @@
 #pragma once
 
 // Setting up the window's tests: the application as the programs name it, its remembered choices in a
-// folder of the test's own, and a window shown as a user meets it. For tests linking clipward_window.
+// folder of the test's own, and a window shown as a user meets it; a run started as a user starts it and
+// its report as the log box shows it. For tests linking clipward_window.
 
 #include "MainWindow.h"
+#include "support/WidgetLookup.h"
 
 #include <QApplication>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QRadioButton>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -38,6 +44,28 @@ inline std::unique_ptr<MainWindow> shownActiveWindow()
     if (!QTest::qWaitForWindowActive(window.get()))
         qWarning("window not active");
     return window;
+}
+
+// The window's log box, and its text in lines.
+inline QPlainTextEdit* logBox(MainWindow& window)
+{
+    return child<QPlainTextEdit>(&window, "outputWindow");
+}
+
+inline QStringList logLines(MainWindow& window)
+{
+    return logBox(window)->toPlainText().split('\n');
+}
+
+// Types the path into the field, chooses the scan mode and presses Start, as a user would.
+inline void runOn(MainWindow& window, const QString& path, bool scanOnly)
+{
+    QLineEdit* edit = child<QLineEdit>(&window, "drivePathEdit");
+    edit->clear();
+    QTest::keyClicks(edit, path);
+    QTest::mouseClick(
+        child<QRadioButton>(&window, scanOnly ? "scanOnly" : "scanAndFinalize"), Qt::LeftButton);
+    QTest::mouseClick(child<QPushButton>(&window, "startButton"), Qt::LeftButton);
 }
 
 } // namespace TestSupport
