@@ -55,6 +55,31 @@ void addDataReference(QuickTimeAtom* minf)
     dinf->addAtom(new QuickTimeDataReferenceAtom());
 }
 
+// A track's sample table and its sample description atom, the first thing in it.
+struct SampleTable
+{
+    QuickTimeAtom* stbl;
+    QuickTimeSampleDescriptionAtom* stsd;
+};
+
+// What closes every media information atom, behind its media's own header: the data reference, then
+// the sample table, opened by its (still empty) 'stsd'.
+SampleTable addDataAndSampleTable(QuickTimeFile* file, QuickTimeAtom* minf)
+{
+    addDataReference(minf);
+    QuickTimeAtom* stbl = minf->addAtom(new QuickTimeSampleTableAtom());
+    auto* stsd = new QuickTimeSampleDescriptionAtom(file);
+    stbl->addAtom(stsd);
+    return SampleTable { stbl, stsd };
+}
+
+// Whether the index has sound tracks: sound chunks were recorded and the track count, read as a signed
+// number, is above 0.
+bool hasSoundTracks(const QuickTimeFile& file)
+{
+    return file.soundChunks != 0 && qint32(file.audioTracks) > 0;
+}
+
 // Sound samples of each track of the file's counts.
 quint32 trackSoundSamples(const QuickTimeFile& file)
 {
@@ -83,18 +108,18 @@ struct TrackDurations
 
 TrackDurations trackDurations(const QuickTimeFile& file, quint32 soundSamples)
 {
-    TrackDurations d;
-    d.picture = file.sampleDuration * file.videoFrameCount; // 32-bit product, as the movie header's
-    d.sound = d.picture;
-    d.movie = d.picture;
+    TrackDurations durations;
+    durations.picture = file.sampleDuration * file.videoFrameCount; // 32-bit product, as the movie header's
+    durations.sound = durations.picture;
+    durations.movie = durations.picture;
     if (!file.interchange())
-        return d;
-    const bool hasSound = file.soundChunks != 0 && qint32(file.audioTracks) > 0;
-    d.sound = hasSound ? inMovieTime(soundSamples, file.audioSampleRate, file.timeScale) : 0;
-    d.movie = qMax(d.picture, d.sound);
-    if (d.movie == 0)
-        d.movie = file.sampleDuration;
-    return d;
+        return durations;
+    durations.sound
+        = hasSoundTracks(file) ? inMovieTime(soundSamples, file.audioSampleRate, file.timeScale) : 0;
+    durations.movie = qMax(durations.picture, durations.sound);
+    if (durations.movie == 0)
+        durations.movie = file.sampleDuration;
+    return durations;
 }
 
 } // namespace
@@ -115,10 +140,9 @@ QuickTimeSampleDescription* QuickTimeFile::soundDescription()
 quint32 QuickTimeFile::soundSamplesPerTrack(
     quint32 chunks, quint32 samplesPerChunk, quint32 firstChunkSamples, quint32 lastChunkSamples)
 {
-    const quint32 A = chunks;
-    const quint32 L = lastChunkSamples;
-    const quint32 F = firstChunkSamples;
-    return L + F + (A - (L != 0 ? 1 : 0) - (F != 0 ? 1 : 0)) * samplesPerChunk;
+    // The short chunks hold their own counts; every other chunk is full.
+    const quint32 fullChunks = chunks - (lastChunkSamples != 0 ? 1 : 0) - (firstChunkSamples != 0 ? 1 : 0);
+    return lastChunkSamples + firstChunkSamples + fullChunks * samplesPerChunk;
 }
 
 bool QuickTimeFile::indexFitsAtomSizes() const
@@ -126,17 +150,17 @@ bool QuickTimeFile::indexFitsAtomSizes() const
     // Every table's bytes, counted in 64 bits, and a generous allowance per track for its headers,
     // descriptions and alignment: the whole 'moov' must stay within its 32-bit size.
     const quint64 kTrackAllowance = 4096;
-    const quint64 V = videoFrameCount;
-    const quint64 A = soundChunks;
-    const quint64 T = timecodeSamples;
-    const quint64 G = videoFramesPerChunk != 0 ? videoFramesPerChunk : 1;
+    const quint64 frames = videoFrameCount;
+    const quint64 chunks = soundChunks;
+    const quint64 timecodes = timecodeSamples;
+    const quint64 framesPerChunk = videoFramesPerChunk != 0 ? videoFramesPerChunk : 1;
     quint64 bytes = kTrackAllowance + 2 * quint64(totalFrames()); // movie header and maker atom
-    bytes += kTrackAllowance + 12 * T;
-    if (V != 0)
-        bytes += kTrackAllowance + 4 * V + 8 * ((V + G - 1) / G);
-    if (A != 0 && qint32(audioTracks) > 0) {
+    bytes += kTrackAllowance + 12 * timecodes;
+    if (frames != 0)
+        bytes += kTrackAllowance + 4 * frames + 8 * ((frames + framesPerChunk - 1) / framesPerChunk);
+    if (hasSoundTracks(*this)) {
         const quint64 sizes = audioBytesPerSample == 0 ? 4 * quint64(trackSoundSamples(*this)) : 0;
-        bytes += quint64(audioTracks) * (kTrackAllowance + 8 * A + sizes);
+        bytes += quint64(audioTracks) * (kTrackAllowance + 8 * chunks + sizes);
     }
     return bytes <= quint64(std::numeric_limits<quint32>::max());
 }
@@ -149,15 +173,7 @@ bool QuickTimeFile::closeFile()
     m_syncFailure.clear();
     // What a failed attempt appended is cut off again, so a retry finds the file as this one did.
     m_sizeBeforeClose = device.size();
-    // The closing timecode sample (the family's, or the interchange form's) joins 'mdat' and the index
-    // names it; its bytes go out in the same first write as the index's start, so a finish killed early
-    // leaves nothing of itself or the start of an index a later run recognises.
-    QByteArray leadIn;
-    if (closeAppendsTimecodeSample()) {
-        leadIn = closingTimecodeSample();
-        listTimecodeSample();
-        movieData->dataSize += quint64(leadIn.size());
-    }
+    const QByteArray leadIn = appendClosingTimecodeSample();
 
     if (!indexFitsAtomSizes()) {
         restoreSizeBeforeClose();
@@ -166,16 +182,7 @@ bool QuickTimeFile::closeFile()
 
     QuickTimeAtom* moov = buildIndex(device.pos() + leadIn.size());
     const qint64 moovStart = moov->position;
-    // The tree knows its size before a byte of it is written: when the card cannot take the index and the
-    // closing block, nothing is written and the file stays as the recorder left it.
-    const qint64 growth = moovStart + qint64(moov->size) + s_closingZeroBytes - device.size();
-    const qint64 available = StableStorage::bytesAvailable(device);
-    if (growth > 0 && available >= 0 && growth > available) {
-        m_spaceShortfall = growth - available;
-        restoreSizeBeforeClose();
-        return false;
-    }
-    if (!writeAtomList(leadIn)) {
+    if (!cardTakesIndex(moov) || !writeAtomList(leadIn)) {
         restoreSizeBeforeClose();
         return false;
     }
@@ -186,134 +193,171 @@ bool QuickTimeFile::closeFile()
     return true;
 }
 
+// The closing timecode sample (the family's, or the interchange form's) joins 'mdat' and the index
+// names it; its bytes go out in the same first write as the index's start, so a finish killed early
+// leaves nothing of itself or the start of an index a later run recognises.
+QByteArray QuickTimeFile::appendClosingTimecodeSample()
+{
+    QByteArray leadIn;
+    if (closeAppendsTimecodeSample()) {
+        leadIn = closingTimecodeSample();
+        listTimecodeSample();
+        movieData->dataSize += quint64(leadIn.size());
+    }
+    return leadIn;
+}
+
+// The tree knows its size before a byte of it is written: when the card cannot take the index and the
+// closing block, nothing is written and the file stays as the recorder left it.
+bool QuickTimeFile::cardTakesIndex(const QuickTimeAtom* moov)
+{
+    const qint64 growth = moov->position + qint64(moov->size) + s_closingZeroBytes - device.size();
+    const qint64 available = StableStorage::bytesAvailable(device);
+    if (growth > 0 && available >= 0 && growth > available) {
+        m_spaceShortfall = growth - available;
+        return false;
+    }
+    return true;
+}
+
 QuickTimeAtom* QuickTimeFile::buildIndex(qint64 position)
 {
-    const quint32 V = videoFrameCount;
-    const quint32 A = soundChunks;
-    const quint32 T = timecodeSamples;
-    const quint32 S = timeScale;
-    const quint32 D = sampleDuration;
-    const quint32 P = audioSamplesPerChunk;
-    const quint32 F = firstChunkSamples;
-    const quint32 L = lastChunkSamples;
-    const quint32 G = videoFramesPerChunk;
-    const quint32 B = audioBytesPerSample;
-    const quint32 Q = trackSoundSamples(*this);
-    const TrackDurations duration = trackDurations(*this, Q);
-    const quint32 M = duration.picture;
+    const quint32 soundSamples = trackSoundSamples(*this);
+    const TrackDurations duration = trackDurations(*this, soundSamples);
 
     QuickTimeAtom* moov = addAtom(new QuickTimeMovieAtom());
     moov->position = position;
-    QuickTimeAtom* udta = moov->addAtom(new QuickTimeUserDataAtom());
-    udta->addAtom(new QuickTimeHaldenAtom(this));
-    auto* mvhd = new QuickTimeMovieHeaderAtom(this);
-    mvhd->duration = duration.movie;
-    moov->addAtom(mvhd);
-
-    // Timecode track, always present. The interchange form lists only the timecode sample the finish
-    // appended right before the index, 4 bytes of frame number; the recorder's form lists every one.
-    {
-        const quint32 timecodeDuration = duration.movie;
-        QuickTimeAtom* mdia =
-            addTrackHead(this, moov, 1, timecodeDuration, 0, 0, S, timecodeDuration, fourCC("tmcd"));
-        QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
-        QuickTimeAtom* gmhd = minf->addAtom(new QuickTimeBaseInformationHeaderAtom());
-        gmhd->addAtom(new QuickTimeBaseMediaInformationAtom());
-        QuickTimeAtom* tmcd = gmhd->addAtom(new QuickTimeTimecodeHeaderAtom());
-        tmcd->addAtom(new QuickTimeTimecodeInformationAtom());
-        addDataReference(minf);
-
-        QuickTimeAtom* stbl = minf->addAtom(new QuickTimeSampleTableAtom());
-        auto* stsd = new QuickTimeSampleDescriptionAtom(this);
-        stbl->addAtom(stsd);
-        auto* description = new QuickTimeTimecodeSampleDescription(this);
-        stsd->addDescription(description);
-        // The reel name rides behind the description as its extension, so the description counts it.
-        QByteArray reel = reelName.toLatin1().left(kReelNameMax);
-        auto* name = new QuickTimeSourceReferenceAtom(reel.data());
-        stsd->addAtom(name);
-        description->size += name->size;
-
-        stbl->addAtom(new QuickTimeTimeToSampleAtom(this, 1, timecodeDuration));
-        stbl->addAtom(new QuickTimeSampleToChunkAtom(this, 1, 0, 0, 0));
-        if (interchange()) {
-            stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_timecode, 1,
-                                                      kTimecodeFrameNumberBytes));
-            const quint64 samplePosition = quint64(position - s_timecodeSampleBytes);
-            stbl->addAtom(new QuickTimeSingleChunkOffset64Atom(this, samplePosition));
-        } else {
-            stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_timecode, T, 0));
-            stbl->addAtom(new QuickTimeChunkOffset64Atom(this, quicktime_frametype_timecode, T, 0, 1, 0, 0));
-        }
-    }
-
+    addMovieHeader(moov, duration.movie);
+    addTimecodeTrack(moov, duration.movie, position);
     quint32 nextTrackId = 2;
-    if (V != 0) {
-        QuickTimeAtom* mdia = addTrackHead(this, moov, nextTrackId, M, width, height, S, M, fourCC("vide"));
-        QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
-        minf->addAtom(new QuickTimeVideoInformationAtom());
-        addDataReference(minf);
-
-        QuickTimeAtom* stbl = minf->addAtom(new QuickTimeSampleTableAtom());
-        auto* stsd = new QuickTimeSampleDescriptionAtom(this);
-        stbl->addAtom(stsd);
-        if (videoCodecType == quicktime_codec_prores422 || videoCodecType == quicktime_codec_prores4444)
-            stsd->addDescription(new QuickTimeProResVideoSampleDescription(this));
-        else if (videoCodecType == quicktime_codec_dnxhd)
-            stsd->addDescription(new QuickTimeAvidVideoSampleDescription(this));
-
-        const quint32 chunks = (V + G - 1) / G;
-        stbl->addAtom(new QuickTimeTimeToSampleAtom(this, V, D));
-        stbl->addAtom(new QuickTimeSampleToChunkAtom(this, G, chunks, V % G, 0));
-        alignNextAtom(stbl, kSampleSizeTableHead);
-        stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_video, V, 0));
-        alignNextAtom(stbl, kChunkOffsetTableHead);
-        stbl->addAtom(new QuickTimeChunkOffset64Atom(this, quicktime_frametype_video, V, 0, G, 0, 0));
-        ++nextTrackId;
-    }
-
-    // One mono sound track per channel; the recorder lays each chunk out planar, track after track, so
-    // track i's part of a chunk starts i track-parts into it.
-    if (A != 0 && qint32(audioTracks) > 0) {
-        // The tracks' chunk offset tables share one walk of the frame map. Their places are final once
-        // built as long as every table between them is too: with a sample size the size tables are.
-        const auto soundChunkTables = B != 0 ? std::make_shared<QuickTimeChunkOffsetGroup>() : nullptr;
-        for (quint32 i = 0; i < audioTracks; ++i, ++nextTrackId) {
-            QuickTimeAtom* mdia = addTrackHead(this, moov, nextTrackId, duration.sound, 0, 0, audioSampleRate,
-                                               Q, fourCC("soun"));
-            QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
-            minf->addAtom(new QuickTimeSoundInformationAtom());
-            addDataReference(minf);
-
-            QuickTimeAtom* stbl = minf->addAtom(new QuickTimeSampleTableAtom());
-            auto* stsd = new QuickTimeSampleDescriptionAtom(this);
-            stbl->addAtom(stsd);
-            stsd->addDescription(soundDescription());
-
-            stbl->addAtom(new QuickTimeTimeToSampleAtom(this, Q, 1));
-            stbl->addAtom(new QuickTimeSampleToChunkAtom(this, P, A, L, F));
-            alignNextAtom(stbl, kSampleSizeTableHead);
-            stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_sound, Q, B));
-            alignNextAtom(stbl, kChunkOffsetTableHead);
-            // A short first chunk is handed over but not used by the writer: the first chunk is
-            // addressed like a full one.
-            auto* co64 = new QuickTimeChunkOffset64Atom(this, quicktime_frametype_sound, A, P * i * B, 1,
-                                                        L != 0 ? L * B * i : 0, F * B * i);
-            stbl->addAtom(co64);
-            if (soundChunkTables) {
-                co64->group = soundChunkTables;
-                soundChunkTables->tables << co64;
-            }
-        }
-    }
+    if (videoFrameCount != 0)
+        addVideoTrack(moov, nextTrackId++, duration.picture);
+    if (hasSoundTracks(*this))
+        nextTrackId = addSoundTracks(moov, nextTrackId, duration.sound, soundSamples);
 
     // A movie with neither picture nor sound: an empty caption lasting the movie, so that players that
     // refuse a movie with nothing to present open it. Its sample is the empty text (a length of 0) that the
     // zeros behind the frame number in the finish's own timecode sample hold.
-    if (interchange() && V == 0 && nextTrackId == 2)
+    if (interchange() && videoFrameCount == 0 && nextTrackId == 2)
         addEmptyCaptionTrack(moov, nextTrackId, duration.movie, position - s_timecodeSampleBytes + 4);
 
     return moov;
+}
+
+void QuickTimeFile::addMovieHeader(QuickTimeAtom* moov, quint32 movieDuration)
+{
+    QuickTimeAtom* udta = moov->addAtom(new QuickTimeUserDataAtom());
+    udta->addAtom(new QuickTimeHaldenAtom(this));
+    auto* mvhd = new QuickTimeMovieHeaderAtom(this);
+    mvhd->duration = movieDuration;
+    moov->addAtom(mvhd);
+}
+
+// The interchange form lists only the timecode sample the finish appended right before the index, 4
+// bytes of frame number; the recorder's form lists every one.
+void QuickTimeFile::addTimecodeTrack(QuickTimeAtom* moov, quint32 duration, qint64 indexPosition)
+{
+    QuickTimeAtom* mdia = addTrackHead(this, moov, 1, duration, 0, 0, timeScale, duration, fourCC("tmcd"));
+    QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
+    QuickTimeAtom* gmhd = minf->addAtom(new QuickTimeBaseInformationHeaderAtom());
+    gmhd->addAtom(new QuickTimeBaseMediaInformationAtom());
+    QuickTimeAtom* tmcd = gmhd->addAtom(new QuickTimeTimecodeHeaderAtom());
+    tmcd->addAtom(new QuickTimeTimecodeInformationAtom());
+    const auto [stbl, stsd] = addDataAndSampleTable(this, minf);
+
+    auto* description = new QuickTimeTimecodeSampleDescription(this);
+    stsd->addDescription(description);
+    // The reel name rides behind the description as its extension, so the description counts it.
+    QByteArray reel = reelName.toLatin1().left(kReelNameMax);
+    auto* name = new QuickTimeSourceReferenceAtom(reel.data());
+    stsd->addAtom(name);
+    description->size += name->size;
+
+    stbl->addAtom(new QuickTimeTimeToSampleAtom(this, 1, duration));
+    stbl->addAtom(new QuickTimeSampleToChunkAtom(this, 1, 0, 0, 0));
+    if (interchange()) {
+        stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_timecode, 1,
+                                                  kTimecodeFrameNumberBytes));
+        const quint64 samplePosition = quint64(indexPosition - s_timecodeSampleBytes);
+        stbl->addAtom(new QuickTimeSingleChunkOffset64Atom(this, samplePosition));
+    } else {
+        stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_timecode, timecodeSamples, 0));
+        stbl->addAtom(
+            new QuickTimeChunkOffset64Atom(this, quicktime_frametype_timecode, timecodeSamples, 0, 1, 0, 0));
+    }
+}
+
+void QuickTimeFile::addVideoTrack(QuickTimeAtom* moov, quint32 trackId, quint32 duration)
+{
+    QuickTimeAtom* mdia =
+        addTrackHead(this, moov, trackId, duration, width, height, timeScale, duration, fourCC("vide"));
+    QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
+    minf->addAtom(new QuickTimeVideoInformationAtom());
+    const auto [stbl, stsd] = addDataAndSampleTable(this, minf);
+    if (videoCodecType == quicktime_codec_prores422 || videoCodecType == quicktime_codec_prores4444)
+        stsd->addDescription(new QuickTimeProResVideoSampleDescription(this));
+    else if (videoCodecType == quicktime_codec_dnxhd)
+        stsd->addDescription(new QuickTimeAvidVideoSampleDescription(this));
+
+    const quint32 frames = videoFrameCount;
+    const quint32 framesPerChunk = videoFramesPerChunk;
+    const quint32 chunks = (frames + framesPerChunk - 1) / framesPerChunk;
+    stbl->addAtom(new QuickTimeTimeToSampleAtom(this, frames, sampleDuration));
+    stbl->addAtom(new QuickTimeSampleToChunkAtom(this, framesPerChunk, chunks, frames % framesPerChunk, 0));
+    alignNextAtom(stbl, kSampleSizeTableHead);
+    stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_video, frames, 0));
+    alignNextAtom(stbl, kChunkOffsetTableHead);
+    stbl->addAtom(
+        new QuickTimeChunkOffset64Atom(this, quicktime_frametype_video, frames, 0, framesPerChunk, 0, 0));
+}
+
+// The recorder lays each chunk out planar, track after track, so track i's part of a chunk starts i
+// track-parts into it.
+quint32 QuickTimeFile::addSoundTracks(QuickTimeAtom* moov, quint32 firstTrackId, quint32 duration,
+                                      quint32 samples)
+{
+    // The tracks' chunk offset tables share one walk of the frame map. Their places are final once
+    // built as long as every table between them is too: with a sample size the size tables are.
+    const auto soundChunkTables
+        = audioBytesPerSample != 0 ? std::make_shared<QuickTimeChunkOffsetGroup>() : nullptr;
+    quint32 trackId = firstTrackId;
+    for (quint32 channel = 0; channel < audioTracks; ++channel, ++trackId) {
+        QuickTimeChunkOffset64Atom* co64 = addSoundTrack(moov, trackId, channel, duration, samples);
+        if (soundChunkTables) {
+            co64->group = soundChunkTables;
+            soundChunkTables->tables << co64;
+        }
+    }
+    return trackId;
+}
+
+QuickTimeChunkOffset64Atom* QuickTimeFile::addSoundTrack(QuickTimeAtom* moov, quint32 trackId,
+                                                         quint32 channel, quint32 duration, quint32 samples)
+{
+    QuickTimeAtom* mdia =
+        addTrackHead(this, moov, trackId, duration, 0, 0, audioSampleRate, samples, fourCC("soun"));
+    QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
+    minf->addAtom(new QuickTimeSoundInformationAtom());
+    const auto [stbl, stsd] = addDataAndSampleTable(this, minf);
+    stsd->addDescription(soundDescription());
+
+    const quint32 perChunk = audioSamplesPerChunk;
+    const quint32 bytes = audioBytesPerSample;
+    stbl->addAtom(new QuickTimeTimeToSampleAtom(this, samples, 1));
+    stbl->addAtom(
+        new QuickTimeSampleToChunkAtom(this, perChunk, soundChunks, lastChunkSamples, firstChunkSamples));
+    alignNextAtom(stbl, kSampleSizeTableHead);
+    stbl->addAtom(new QuickTimeSampleSizeAtom(this, quicktime_frametype_sound, samples, bytes));
+    alignNextAtom(stbl, kChunkOffsetTableHead);
+    // The channel's part of a full chunk and of the short last one. A short first chunk is handed over
+    // but not used by the writer: the first chunk is addressed like a full one.
+    const quint32 fullChunkBias = perChunk * channel * bytes;
+    const quint32 lastChunkBias = lastChunkSamples != 0 ? lastChunkSamples * bytes * channel : 0;
+    const quint32 firstChunkBias = firstChunkSamples * bytes * channel;
+    auto* co64 = new QuickTimeChunkOffset64Atom(this, quicktime_frametype_sound, soundChunks, fullChunkBias,
+                                                1, lastChunkBias, firstChunkBias);
+    stbl->addAtom(co64);
+    return co64;
 }
 
 void QuickTimeFile::addEmptyCaptionTrack(QuickTimeAtom* moov, quint32 trackId, quint32 duration,
@@ -325,10 +369,7 @@ void QuickTimeFile::addEmptyCaptionTrack(QuickTimeAtom* moov, quint32 trackId, q
     QuickTimeAtom* minf = mdia->addAtom(new QuickTimeMediaInformationAtom());
     QuickTimeAtom* gmhd = minf->addAtom(new QuickTimeBaseInformationHeaderAtom());
     gmhd->addAtom(new QuickTimeBaseMediaInformationAtom());
-    addDataReference(minf);
-    QuickTimeAtom* stbl = minf->addAtom(new QuickTimeSampleTableAtom());
-    auto* stsd = new QuickTimeSampleDescriptionAtom(this);
-    stbl->addAtom(stsd);
+    const auto [stbl, stsd] = addDataAndSampleTable(this, minf);
     stsd->addDescription(new QuickTimeTextSampleDescription());
     stbl->addAtom(new QuickTimeTimeToSampleAtom(this, 1, duration));
     stbl->addAtom(new QuickTimeSampleToChunkAtom(this, 1, 0, 0, 0));

@@ -25,7 +25,7 @@ quint64 QuickTimeFile::audioBytesPerVideoFrame() const
 {
     // Sound bytes per second of all tracks over the recorded rate, which counts fields when interlaced.
     const quint64 perSecond = quint64(audioSampleRate) * audioBytesPerSample * audioTracks;
-    const quint32 recordedRate = userData[2];
+    const quint32 recordedRate = userData[UserFrameRate];
     if (recordedRate == 0)
         return 0;
     const quint64 perFrame = perSecond * (interlaced != 0 ? 200 : 100) / recordedRate;

@@ -14,15 +14,6 @@ namespace Tern {
 
 namespace {
 
-enum UserValue { FrameRate = 2, CodecSetting = 4, SoundTracks = 5, BitsPerSample = 6, SampleRate = 7 };
-
-const quint16 s_readWidth = 1920;
-const quint16 s_readHeight = 1080;
-const quint32 s_readFrameRate = 2400;
-const quint32 s_readAudioSampleRate = 48000;
-const quint32 s_readAudioBytesPerSample = 4;
-const quint32 s_readAudioSamplesPerChunk = 512;
-
 const quint32 s_atomHeaderBytes = 8;
 const quint32 s_extendedHeaderBytes = 16;
 
@@ -52,6 +43,18 @@ bool atomHeaderAt(QIODevice& device, qint64 pos, qint64 end, quint64* size, quin
     return *size >= *header && *size <= quint64(end - pos);
 }
 
+// Where the first top-level 'moov' of the device lies: its start, size and header length.
+bool findMovieAtom(QIODevice& device, qint64* pos, quint64* size, quint32* header)
+{
+    const qint64 end = device.size();
+    quint32 type = 0;
+    for (*pos = 0; atomHeaderAt(device, *pos, end, size, &type, header); *pos += qint64(*size)) {
+        if (type == fourCC("moov"))
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 bool QuickTimeFile::initFileRead(QIODevice* readDevice)
@@ -59,102 +62,15 @@ bool QuickTimeFile::initFileRead(QIODevice* readDevice)
     if (readDevice && readDevice != &device)
         return false; // the parser reads through the file's own stream
 
-    importMode = true;
-    writtenByRecorder = false;
-    haldenMarker = false;
-    initCurrentTrackInfo();
-    trackCount = 0;
-    for (QuickTimeTrackInfo& track : tracks)
-        track = QuickTimeTrackInfo();
-    videoTrack = QuickTimeTrackInfo();
-    width = s_readWidth;
-    height = s_readHeight;
-    videoCodecId = 0;
-    videoCodecType = 0;
-    proResVariant = 0;
-    interlaced = 0;
-    frameRate = s_readFrameRate;
-    sampleDuration = 100;
-    timeScale = s_readFrameRate;
-    audioSampleRate = s_readAudioSampleRate;
-    audioBytesPerSample = s_readAudioBytesPerSample;
-    audioLittleEndian = 1;
-    audioTracks = 0;
-    audioSamplesPerChunk = s_readAudioSamplesPerChunk;
-    interleavedAudio = false;
-    videoFramesPerChunk = 0;
-    videoFrameCount = 0;
-    soundChunks = 0;
-    timecodeSamples = 0;
-    firstChunkSamples = 0;
-    lastChunkSamples = 0;
-    recordedEndPosition = 0;
-    playFrame = 0;
-    playStart = 0;
-    currentVideoFrame = 0;
-    m_playPosition = QuickTimeMapPosition();
-    timecode = 0;
-    dropFrame = false;
-    counter = false;
-    std::memset(userData, 0, sizeof userData);
-    movieDataStart = 0;
-
-    // The map is cleared so that entries a maker atom does not list read as its end.
-    if (ensureFrameMap())
-        std::memset(frameMap, 0, size_t(s_frameMapBytes));
-    if (!fastAudioMap)
-        fastAudioMap.reset(new QuickTimeFastAudioRun[s_fastAudioRuns]);
-
-    readFile();
-    // A maker atom read before the tracks kept them from being committed.
-    if (writtenByRecorder && trackCount == 0)
-        learnRecordedTracks();
-    buildFastAudioMap();
-    device.seek(0);
+    resetForReading();
+    readAtomTree();
 
     // The recorded rate counts fields when interlaced.
-    setFrameRate(interlaced ? userData[FrameRate] / 2 : userData[FrameRate]);
-
-    QuickTimeTrackInfo* firstSound = getAudioTrack(0);
-    if (!writtenByRecorder) {
-        quint32 soundTrackCount = 0;
-        for (int i = 0; i < trackCount; ++i) {
-            if (tracks[i].type != quicktime_frametype_sound)
-                continue;
-            ++soundTrackCount;
-            if (tracks[i].audioChannels > 1) {
-                audioTracks = tracks[i].audioChannels;
-                interleavedAudio = true;
-            }
-        }
-        if (!interleavedAudio)
-            audioTracks = soundTrackCount;
-        if (firstSound) {
-            if (firstSound->sampleDuration > 0)
-                audioSampleRate = quint32(firstSound->timeScale / firstSound->sampleDuration);
-            audioBytesPerSample = firstSound->audioBytesPerSample;
-            audioLittleEndian = firstSound->audioBigEndian ? 0 : 1;
-        }
-        userData[SoundTracks] = audioTracks;
-        userData[BitsPerSample] = 8 * audioBytesPerSample;
-        userData[SampleRate] = audioSampleRate;
-        // DNxHD is told apart by its compression id, ProRes by its variant.
-        const auto codecType = quicktime_codec_type_t(videoCodecType);
-        userData[CodecSetting]
-            = getCodecSetting(codecType, codecType == quicktime_codec_dnxhd ? videoCodecId : proResVariant);
-    } else {
-        // The maker atom's user data describes the recording's sound: one mono track per channel.
-        audioTracks = userData[SoundTracks];
-        audioBytesPerSample = userData[BitsPerSample] >> 3;
-        audioSampleRate = userData[SampleRate];
-        quint32 plane = 0;
-        for (int i = 0; i < trackCount; ++i) {
-            if (tracks[i].type == quicktime_frametype_sound)
-                tracks[i].plane = plane++;
-        }
-        if (firstSound)
-            audioSamplesPerChunk = findSamplesPerChunk(firstSound);
-    }
+    setFrameRate(interlaced ? userData[UserFrameRate] / 2 : userData[UserFrameRate]);
+    if (writtenByRecorder)
+        learnRecordedSound();
+    else
+        learnImportedSound();
     InitQuickTimeFileInfo();
 
     for (int i = 0; i < trackCount; ++i) {
@@ -163,22 +79,123 @@ bool QuickTimeFile::initFileRead(QIODevice* readDevice)
             break;
         }
     }
-    if (!writtenByRecorder) {
-        if (trackCount > 0)
-            dumpTrackInfo();
-        if (videoTrack.type != quicktime_frametype_video) {
-            qDebug("!!!!!! didn't find a video track on import file !!!!!");
-            return false;
-        }
-        gotoVideoFrame(0);
-        playStart = 0;
-        return true;
-    }
+    return writtenByRecorder ? startRecordedPlay() : startImportedPlay();
+}
 
-    // Movies of this library start playing at their first video frame; one without video at its start.
+// The movie's atoms, read into the track records (and the frame map of a movie this library wrote),
+// then the fast sound map over that frame map; the device is left at the start.
+void QuickTimeFile::readAtomTree()
+{
+    readFile();
+    // A maker atom read before the tracks kept them from being committed.
+    if (writtenByRecorder && trackCount == 0)
+        learnRecordedTracks();
+    buildFastAudioMap();
+    device.seek(0);
+}
+
+// The state every reading starts from: the movie's defaults, no tracks, user data, codec or play
+// position learned yet, and a cleared frame map.
+void QuickTimeFile::resetForReading()
+{
+    resetMovieState();
+    importMode = true;
+    writtenByRecorder = false;
+    haldenMarker = false;
+    movieDataStart = 0;
+    recordedEndPosition = 0;
+    std::memset(userData, 0, sizeof userData);
+
+    initCurrentTrackInfo();
+    trackCount = 0;
+    for (QuickTimeTrackInfo& track : tracks)
+        track = QuickTimeTrackInfo();
+    videoTrack = QuickTimeTrackInfo();
+
+    videoCodecId = 0;
+    videoCodecType = 0;
+    proResVariant = 0;
+    videoFramesPerChunk = 0;
+    audioTracks = 0;
+    interleavedAudio = false;
+    playStart = 0;
+    currentVideoFrame = 0;
+    m_playPosition = QuickTimeMapPosition();
+
+    // The map is cleared so that entries a maker atom does not list read as its end.
+    if (ensureFrameMap())
+        std::memset(frameMap, 0, size_t(s_frameMapBytes));
+    if (!fastAudioMap)
+        fastAudioMap.reset(new QuickTimeFastAudioRun[s_fastAudioRuns]);
+}
+
+// The maker atom's user data describes the recording's sound: one mono track per channel, each its
+// plane of the planar chunks.
+void QuickTimeFile::learnRecordedSound()
+{
+    audioTracks = userData[UserSoundTracks];
+    audioBytesPerSample = userData[UserBitsPerSample] >> 3;
+    audioSampleRate = userData[UserSampleRate];
+    quint32 plane = 0;
+    for (int i = 0; i < trackCount; ++i) {
+        if (tracks[i].type == quicktime_frametype_sound)
+            tracks[i].plane = plane++;
+    }
+    if (QuickTimeTrackInfo* firstSound = getAudioTrack(0))
+        audioSamplesPerChunk = findSamplesPerChunk(firstSound);
+}
+
+// A movie from elsewhere: the sound as its tracks declare it (channels interleaved in one track, or one
+// track each), told to the user data as the maker atom of a recording would.
+void QuickTimeFile::learnImportedSound()
+{
+    quint32 soundTrackCount = 0;
+    for (int i = 0; i < trackCount; ++i) {
+        if (tracks[i].type != quicktime_frametype_sound)
+            continue;
+        ++soundTrackCount;
+        if (tracks[i].audioChannels > 1) {
+            audioTracks = tracks[i].audioChannels;
+            interleavedAudio = true;
+        }
+    }
+    if (!interleavedAudio)
+        audioTracks = soundTrackCount;
+    if (const QuickTimeTrackInfo* firstSound = getAudioTrack(0)) {
+        if (firstSound->sampleDuration > 0)
+            audioSampleRate = quint32(firstSound->timeScale / firstSound->sampleDuration);
+        audioBytesPerSample = firstSound->audioBytesPerSample;
+        audioLittleEndian = firstSound->audioBigEndian ? 0 : 1;
+    }
+    userData[UserSoundTracks] = audioTracks;
+    userData[UserBitsPerSample] = 8 * audioBytesPerSample;
+    userData[UserSampleRate] = audioSampleRate;
+    // DNxHD is told apart by its compression id, ProRes by its variant.
+    const auto codecType = quicktime_codec_type_t(videoCodecType);
+    userData[UserCodecSetting]
+        = getCodecSetting(codecType, codecType == quicktime_codec_dnxhd ? videoCodecId : proResVariant);
+}
+
+// Movies of this library start playing at their first video frame; one without video at its start.
+bool QuickTimeFile::startRecordedPlay()
+{
     QuickTimeMapPosition first;
     playStart = findMapEntry(&first, quicktime_frametype_video, 0) ? first.index : 0;
     playFrame = playStart;
+    return true;
+}
+
+// A movie from elsewhere plays from its first video frame and cannot be read without a video track.
+bool QuickTimeFile::startImportedPlay()
+{
+    if (trackCount > 0)
+        dumpTrackInfo();
+    if (videoTrack.type != quicktime_frametype_video) {
+        qDebug("!!!!!! didn't find a video track on import file !!!!!");
+        return false;
+    }
+    gotoVideoFrame(0);
+    playStart = 0;
     return true;
 }
 
@@ -191,39 +208,15 @@ bool QuickTimeFile::learnRecordedTracks()
     const quint16 keptWidth = width, keptHeight = height;
     const quint32 keptInterlaced = interlaced, keptRate = audioSampleRate;
     const bool keptDropFrame = dropFrame, keptCounter = counter;
-    quint32 keptUserData[9];
+    quint32 keptUserData[UserDataValues];
     std::memcpy(keptUserData, userData, sizeof userData);
 
-    const qint64 end = device.size();
-    qint64 pos = 0;
-    quint64 size = 0;
-    quint32 type = 0;
-    quint32 header = 0;
-    bool found = false;
-    while (atomHeaderAt(device, pos, end, &size, &type, &header)) {
-        if (type == fourCC("moov")) {
-            found = true;
-            break;
-        }
-        pos += qint64(size);
-    }
-    if (found) {
-        const qint64 moovEnd = pos + qint64(size);
-        qint64 child = pos + qint64(header);
-        writtenByRecorder = false;
-        learningOwnTracks = true;
-        while (atomHeaderAt(device, child, moovEnd, &size, &type, &header)) {
-            if (type == fourCC("trak")) {
-                device.seek(child);
-                quint64 remaining = quint64(moovEnd - child);
-                QuickTimeAtom::readNextAtom(this, nullptr, stream, &remaining);
-            }
-            child += qint64(size);
-        }
-        writtenByRecorder = true;
-        learningOwnTracks = false;
-        stream.resetStatus();
-    }
+    qint64 moovStart = 0;
+    quint64 moovSize = 0;
+    quint32 moovHeader = 0;
+    const bool found = findMovieAtom(device, &moovStart, &moovSize, &moovHeader);
+    if (found)
+        learnTrackAtoms(moovStart, moovSize, moovHeader);
 
     videoFrameCount = keptVideo;
     soundChunks = keptSound;
@@ -236,6 +229,29 @@ bool QuickTimeFile::learnRecordedTracks()
     counter = keptCounter;
     std::memcpy(userData, keptUserData, sizeof userData);
     return found;
+}
+
+// Reads the 'trak' atoms of the 'moov' at moovStart as the tracks of a movie read by its tables.
+void QuickTimeFile::learnTrackAtoms(qint64 moovStart, quint64 moovSize, quint32 moovHeader)
+{
+    const qint64 moovEnd = moovStart + qint64(moovSize);
+    qint64 child = moovStart + qint64(moovHeader);
+    quint64 size = 0;
+    quint32 type = 0;
+    quint32 header = 0;
+    writtenByRecorder = false;
+    learningOwnTracks = true;
+    while (atomHeaderAt(device, child, moovEnd, &size, &type, &header)) {
+        if (type == fourCC("trak")) {
+            device.seek(child);
+            quint64 remaining = quint64(moovEnd - child);
+            QuickTimeAtom::readNextAtom(this, nullptr, stream, &remaining);
+        }
+        child += qint64(size);
+    }
+    writtenByRecorder = true;
+    learningOwnTracks = false;
+    stream.resetStatus();
 }
 
 void QuickTimeFile::dumpTrackInfo()

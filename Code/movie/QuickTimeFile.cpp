@@ -13,15 +13,6 @@ namespace Tern {
 
 namespace {
 
-const quint16 s_defaultWidth = 1920;
-const quint16 s_defaultHeight = 1080;
-const quint32 s_defaultVideoCodecId = 1238;
-const quint32 s_defaultFrameRate = 2400;
-const quint32 s_defaultSampleDuration = 100;
-const quint32 s_defaultAudioSampleRate = 48000;
-const quint32 s_defaultAudioBytesPerSample = 4;
-const quint32 s_defaultAudioSamplesPerChunk = 512;
-
 // 23.976 frame/s is counted in a time scale of 23976 with frames of 1000; every other rate in hundredths.
 const quint32 s_ntscFilmRates[] = {2397, 2398};
 const quint32 s_ntscFilmTimeScale = 23976;
@@ -74,6 +65,29 @@ QuickTimeFile::~QuickTimeFile()
         delete[] frameMap;
 }
 
+void QuickTimeFile::resetMovieState()
+{
+    width = s_defaultWidth;
+    height = s_defaultHeight;
+    interlaced = 0;
+    frameRate = s_defaultFrameRate;
+    sampleDuration = s_defaultSampleDuration;
+    timeScale = s_defaultTimeScale;
+    audioSampleRate = s_defaultAudioSampleRate;
+    audioBytesPerSample = s_defaultAudioBytesPerSample;
+    audioLittleEndian = s_defaultAudioLittleEndian;
+    audioSamplesPerChunk = s_defaultAudioSamplesPerChunk;
+    videoFrameCount = 0;
+    soundChunks = 0;
+    timecodeSamples = 0;
+    firstChunkSamples = 0;
+    lastChunkSamples = 0;
+    playFrame = 0;
+    timecode = 0;
+    dropFrame = false;
+    counter = false;
+}
+
 bool QuickTimeFile::initFile(QIODevice* newDevice)
 {
     // A family that keeps its map in the caller's storage cannot work without it.
@@ -81,29 +95,12 @@ bool QuickTimeFile::initFile(QIODevice* newDevice)
         return false;
     QIODevice* target = newDevice ? newDevice : &device;
 
+    resetMovieState();
+    // A recording's own: written by the recorder, the default codec id and sound track, reel "1".
     writtenByRecorder = true;
     importMode = false;
-    audioLittleEndian = 1;
-    width = s_defaultWidth;
-    height = s_defaultHeight;
     videoCodecId = s_defaultVideoCodecId;
-    interlaced = 0;
-    frameRate = s_defaultFrameRate;
-    sampleDuration = s_defaultSampleDuration;
-    timeScale = s_defaultFrameRate;
-    audioSampleRate = s_defaultAudioSampleRate;
-    audioBytesPerSample = s_defaultAudioBytesPerSample;
-    audioTracks = 1;
-    audioSamplesPerChunk = s_defaultAudioSamplesPerChunk;
-    playFrame = 0;
-    videoFrameCount = 0;
-    soundChunks = 0;
-    timecodeSamples = 0;
-    lastChunkSamples = 0;
-    firstChunkSamples = 0;
-    timecode = 0;
-    dropFrame = false;
-    counter = false;
+    audioTracks = s_defaultAudioTracks;
     reelName = QStringLiteral("1");
     savedFrameMapEntries = 0;
     removeAllAtoms();
@@ -171,6 +168,7 @@ void QuickTimeFile::setFrameRate(unsigned int rate)
 
 quint32 QuickTimeFile::calculateVideoInfoFromFrameRate(unsigned int rate, quint32* duration, quint32* scale)
 {
+    // The rate counts hundredths: its frames last the default 100 units of a time scale of the rate.
     quint32 frameDuration = s_defaultSampleDuration;
     quint32 frameScale = rate;
     for (quint32 ntscFilmRate : s_ntscFilmRates) {
@@ -209,16 +207,16 @@ void QuickTimeFile::getTimecode(quint32* value, bool* dropFrameFlag, bool* count
 void QuickTimeFile::setUserData(quint32 v1, quint32 v2, quint32 v3, quint32 v4, quint32 v5, quint32 v6,
                                 quint32 v7, quint32 v8, quint32 v9)
 {
-    const quint32 values[9] = {v1, v2, v3, v4, v5, v6, v7, v8, v9};
-    for (int i = 0; i < 9; ++i)
+    const quint32 values[UserDataValues] = {v1, v2, v3, v4, v5, v6, v7, v8, v9};
+    for (int i = 0; i < UserDataValues; ++i)
         userData[i] = values[i];
 }
 
 void QuickTimeFile::getUserData(quint32* v1, quint32* v2, quint32* v3, quint32* v4, quint32* v5, quint32* v6,
                                 quint32* v7, quint32* v8, quint32* v9) const
 {
-    quint32* const out[9] = {v1, v2, v3, v4, v5, v6, v7, v8, v9};
-    for (int i = 0; i < 9; ++i) {
+    quint32* const out[UserDataValues] = {v1, v2, v3, v4, v5, v6, v7, v8, v9};
+    for (int i = 0; i < UserDataValues; ++i) {
         if (out[i])
             *out[i] = userData[i];
     }
@@ -234,25 +232,21 @@ void QuickTimeFile::setFrameSize(unsigned int index, quicktime_frametype_t frame
 
 void QuickTimeFile::InitQuickTimeFileInfo()
 {
-    enum UserValue {
-        Value1, Value2, FrameRate, DropFrame, Value5, Channels, BitsPerSample, SampleRate, Value9
-    };
-
     fileInfo.width = width;
     fileInfo.height = height;
     fileInfo.progressive = interlaced == 0;
-    fileInfo.frameRate = userData[FrameRate];
-    fileInfo.userValue5 = userData[Value5];
-    fileInfo.sampleRate = userData[SampleRate];
-    fileInfo.bytesPerSample = userData[BitsPerSample] >> 3;
-    fileInfo.channels = userData[Channels];
-    fileInfo.userValue1 = userData[Value1];
-    fileInfo.userValue2 = userData[Value2];
-    fileInfo.dropFrame = userData[DropFrame];
-    fileInfo.framesPerSecond = float(userData[FrameRate]) / 100.0f;
+    fileInfo.frameRate = userData[UserFrameRate];
+    fileInfo.userValue5 = userData[UserCodecSetting];
+    fileInfo.sampleRate = userData[UserSampleRate];
+    fileInfo.bytesPerSample = userData[UserBitsPerSample] >> 3;
+    fileInfo.channels = userData[UserSoundTracks];
+    fileInfo.userValue1 = userData[UserValue1];
+    fileInfo.userValue2 = userData[UserValue2];
+    fileInfo.dropFrame = userData[UserDropFrame];
+    fileInfo.framesPerSecond = float(userData[UserFrameRate]) / 100.0f;
 
     // Rates above 30 frame/s are field rates: the code names the frame rate.
-    quint32 rate = userData[FrameRate];
+    quint32 rate = userData[UserFrameRate];
     if (rate > 3000)
         rate /= 2;
     if (rate == 2400)
@@ -270,7 +264,7 @@ void QuickTimeFile::InitQuickTimeFileInfo()
 
     const float framesPerSecond = interlaced ? fileInfo.framesPerSecond / 2 : fileInfo.framesPerSecond;
     fileInfo.durationSeconds = framesPerSecond != 0 ? float(videoFrameCount) / framesPerSecond : 0;
-    fileInfo.userValue9 = userData[Value9];
+    fileInfo.userValue9 = userData[UserValue9];
 }
 
 // ---------------------------------------------------------------------------------------------------------

@@ -15,6 +15,7 @@ class QIODevice;
 
 namespace Tern {
 
+class QuickTimeChunkOffset64Atom;
 class QuickTimeSampleDescription;
 
 enum quicktime_frametype_t {
@@ -185,6 +186,36 @@ public:
     // family that keeps its frame map in caller storage when none was given.
     bool initFile(QIODevice* newDevice);
     void removeAllAtoms();
+
+    // The recorder's nine user-data values, by their place in userData (the order the maker atom and
+    // setUserData keep them in).
+    enum UserDataIndex {
+        UserValue1 = 0,
+        UserValue2 = 1,
+        UserFrameRate = 2, // hundredths of a frame per second; the field rate when interlaced
+        UserDropFrame = 3,
+        UserCodecSetting = 4, // the setting getCodecSetting gives the video codec
+        UserSoundTracks = 5, // one mono track per channel
+        UserBitsPerSample = 6,
+        UserSampleRate = 7,
+        UserValue9 = 8, // an interlaced recording is described as two fields only while this is 0
+        UserDataValues = 9,
+    };
+
+    // The parameters a movie starts from until the recorder or the movie read gives its own: 1920x1080
+    // at 24 frames a second (2400 hundredths: frames of 100 units in a time scale of 2400), one track of
+    // 32-bit little-endian sound at 48 kHz in chunks of 512 samples, and the DNxHD compression id 1238.
+    static constexpr quint16 s_defaultWidth = 1920;
+    static constexpr quint16 s_defaultHeight = 1080;
+    static constexpr quint32 s_defaultVideoCodecId = 1238;
+    static constexpr quint32 s_defaultFrameRate = 2400;
+    static constexpr quint32 s_defaultSampleDuration = 100;
+    static constexpr quint32 s_defaultTimeScale = s_defaultFrameRate;
+    static constexpr quint32 s_defaultAudioSampleRate = 48000;
+    static constexpr quint32 s_defaultAudioBytesPerSample = 4;
+    static constexpr quint32 s_defaultAudioTracks = 1;
+    static constexpr quint32 s_defaultAudioSamplesPerChunk = 512;
+    static constexpr quint8 s_defaultAudioLittleEndian = 1;
 
     // Parameters.
     void setFrameRate(unsigned int rate);
@@ -382,25 +413,25 @@ public:
     quint64 recordedEndPosition = 0;
     quint32 timecodeSamples = 0;
     quint16* frameMap = nullptr;
-    quint16 width = 1920;
-    quint16 height = 1080;
-    quint32 videoCodecId = 1238;
+    quint16 width = s_defaultWidth;
+    quint16 height = s_defaultHeight;
+    quint32 videoCodecId = s_defaultVideoCodecId;
     quint32 proResVariant = 0;
     quint32 interlaced = 0;
-    quint32 frameRate = 2400;
-    quint32 sampleDuration = 100;
-    quint32 timeScale = 2400;
+    quint32 frameRate = s_defaultFrameRate;
+    quint32 sampleDuration = s_defaultSampleDuration;
+    quint32 timeScale = s_defaultTimeScale;
     quint32 videoCodecType = 0;
-    quint32 audioSampleRate = 48000;
-    quint32 audioBytesPerSample = 4;
-    quint32 audioTracks = 1;
-    quint32 audioSamplesPerChunk = 512;
+    quint32 audioSampleRate = s_defaultAudioSampleRate;
+    quint32 audioBytesPerSample = s_defaultAudioBytesPerSample;
+    quint32 audioTracks = s_defaultAudioTracks;
+    quint32 audioSamplesPerChunk = s_defaultAudioSamplesPerChunk;
     quint32 playFrame = 0;
     bool dropFrame = false;
     bool counter = false;
-    quint8 audioLittleEndian = 1;
+    quint8 audioLittleEndian = s_defaultAudioLittleEndian;
     quint32 timecode = 0;
-    quint32 userData[9] = {};
+    quint32 userData[UserDataValues] = {};
     quint32 videoFramesPerChunk = 0;
     QString reelName;
     QString userSettings; // text of the 'uset' atom
@@ -433,9 +464,23 @@ protected:
     QuickTimeFile(QIODevice& device, const MovieFamily& family, quint16* callerFrameMap);
 
 private:
+    // The parameters, counts and timecode both a recording and a reading start from (initFile and
+    // initFileRead): the defaults above, no media, no timecode, playing from the start.
+    void resetMovieState();
+
     // The 'moov' tree of the index for the current counts, to be written at `position` (its alignment
     // depends on it), added to the atom list.
     QuickTimeAtom* buildIndex(qint64 position);
+    // Its parts, in the order buildIndex adds them. The maker atom (in 'udta') and the movie header:
+    void addMovieHeader(QuickTimeAtom* moov, quint32 movieDuration);
+    // Track 1, the timecode, which every index has; `indexPosition` is where the index is written.
+    void addTimecodeTrack(QuickTimeAtom* moov, quint32 duration, qint64 indexPosition);
+    void addVideoTrack(QuickTimeAtom* moov, quint32 trackId, quint32 duration);
+    // One mono track per channel from `firstTrackId` on; returns the track id after the last.
+    quint32 addSoundTracks(QuickTimeAtom* moov, quint32 firstTrackId, quint32 duration, quint32 samples);
+    // Sound track `trackId`, channel `channel` of the chunks; returns its chunk offset table.
+    QuickTimeChunkOffset64Atom* addSoundTrack(QuickTimeAtom* moov, quint32 trackId, quint32 channel,
+                                              quint32 duration, quint32 samples);
     // The description of each sound track, in the finish style's form.
     QuickTimeSampleDescription* soundDescription();
     // The interchange form's empty caption track of a movie with neither picture nor sound.
@@ -451,7 +496,11 @@ private:
     // The 64-bit size in the 'mdat' header at s_datPos (16 while unclosed); -1 when no such header is there.
     qint64 movieDataSizeAtHeader();
 
-    // Closing: the zero block and the final 'mdat' header behind a written index; undoing a failed close.
+    // Closing: the timecode sample closeFile appends (its bytes, empty when it appends none), whether the
+    // card takes the index, the zero block and the final 'mdat' header behind a written index; undoing a
+    // failed close.
+    QByteArray appendClosingTimecodeSample();
+    bool cardTakesIndex(const QuickTimeAtom* moov);
     bool finishMovieData();
     void restoreSizeBeforeClose();
     qint64 m_sizeBeforeClose = 0;
@@ -466,8 +515,16 @@ private:
     // Counts a timecode sample appended to the media and lists it in the frame map.
     void listTimecodeSample();
 
-    // Reading helpers.
+    // Reading helpers: the steps of initFileRead, in its order, and the second walk over the tracks that
+    // learnRecordedTracks makes.
+    void resetForReading();
+    void readAtomTree();
+    void learnRecordedSound();
+    void learnImportedSound();
+    bool startRecordedPlay();
+    bool startImportedPlay();
     bool learnRecordedTracks();
+    void learnTrackAtoms(qint64 moovStart, quint64 moovSize, quint32 moovHeader);
     bool findMapEntry(QuickTimeMapPosition* position, quicktime_frametype_t type, quint32 ordinal) const;
     bool moveMapPosition(QuickTimeMapPosition* position, quint32 index) const;
     static quint64 mapLocation(const QuickTimeMapPosition& position);

@@ -99,6 +99,13 @@ public:
     quint32 cleanHeightN = 0, cleanHeightD = 0;
     quint32 horizontalOffsetN = 0, horizontalOffsetD = 0;
     quint32 verticalOffsetN = 0, verticalOffsetD = 0;
+
+private:
+    // Colour primaries, transfer function and matrix by the picture's height.
+    void describeColour();
+    // Pixel aspect and clean aperture from the table's row of the frame size; those above for a size the
+    // table does not list.
+    void describeImage();
 };
 
 // Avid DNxHD: the video entry plus the 'ACLR', 'APRG' and 'ARES' atoms Avid's decoders look for.

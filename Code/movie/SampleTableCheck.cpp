@@ -1,5 +1,9 @@
+// The sample table check: every track's tables held to what the strictest readers demand, and a movie
+// this library finished held to its maker atom besides. The index's bytes are read in IndexBytes.cpp.
+
 #include "movie/SampleTableCheck.h"
 
+#include "movie/IndexBytes.h"
 #include "movie/QuickTimeFile.h"
 #include "movie/SampleDescriptions.h"
 
@@ -8,165 +12,11 @@
 #include <QVector>
 #include <QtEndian>
 
-#include <algorithm>
 #include <cstring>
 
+using namespace IndexBytes;
+
 namespace {
-
-// An index this large is no recorder's; reading it whole would be a damaged size's doing.
-const quint64 kMaxIndexBytes = 512ull * 1024 * 1024;
-
-quint32 code(const char* letters)
-{
-    return qFromBigEndian<quint32>(reinterpret_cast<const uchar*>(letters));
-}
-
-// One atom inside a byte array: where its payload lies.
-struct Atom
-{
-    quint32 type = 0;
-    int payload = 0; // offset of the first byte after the header
-    int end = 0;
-    bool valid() const { return type != 0; }
-};
-
-quint32 be32(const QByteArray& bytes, int at)
-{
-    return qFromBigEndian<quint32>(reinterpret_cast<const uchar*>(bytes.constData()) + at);
-}
-
-quint64 be64(const QByteArray& bytes, int at)
-{
-    return qFromBigEndian<quint64>(reinterpret_cast<const uchar*>(bytes.constData()) + at);
-}
-
-// The first child of `type` in [from, to); an invalid Atom when there is none or the children overrun.
-Atom child(const QByteArray& bytes, int from, int to, quint32 type, int nth = 0)
-{
-    for (int at = from; at + 8 <= to;) {
-        const quint32 size = be32(bytes, at);
-        if (size < 8 || size > quint32(to - at))
-            return Atom();
-        if (be32(bytes, at + 4) == type && nth-- == 0)
-            return Atom { type, at + 8, at + int(size) };
-        at += int(size);
-    }
-    return Atom();
-}
-
-quint16 be16(const QByteArray& bytes, int at)
-{
-    return qFromBigEndian<quint16>(reinterpret_cast<const uchar*>(bytes.constData()) + at);
-}
-
-// What a movie this library finished tells about itself in its maker atom and movie header, against
-// which its tracks are held besides the rules every movie must keep.
-struct OwnMovie
-{
-    bool present = false; // a maker atom was found
-    quint32 movieTimeScale = 0;
-    quint32 movieDuration = 0;
-    quint32 videoFrames = 0;
-    bool dropFrame = false;
-    quint32 frameDuration = 0; // of the picture and the timecode, in units of the movie's time scale
-    quint32 frameTimeScale = 0;
-    // Where the frame list puts each video frame, sound chunk and timecode sample, and their lengths.
-    QVector<quint64> videoOffsets;
-    QVector<quint32> videoBytes;
-    QVector<quint64> soundChunkOffsets;
-    QVector<quint64> timecodeOffsets;
-    QVector<quint32> timecodeBytes;
-    bool listComplete = false; // the list reaches every timecode sample it counts
-    bool listDiffersFromMap = false; // the list is not the start of the recorder's map
-};
-
-// The frame map a Tern recorder left in the reserved region of the file, up to its terminator; empty for
-// a file that is not laid out as a Tern recording (its first atom is 128 bytes or more).
-QVector<quint16> recorderFrameMap(QIODevice& file)
-{
-    QVector<quint16> map;
-    if (Tern::familyOfRecording(file) != &Tern::ternFamily)
-        return map;
-    if (!file.seek(Tern::QuickTimeFile::s_recoveryFrameMapPos))
-        return map;
-    const QByteArray bytes = file.read(Tern::QuickTimeFile::s_frameMapBytes);
-    const auto* entries = reinterpret_cast<const uchar*>(bytes.constData());
-    for (int i = 0; i + 1 < bytes.size(); i += 2) {
-        const quint16 entry = qFromLittleEndian<quint16>(entries + i);
-        if (entry == 0)
-            break;
-        map << entry;
-    }
-    return map;
-}
-
-OwnMovie ownMovie(const QByteArray& moov, const QVector<quint16>& recorderMap)
-{
-    OwnMovie own;
-    const Atom mvhd = child(moov, 8, moov.size(), code("mvhd"));
-    const Atom udta = child(moov, 8, moov.size(), code("udta"));
-    const Atom hldn = udta.valid() ? child(moov, udta.payload, udta.end, code("hldn")) : Atom();
-    if (!mvhd.valid() || mvhd.end - mvhd.payload < 16 || !hldn.valid() || hldn.end - hldn.payload < 28)
-        return own;
-    own.present = true;
-    own.movieTimeScale = be32(moov, mvhd.payload + 12);
-    own.movieDuration = be32(moov, mvhd.payload + 16);
-    // Behind version and flags, the constant and the interlace flag: the entry count, then the counts of
-    // video frames, sound chunks and timecode samples; the entries end the atom.
-    const quint32 entries = be32(moov, hldn.payload + 12);
-    own.videoFrames = be32(moov, hldn.payload + 16);
-    const quint32 timecodeSamples = be32(moov, hldn.payload + 24);
-    if (hldn.end - hldn.payload >= 44) {
-        // The recorder's nine values follow the counts: the third is the frame rate in hundredths (the
-        // field rate when interlaced), the fourth the drop-frame flag.
-        const bool interlaced = be32(moov, hldn.payload + 8) != 0;
-        const quint32 rate = be32(moov, hldn.payload + 36);
-        Tern::QuickTimeFile::calculateVideoInfoFromFrameRate(
-            interlaced ? rate >> 1 : rate, &own.frameDuration, &own.frameTimeScale);
-        own.dropFrame = be32(moov, hldn.payload + 40) != 0;
-    }
-    if (quint64(entries) * 2 > quint64(hldn.end - hldn.payload - 28))
-        return own;
-    QVector<quint16> list(static_cast<int>(entries), 0);
-    for (int i = 0, at = hldn.end - 2 * int(entries); i < int(entries); ++i, at += 2)
-        list[i] = be16(moov, at);
-    // Chunks of unknown type are listed but not counted, so such a list ends before the movie's last
-    // chunks. A Tern movie still holds the recorder's whole map in its reserved region: the list must be
-    // its start, and the map goes on where the list stops.
-    const bool endsEarly = std::any_of(list.begin(), list.end(), [](quint16 entry) {
-        return (entry >> Tern::QuickTimeFile::s_frameTypeShift) == Tern::quicktime_frametype_unknown;
-    });
-    if (endsEarly && !recorderMap.isEmpty()) {
-        if (recorderMap.mid(0, list.size()) != list) {
-            own.listDiffersFromMap = true;
-            return own;
-        }
-        list = recorderMap;
-    }
-    quint64 position = quint64(Tern::QuickTimeFile::s_movieDataStartOffset);
-    for (const quint16 entry : qAsConst(list)) {
-        const quint32 bytes = quint32(entry & Tern::QuickTimeFile::s_blockCountMask)
-            << Tern::QuickTimeFile::s_blockShift;
-        switch (entry >> Tern::QuickTimeFile::s_frameTypeShift) {
-        case Tern::quicktime_frametype_video:
-            own.videoOffsets << position;
-            own.videoBytes << bytes;
-            break;
-        case Tern::quicktime_frametype_sound:
-            own.soundChunkOffsets << position;
-            break;
-        case Tern::quicktime_frametype_timecode:
-            own.timecodeOffsets << position;
-            own.timecodeBytes << bytes;
-            break;
-        default:
-            break; // chunks of unknown type take their place and nothing else
-        }
-        position += bytes;
-    }
-    own.listComplete = quint32(own.timecodeOffsets.size()) == timecodeSamples;
-    return own;
-}
 
 // The data formats this library writes, by kind of track.
 bool writtenFormat(quint32 handler, quint32 format, quint32 soundSampleBytes)
@@ -275,54 +125,67 @@ private:
         }
         const int first = stsd.payload + 8;
         m_format = be32(m_bytes, first + 4);
-        // Sound: a version 1 description states the bytes of one frame (at 44 of the entry); version 0
-        // gives channels and bits per sample (at 24 and 26). The rate is 16.16 at 32.
-        if (m_handler == code("soun")) {
-            if (be32(m_bytes, first) < 36)
-                return fail("'stsd': the sound description is too short");
-            const quint16 version = be16(m_bytes, first + 16);
-            quint32 channels = be16(m_bytes, first + 24);
-            m_soundRate = be32(m_bytes, first + 32) >> 16;
-            // Version 2 ('lpcm'): the rate as a 64-bit float at 40, channels at 48, a packet's bytes at 64.
-            if (version == 2 && be32(m_bytes, first) >= 72) {
-                channels = be32(m_bytes, first + 48);
-                m_soundFrameBytes = be32(m_bytes, first + 64);
-                const quint64 rateBits = qFromBigEndian<quint64>(m_bytes.constData() + first + 40);
-                double rate = 0;
-                std::memcpy(&rate, &rateBits, sizeof rate);
-                m_soundRate = rate > 0 && rate < 4e9 ? quint32(rate) : 0;
-            } else if (version == 1 && be32(m_bytes, first) >= 48)
-                m_soundFrameBytes = be32(m_bytes, first + 44);
-            else if (version == 0)
-                m_soundFrameBytes = quint32(channels) * (be16(m_bytes, first + 26) / 8);
-            else
-                return fail(QString("'stsd': sound description version %1").arg(version));
-            if (channels == 0)
-                return fail("'stsd': sound of 0 channels");
-            m_soundSampleBytes = m_soundFrameBytes / channels;
-            if (m_soundRate != m_timeScale)
-                return fail(QString("'mdhd': a time scale of %1, the sound description's rate is %2")
-                                .arg(m_timeScale)
-                                .arg(m_soundRate));
-        }
-        if (m_handler == code("vide") && m_own.present && be32(m_bytes, first) >= 36 && m_trackWidth != 0) {
-            const quint32 width = be16(m_bytes, first + 32);
-            const quint32 height = be16(m_bytes, first + 34);
-            if (width != m_trackWidth || height != m_trackHeight)
-                return fail(QString("'stsd': pictures of %1x%2, the track header's are %3x%4")
-                                .arg(width)
-                                .arg(height)
-                                .arg(m_trackWidth)
-                                .arg(m_trackHeight));
-        }
-        if (m_handler == code("tmcd") && m_own.present) {
-            const QString problem = timecodeDescription(first);
-            if (!problem.isEmpty())
-                return problem;
-        }
+        QString problem;
+        if (m_handler == code("soun"))
+            problem = soundDescription(first);
+        else if (m_handler == code("vide") && m_own.present)
+            problem = pictureSize(first);
+        else if (m_handler == code("tmcd") && m_own.present)
+            problem = timecodeDescription(first);
+        if (!problem.isEmpty())
+            return problem;
         if (m_own.present && !writtenFormat(m_handler, m_format, m_soundSampleBytes))
             return fail(QString("'stsd': a data format this movie's tracks do not have (%1)")
                             .arg(QString::fromLatin1(m_bytes.mid(first + 4, 4))));
+        return QString();
+    }
+
+    // Sound: a version 1 description states the bytes of one frame (at 44 of the entry); version 0
+    // gives channels and bits per sample (at 24 and 26). The rate is 16.16 at 32.
+    QString soundDescription(int entry)
+    {
+        if (be32(m_bytes, entry) < 36)
+            return fail("'stsd': the sound description is too short");
+        const quint16 version = be16(m_bytes, entry + 16);
+        quint32 channels = be16(m_bytes, entry + 24);
+        m_soundRate = be32(m_bytes, entry + 32) >> 16;
+        // Version 2 ('lpcm'): the rate as a 64-bit float at 40, channels at 48, a packet's bytes at 64.
+        if (version == 2 && be32(m_bytes, entry) >= 72) {
+            channels = be32(m_bytes, entry + 48);
+            m_soundFrameBytes = be32(m_bytes, entry + 64);
+            const quint64 rateBits = qFromBigEndian<quint64>(m_bytes.constData() + entry + 40);
+            double rate = 0;
+            std::memcpy(&rate, &rateBits, sizeof rate);
+            m_soundRate = rate > 0 && rate < 4e9 ? quint32(rate) : 0;
+        } else if (version == 1 && be32(m_bytes, entry) >= 48)
+            m_soundFrameBytes = be32(m_bytes, entry + 44);
+        else if (version == 0)
+            m_soundFrameBytes = quint32(channels) * (be16(m_bytes, entry + 26) / 8);
+        else
+            return fail(QString("'stsd': sound description version %1").arg(version));
+        if (channels == 0)
+            return fail("'stsd': sound of 0 channels");
+        m_soundSampleBytes = m_soundFrameBytes / channels;
+        if (m_soundRate != m_timeScale)
+            return fail(QString("'mdhd': a time scale of %1, the sound description's rate is %2")
+                            .arg(m_timeScale)
+                            .arg(m_soundRate));
+        return QString();
+    }
+
+    // This library's video description: pictures of the size its track header gives.
+    QString pictureSize(int entry) const
+    {
+        if (be32(m_bytes, entry) < 36 || m_trackWidth == 0)
+            return QString();
+        const quint32 width = be16(m_bytes, entry + 32);
+        const quint32 height = be16(m_bytes, entry + 34);
+        if (width != m_trackWidth || height != m_trackHeight)
+            return fail(QString("'stsd': pictures of %1x%2, the track header's are %3x%4")
+                            .arg(width)
+                            .arg(height)
+                            .arg(m_trackWidth)
+                            .arg(m_trackHeight));
         return QString();
     }
 
@@ -491,6 +354,12 @@ private:
             return QString();
         if (m_sttsEntries != 1)
             return fail(QString("'stts': %1 runs for the timecode, this movie has one").arg(m_sttsEntries));
+        return timecodeAsListed();
+    }
+
+    // The timecode samples are where the maker atom's list puts them, as long as it says.
+    QString timecodeAsListed() const
+    {
         if (!m_own.listComplete)
             return QString(); // the list ends before the samples: nothing to hold them to
         // The interchange form lists only the sample its finish appended, a frame number, which closes
@@ -590,62 +459,21 @@ private:
     QVector<quint32> m_chunkSamples;
 };
 
-} // namespace
-
-bool readTopLevelAtoms(QIODevice& file, FileSpan* moov, QVector<FileSpan>* media)
+// What the tracks' checks found of the picture and the timecode, to hold the two to each other.
+struct PictureAndTimecode
 {
-    const quint64 size = quint64(file.size());
-    quint64 pos = 0;
-    while (pos + 8 <= size && file.seek(qint64(pos))) {
-        uchar header[16];
-        if (file.read(reinterpret_cast<char*>(header), 8) != 8)
-            return false;
-        quint64 atomSize = qFromBigEndian<quint32>(header);
-        const quint32 type = qFromBigEndian<quint32>(header + 4);
-        quint64 headerSize = 8;
-        if (atomSize == 1) {
-            if (file.read(reinterpret_cast<char*>(header + 8), 8) != 8)
-                return false;
-            atomSize = qFromBigEndian<quint64>(header + 8);
-            headerSize = 16;
-        } else if (atomSize == 0) {
-            atomSize = size - pos;
-        }
-        if (atomSize < headerSize || atomSize > size - pos)
-            return false;
-        if (type == code("mdat"))
-            *media << FileSpan { pos + headerSize, pos + atomSize };
-        else if (type == code("moov") && !moov->valid())
-            *moov = FileSpan { pos, pos + atomSize };
-        pos += atomSize;
-    }
-    return moov->valid();
-}
-
-QString checkSampleTables(QIODevice& file)
-{
-    FileSpan moovSpan;
-    QVector<FileSpan> media;
-    if (!readTopLevelAtoms(file, &moovSpan, &media))
-        return QStringLiteral("the top-level atoms do not lead to a 'moov'");
-    if (moovSpan.end - moovSpan.begin > kMaxIndexBytes || !file.seek(qint64(moovSpan.begin)))
-        return QStringLiteral("the 'moov' cannot be read");
-    const QByteArray moov = file.read(qint64(moovSpan.end - moovSpan.begin));
-    if (quint64(moov.size()) != moovSpan.end - moovSpan.begin)
-        return QStringLiteral("the 'moov' cannot be read");
-    const OwnMovie own = ownMovie(moov, recorderFrameMap(file));
-    if (own.listDiffersFromMap)
-        return QStringLiteral("the maker atom's frame list is not the start of the recorder's frame map");
-    if (own.present && own.movieTimeScale != own.frameTimeScale)
-        return QString("'mvhd': a time scale of %1, the recorded frame rate gives %2")
-            .arg(own.movieTimeScale)
-            .arg(own.frameTimeScale);
     quint64 pictureDuration = 0;
     quint32 frameDuration = 0;
-    int soundTracks = 0;
     int timecodeTrack = -1;
     quint32 timecodeDuration = 0;
     quint32 timecodeFrameDuration = 0;
+};
+
+// Checks every track in turn; the first problem found, or an empty text.
+QString checkTracks(QIODevice& file, const QByteArray& moov, const QVector<FileSpan>& media,
+                    const OwnMovie& own, PictureAndTimecode* found)
+{
+    int soundTracks = 0;
     for (int n = 0;; ++n) {
         const Atom trak = child(moov, 8, moov.size(), code("trak"), n);
         if (!trak.valid())
@@ -656,27 +484,56 @@ QString checkSampleTables(QIODevice& file)
             return problem;
         soundTracks += track.handler() == code("soun");
         if (track.handler() == code("vide")) {
-            frameDuration = track.lastDuration();
-            pictureDuration = quint64(frameDuration) * own.videoFrames;
+            found->frameDuration = track.lastDuration();
+            found->pictureDuration = quint64(found->frameDuration) * own.videoFrames;
         }
         if (track.handler() == code("tmcd")) {
-            timecodeTrack = n;
-            timecodeDuration = track.lastDuration();
-            timecodeFrameDuration = track.timecodeFrameDuration();
+            found->timecodeTrack = n;
+            found->timecodeDuration = track.lastDuration();
+            found->timecodeFrameDuration = track.timecodeFrameDuration();
         }
     }
-    // In this library's movies the timecode sample lasts as long as the picture, counting its frames; in
-    // the interchange form as long as the movie.
-    if (own.present && timecodeTrack >= 0 && timecodeDuration != pictureDuration
-        && timecodeDuration != own.movieDuration)
-        return QString("track %1 'stts': the timecode sample lasts %2, the picture %3")
-            .arg(timecodeTrack)
-            .arg(timecodeDuration)
-            .arg(pictureDuration);
-    if (own.present && timecodeTrack >= 0 && frameDuration != 0 && timecodeFrameDuration != frameDuration)
-        return QString("track %1 'stsd': timecode frames of %2 units, the picture's last %3")
-            .arg(timecodeTrack)
-            .arg(timecodeFrameDuration)
-            .arg(frameDuration);
     return QString();
+}
+
+// In this library's movies the timecode sample lasts as long as the picture, counting its frames; in
+// the interchange form as long as the movie.
+QString timecodeAsPicture(const OwnMovie& own, const PictureAndTimecode& found)
+{
+    if (!own.present || found.timecodeTrack < 0)
+        return QString();
+    if (found.timecodeDuration != found.pictureDuration && found.timecodeDuration != own.movieDuration)
+        return QString("track %1 'stts': the timecode sample lasts %2, the picture %3")
+            .arg(found.timecodeTrack)
+            .arg(found.timecodeDuration)
+            .arg(found.pictureDuration);
+    if (found.frameDuration != 0 && found.timecodeFrameDuration != found.frameDuration)
+        return QString("track %1 'stsd': timecode frames of %2 units, the picture's last %3")
+            .arg(found.timecodeTrack)
+            .arg(found.timecodeFrameDuration)
+            .arg(found.frameDuration);
+    return QString();
+}
+
+} // namespace
+
+QString checkSampleTables(QIODevice& file)
+{
+    QByteArray moov;
+    QVector<FileSpan> media;
+    QString problem = readIndex(file, &moov, &media);
+    if (!problem.isEmpty())
+        return problem;
+    const OwnMovie own = ownMovie(moov, recorderFrameMap(file));
+    if (own.listDiffersFromMap)
+        return QStringLiteral("the maker atom's frame list is not the start of the recorder's frame map");
+    if (own.present && own.movieTimeScale != own.frameTimeScale)
+        return QString("'mvhd': a time scale of %1, the recorded frame rate gives %2")
+            .arg(own.movieTimeScale)
+            .arg(own.frameTimeScale);
+    PictureAndTimecode found;
+    problem = checkTracks(file, moov, media, own, &found);
+    if (!problem.isEmpty())
+        return problem;
+    return timecodeAsPicture(own, found);
 }

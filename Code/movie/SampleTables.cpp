@@ -104,6 +104,60 @@ void logTableDone(quint32 entries)
     qDebug("done streaming %d entries", int(entries));
 }
 
+// The head of a table the parser reads: version and flags, then the entry count, with room left in the
+// budget for the count's entries of `entryBytes` each. True with the stream at the first entry.
+bool readTableHead(QuickTimeVersionFlagsAtom& atom, QDataStream& stream, quint64* remaining,
+                   quint32 entryBytes, quint32* entryCount, quint64* tableBytes)
+{
+    if (!atom.QuickTimeVersionFlagsAtom::read(stream, remaining)
+        || !QuickTimeAtom::consume(remaining, s_countFieldBytes))
+        return false;
+    stream >> *entryCount;
+    *tableBytes = quint64(entryBytes) * *entryCount;
+    return stream.status() == QDataStream::Ok && QuickTimeAtom::consume(remaining, *tableBytes);
+}
+
+// The tables a group's first table serves: each batch that table's walk builds is written again into
+// each of them, further on in the file, with the table's own biases.
+class ServedTables
+{
+public:
+    ServedTables(const QList<QuickTimeChunkOffset64Atom*>& tables, int capacity)
+        : m_tables(tables)
+        , m_chunkStarts(tables.isEmpty() ? 0 : size_t(capacity))
+        , m_batch(tables.isEmpty() ? 0 : capacity * s_offset64EntryBytes, '\0')
+    {
+    }
+
+    // The batch of `entries` in `sink`, whose entries carry `bias`, `batchStart` bytes into each table.
+    // The last batch ends on the last chunk, which starts at `lastChunkStart`.
+    void writeBatch(const TableBatch& sink, int entries, quint64 bias, qint64 batchStart, bool lastBatch,
+                    quint64 lastChunkStart)
+    {
+        if (m_tables.isEmpty())
+            return;
+        // The batch's chunk starts without bias, and one table's batch at a time.
+        for (int i = 0; i < entries; ++i)
+            m_chunkStarts[size_t(i)] = sink.get64(i) - bias;
+        for (const QuickTimeChunkOffset64Atom* table : m_tables) {
+            char* out = m_batch.data();
+            const quint64 tableBias = table->offsetBias;
+            for (int i = 0; i < entries; ++i)
+                qToBigEndian<quint64>(m_chunkStarts[size_t(i)] + tableBias, out + i * s_offset64EntryBytes);
+            if (lastBatch && entries > 0 && table->lastOffsetBias != 0)
+                qToBigEndian<quint64>(lastChunkStart + table->lastOffsetBias,
+                                      out + (entries - 1) * s_offset64EntryBytes);
+            sink.bufferDevice()->writeAhead(table->tablePosition() + batchStart, out,
+                                            entries * s_offset64EntryBytes);
+        }
+    }
+
+private:
+    const QList<QuickTimeChunkOffset64Atom*> m_tables;
+    std::vector<quint64> m_chunkStarts;
+    QByteArray m_batch;
+};
+
 } // namespace
 
 // ---------------------------------------------------------------------------------------------------------
@@ -176,11 +230,8 @@ void QuickTimeSampleToChunkAtom::write(QDataStream& stream)
 
 bool QuickTimeSampleToChunkAtom::read(QDataStream& stream, quint64* remaining)
 {
-    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_countFieldBytes))
-        return false;
-    stream >> entryCount;
-    const quint64 tableBytes = quint64(s_stscEntryBytes) * entryCount;
-    if (stream.status() != QDataStream::Ok || !consume(remaining, tableBytes))
+    quint64 tableBytes = 0;
+    if (!readTableHead(*this, stream, remaining, s_stscEntryBytes, &entryCount, &tableBytes))
         return false;
     if (file) {
         file->setSTSCPos(quint64(stream.device()->pos()));
@@ -299,11 +350,8 @@ void QuickTimeChunkOffsetAtom::write(QDataStream& stream)
 
 bool QuickTimeChunkOffsetAtom::read(QDataStream& stream, quint64* remaining)
 {
-    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_countFieldBytes))
-        return false;
-    stream >> entryCount;
-    const quint64 tableBytes = quint64(s_offsetEntryBytes) * entryCount;
-    if (stream.status() != QDataStream::Ok || !consume(remaining, tableBytes))
+    quint64 tableBytes = 0;
+    if (!readTableHead(*this, stream, remaining, s_offsetEntryBytes, &entryCount, &tableBytes))
         return false;
     if (file) {
         file->setSTCOPos(quint64(stream.device()->pos()));
@@ -339,24 +387,37 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
         return;
 
     const bool logs = file->family().logsChunkOffsetProgress;
-    FrameWalk walk(*file);
-    if (logs && entryCount != 0 && !walk.listEnded())
+    if (logs && entryCount != 0 && !FrameWalk(*file).listEnded())
         logTableStart(entryCount, streamPosition(stream));
-
-    // Entries an earlier table of the group already wrote here: step over them.
-    if (group && group->served.contains(this) && streamPosition(stream) == tablePosition()) {
-        if (auto* device = qobject_cast<QuickTimeBufferDevice*>(stream.device()))
-            device->skipWritten(qint64(s_offset64EntryBytes) * group->servedEntries);
+    if (servedByEarlierTable(stream)) {
+        stepOverServedEntries(stream);
         if (logs)
             logTableDone(group->servedEntries);
         return;
     }
+    const quint32 written = writeEntries(stream);
+    if (logs)
+        logTableDone(written);
+}
 
+// Entries an earlier table of the group already wrote here, where this table stands.
+bool QuickTimeChunkOffset64Atom::servedByEarlierTable(QDataStream& stream) const
+{
+    return group && group->served.contains(this) && streamPosition(stream) == tablePosition();
+}
+
+void QuickTimeChunkOffset64Atom::stepOverServedEntries(QDataStream& stream) const
+{
+    if (auto* device = qobject_cast<QuickTimeBufferDevice*>(stream.device()))
+        device->skipWritten(qint64(s_offset64EntryBytes) * group->servedEntries);
+}
+
+// One walk of the frame map in batches, each written here and to the tables this one serves.
+quint32 QuickTimeChunkOffset64Atom::writeEntries(QDataStream& stream)
+{
+    FrameWalk walk(*file);
     TableBatch sink(stream, s_offset64EntryBytes);
-    const QList<QuickTimeChunkOffset64Atom*> partners = tablesToServe(stream);
-    // For the tables served: the batch's chunk starts without bias, and one table's batch at a time.
-    std::vector<quint64> batchStarts(partners.isEmpty() ? 0 : size_t(sink.capacity()));
-    QByteArray partnerBatch(partners.isEmpty() ? 0 : sink.capacity() * s_offset64EntryBytes, '\0');
+    ServedTables served(tablesToServe(stream), sink.capacity());
     quint64 offset = quint64(QuickTimeFile::s_movieDataStartOffset);
     quint64 lastChunkStart = 0;
     quint32 countdown = 1; // samples of this type until the next chunk begins
@@ -384,27 +445,12 @@ void QuickTimeChunkOffset64Atom::write(QDataStream& stream)
         // The final chunk of the table takes lastOffsetBias in place of offsetBias.
         const bool lastBatch = written == entryCount || walk.listEnded();
         const qint64 batchStart = qint64(written - quint32(entries)) * s_offset64EntryBytes;
-        if (!partners.isEmpty()) {
-            for (int i = 0; i < entries; ++i)
-                batchStarts[size_t(i)] = sink.get64(i) - bias;
-        }
-        for (const QuickTimeChunkOffset64Atom* partner : partners) {
-            char* out = partnerBatch.data();
-            const quint64 partnerBias = partner->offsetBias;
-            for (int i = 0; i < entries; ++i)
-                qToBigEndian<quint64>(batchStarts[size_t(i)] + partnerBias, out + i * s_offset64EntryBytes);
-            if (lastBatch && entries > 0 && partner->lastOffsetBias != 0)
-                qToBigEndian<quint64>(lastChunkStart + partner->lastOffsetBias,
-                                      out + (entries - 1) * s_offset64EntryBytes);
-            sink.bufferDevice()->writeAhead(partner->tablePosition() + batchStart, out,
-                                            entries * s_offset64EntryBytes);
-        }
+        served.writeBatch(sink, entries, bias, batchStart, lastBatch, lastChunkStart);
         if (lastBatch && entries > 0 && lastOffsetBias != 0)
             sink.put64(entries - 1, lastChunkStart + lastOffsetBias);
         sink.endBatch(entries);
     }
-    if (logs)
-        logTableDone(written);
+    return written;
 }
 
 // The later tables of this one's group that its walk can write as well: only through the buffered
@@ -457,11 +503,8 @@ bool QuickTimeChunkOffset64Atom::walkReachesEveryEntry() const
 
 bool QuickTimeChunkOffset64Atom::read(QDataStream& stream, quint64* remaining)
 {
-    if (!QuickTimeVersionFlagsAtom::read(stream, remaining) || !consume(remaining, s_countFieldBytes))
-        return false;
-    stream >> entryCount;
-    const quint64 tableBytes = quint64(s_offset64EntryBytes) * entryCount;
-    if (stream.status() != QDataStream::Ok || !consume(remaining, tableBytes))
+    quint64 tableBytes = 0;
+    if (!readTableHead(*this, stream, remaining, s_offset64EntryBytes, &entryCount, &tableBytes))
         return false;
     if (file) {
         file->setCO64Pos(quint64(stream.device()->pos()));

@@ -112,6 +112,11 @@ public:
     static constexpr qint64 s_headBytes = 16; // header, version and flags, entry count
 
 private:
+    // Writing: a table that an earlier one of its group has written steps over its entries; any other
+    // walks the frame map for them (and for the tables it serves) and returns how many it wrote.
+    bool servedByEarlierTable(QDataStream& stream) const;
+    void stepOverServedEntries(QDataStream& stream) const;
+    quint32 writeEntries(QDataStream& stream);
     QList<QuickTimeChunkOffset64Atom*> tablesToServe(QDataStream& stream) const;
     bool walkReachesEveryEntry() const;
 };

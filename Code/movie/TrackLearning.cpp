@@ -15,9 +15,6 @@ const quint64 s_rateHundredths = 100;
 const quint32 s_ntscFilmRateLow = 2397;
 const quint32 s_ntscFilmRate = 2398;
 
-// Indices of the user-data values the video track sets.
-enum UserDataIndex { FrameRateIndex = 2, Value9Index = 8 };
-
 } // namespace
 
 bool QuickTimeFile::readFile()
@@ -79,8 +76,8 @@ void QuickTimeFile::checkCurrentTrackInfo()
             rate = s_ntscFilmRate;
         if (interlaced)
             rate *= 2; // the recorder counts fields
-        userData[FrameRateIndex] = rate;
-        userData[Value9Index] = 0;
+        userData[UserFrameRate] = rate;
+        userData[UserValue9] = 0;
     }
 }
 
