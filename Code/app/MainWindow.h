@@ -49,6 +49,7 @@ public:
     bool saveLogTo(const QString& path, QString* error = nullptr);
     // The log box's menu: Copy, Select All, Save Log..., Save Outcomes...
     QMenu* createLogMenu();
+    // For the window tests, which trigger the action as the menus and the shortcut do.
     QAction* saveLogAction() const { return m_saveLogAction; }
     // The Files tab's rows of the last run, in `format`: written to a file beside `path` and renamed over it
     // when whole, so a failed save leaves no file and an earlier one as it was. False with the system's
@@ -57,13 +58,15 @@ public:
     // The same in the form the name asks for (OutcomeTableModel::formatFor).
     bool saveOutcomesTo(const QString& path, QString* error = nullptr);
     // Save Outcomes... (the menus, the Files tab's button and Ctrl+Shift+S); off until a run has ended.
+    // For the window tests, like the two accessors below: the window itself uses its members.
     QAction* saveOutcomesAction() const { return m_saveOutcomesAction; }
     // The outcome of each in-progress file of the last run, in the order the run met them.
     const OutcomeTableModel* outcomeTable() const;
     // Shrinks the window into `available` (a screen's free area) where it is larger, down to the minimum
     // its layouts need at the current font, and moves it inside; done at the first showing.
     void fitIntoScreenArea(const QRect& available);
-    // Whether the box keeps the last line in view: true until the user scrolls away from the end.
+    // Whether the box keeps the last line in view: true until the user scrolls away from the end. For the
+    // window tests.
     bool followsLog() const { return m_followLog; }
 
 protected:

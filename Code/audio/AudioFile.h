@@ -121,7 +121,7 @@ public:
     bool iXmlModified() const { return m_iXmlModified; }
     quint64 timeReference() const { return m_timeReference; }
     quint32 dataStart() const { return m_dataStart; }
-    quint32 dataEnd() const { return m_dataEnd; }
+    quint32 dataEnd() const { return m_dataEnd; } // for the audio tests, which check the repaired sizes
 
 private:
     bool seekTo(qint64 pos);
