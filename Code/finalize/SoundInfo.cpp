@@ -270,7 +270,7 @@ QJsonObject predictSoundFinish(const QString& path, NameState name)
     // The audio finish itself: read the header, then repair the sizes.
     AudioFile audio(view);
     const unsigned int result = Finalize::finishHeronSound(audio, Tern::FinishStyle::Recorder);
-    finish.insert("family", "Heron");
+    finish.insert("family", QLatin1String(Tern::soundFileFamily().name));
     QString outcome = QStringLiteral("finalized");
     QString extension = QStringLiteral(".wav");
     QJsonValue reason;

@@ -143,6 +143,7 @@ const MovieFamily ternFamily = {
     0, // firstAtomSizeFrom: a 20-byte 'ftyp'
     s_ternFileType,
     false, // recordsSoundFiles
+    false, // mapInCallerStorage
     newTernMovie,
     QuickTimeFile::s_recoverySettingsPos,
     QuickTimeFile::s_recoveryFrameMapPos,
@@ -168,6 +169,7 @@ const MovieFamily heronFamily = {
     s_heronFirstAtomMinimum,
     s_heronFileType,
     true, // recordsSoundFiles
+    true, // mapInCallerStorage
     newHeronMovie,
     ::QuickTimeFile::s_recoverySettingsPos,
     ::QuickTimeFile::s_recoveryFrameMapPos,

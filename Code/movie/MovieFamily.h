@@ -38,8 +38,11 @@ struct MovieFamily
     // The family's recorder also writes sound alone, as WAV files the driver hands to its procedure; its
     // family is also the one a file whose first atom cannot be read is reported under.
     bool recordsSoundFiles;
+    // The family's movie objects keep their frame map in storage the caller hands them (the driver's work
+    // buffer) rather than their own.
+    bool mapInCallerStorage;
     // A movie object of the family on `device`, with `workBuffer` (2,736,000 entries) as its frame map
-    // when the family keeps its map in the caller's storage.
+    // when mapInCallerStorage; otherwise `workBuffer` is not used and may be null.
     QuickTimeFile* (*newMovie)(QIODevice& device, quint16* workBuffer);
 
     // Reserved region at the start of an unfinished recording.

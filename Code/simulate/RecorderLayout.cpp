@@ -24,7 +24,9 @@ QByteArray recordingRegionHead(const Tern::MovieFamily& family, int bytes)
         QByteArray region;
         QBuffer buffer(&region);
         buffer.open(QIODevice::ReadWrite);
-        QVector<quint16> frameMap(static_cast<int>(Tern::QuickTimeFile::s_frameMapEntries));
+        QVector<quint16> frameMap;
+        if (family.mapInCallerStorage)
+            frameMap.resize(int(Tern::QuickTimeFile::s_frameMapEntries));
         const std::unique_ptr<Tern::QuickTimeFile> movie(family.newMovie(buffer, frameMap.data()));
         movie->initFile(nullptr);
         regions.insert(&family, region);
@@ -93,7 +95,8 @@ std::unique_ptr<Tern::QuickTimeFile> startRecording(
     QFile& file, const RecordingPlan& plan, int audioTrackCount, QVector<quint16>* frameMap)
 {
     const Tern::MovieFamily& family = *recorderOf(plan.family).family;
-    frameMap->resize(int(Tern::QuickTimeFile::s_frameMapEntries));
+    if (family.mapInCallerStorage)
+        frameMap->resize(int(Tern::QuickTimeFile::s_frameMapEntries));
     std::unique_ptr<Tern::QuickTimeFile> movie(family.newMovie(file, frameMap->data()));
     movie->initFile(&file);
     file.seek(family.movieDataStartOffset);
