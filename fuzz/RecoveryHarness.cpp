@@ -121,7 +121,11 @@ Input readInput(const uint8_t* data, size_t size)
     FuzzSupport::InputReader in(data, size);
     Input input;
     const quint8 flags = in.u8();
-    input.family = Tern::movieFamilies()[flags & 1];
+    // Bit 1 is the map's repetition; the other bits pick the family, every family of the library in
+    // turn (with two, bit 0 alone decides).
+    const auto& families = Tern::movieFamilies();
+    const unsigned familyBits = (flags & 1u) | ((unsigned(flags) >> 2) << 1);
+    input.family = families[familyBits % families.size()];
     input.repeatMap = (flags & 2) != 0;
     input.mediaBytes = qMin(qint64(in.u32()) * 512, kMaxMediaBytes);
     input.record = QByteArray(SynthesizedRecording::recordSize(input.family), '\0');

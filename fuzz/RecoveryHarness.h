@@ -12,10 +12,11 @@
 // procedures' own calls up to and including recover, and the promises a recovery is held to.
 namespace RecoveryHarness {
 
-// Byte 0 bit 0 picks the family (0 Tern, 1 Heron: the order of Tern::movieFamilies()), bit 1 asks for
-// the map to be repeated; bytes 1-4 the media length in 512-byte blocks (little-endian, capped); then the
-// settings record (120 bytes Tern, 108 Heron; zero-padded when the input is short); the rest is the start
-// of the frame map as stored (little-endian entries).
+// Byte 0: bit 1 asks for the map to be repeated, bit 0 and bits 2-7 (bit 0 lowest) number the family in
+// the order of Tern::movieFamilies(), modulo their count (with 0 Tern and 1 Heron, bit 0 alone); bytes 1-4
+// the media length in 512-byte blocks (little-endian, capped); then the family's settings record (120
+// bytes Tern, 108 Heron; zero-padded when the input is short); the rest is the start of the frame map as
+// stored (little-endian entries).
 struct Input
 {
     SynthesizedRecording::Family family = &Tern::ternFamily;

@@ -16,6 +16,11 @@ class CardFile : public QFile
 public:
     using QFile::QFile;
 
+    // Opens the file to change it in place: read-write and unbuffered (a failing write fails where it
+    // happens, not in a hidden buffer flushed later); a file that vanished since the walk listed it is not
+    // created anew.
+    bool openToChange() { return open(ReadWrite | Unbuffered | ExistingOnly); }
+
     // Why the card or the system refused a transfer ("the card is full", ...); empty while none was.
     QString mediumFailure() const { return m_mediumFailure; }
 

@@ -2,6 +2,7 @@
 
 #include "finalize/CardAccess.h"
 #include "finalize/CardFile.h"
+#include "finalize/FinishPrediction.h"
 #include "finalize/QtMessageFilter.h"
 
 #include <QDirIterator>
@@ -16,8 +17,6 @@
 namespace {
 // getFileType's code for a file whose family cannot be read; the families' own codes are theirs.
 const int kFamilyUnreadable = 2;
-
-const unsigned int kResultUnrecoverable = 31;
 
 ushort asciiLower(ushort c)
 {
@@ -268,6 +267,32 @@ bool Finalize::finalizeFolder(QDir& dir)
     return true;
 }
 
+namespace {
+
+// The outcome of a file whose lock was not taken, told by why; false when the lock is held.
+bool leftUnlocked(RecordingLock::State state, FileOutcome* outcome)
+{
+    switch (state) {
+    case RecordingLock::State::Held:
+        return false;
+    case RecordingLock::State::InUse:
+        outcome->fate = FileOutcome::Fate::InUse;
+        outcome->reason = QStringLiteral("in use by another run");
+        break;
+    case RecordingLock::State::Gone:
+        outcome->fate = FileOutcome::Fate::Gone;
+        outcome->reason = QStringLiteral("no longer there");
+        break;
+    case RecordingLock::State::Unreadable:
+        outcome->fate = FileOutcome::Fate::Unreadable;
+        outcome->reason = QStringLiteral("cannot be read");
+        break;
+    }
+    return true;
+}
+
+} // namespace
+
 FileOutcome Finalize::finalizeFile(QDir& dir, const QString& name)
 {
     FileOutcome outcome;
@@ -283,22 +308,8 @@ FileOutcome Finalize::finalizeFile(QDir& dir, const QString& name)
     // Held from before the header is read until after the rename, so no other run touches the file
     // meanwhile. A scan only reads, and shares it with other scans.
     const RecordingLock lock(path, scanOnly ? RecordingLock::Mode::Shared : RecordingLock::Mode::Exclusive);
-    switch (lock.state()) {
-    case RecordingLock::State::Held:
-        break;
-    case RecordingLock::State::InUse:
-        outcome.fate = FileOutcome::Fate::InUse;
-        outcome.reason = QStringLiteral("in use by another run");
+    if (leftUnlocked(lock.state(), &outcome))
         return outcome;
-    case RecordingLock::State::Gone:
-        outcome.fate = FileOutcome::Fate::Gone;
-        outcome.reason = QStringLiteral("no longer there");
-        return outcome;
-    case RecordingLock::State::Unreadable:
-        outcome.fate = FileOutcome::Fate::Unreadable;
-        outcome.reason = QStringLiteral("cannot be read");
-        return outcome;
-    }
     const CardAccess::WriteBlock block = CardAccess::writeBlockFor(path);
     if (block != CardAccess::WriteBlock::None) {
         // Read only: the file cannot be opened for writing, which getFileType asks for.
@@ -312,29 +323,34 @@ FileOutcome Finalize::finalizeFile(QDir& dir, const QString& name)
         outcome.fate = FileOutcome::Fate::NeedsFinishing;
         return outcome;
     }
-    notFinishedReason.clear();
-    const FileFinish finish = finishFile(path);
-    const unsigned int result = finish.code;
-    // A file no procedure ran on is told under the previous file's family and name, as the driver's
-    // members still hold them: the line for it has always read so.
-    outcome.family = QLatin1String((finish.family ? finish.family : m_lastFamily)->name);
-    if (!notFinishedReason.isEmpty()) {
-        outcome.fate = FileOutcome::Fate::LeftForTheCard;
-        outcome.reason = notFinishedReason;
-        return outcome;
-    }
-    outcome.fate = result == 0 ? FileOutcome::Fate::Finalized : FileOutcome::Fate::GivenUp;
-    if (result != 0)
-        outcome.reason = QStringLiteral("the recording could not be finished");
-    // The line names the file as the procedure tells it; where that name is not a file (a procedure
-    // that renamed nothing), the file is still at its old path.
-    const QString& named = finish.outputName.isEmpty() ? outputFileName : finish.outputName;
-    outcome.reportedPath = dir.absoluteFilePath(named);
-    outcome.pathAfter = QFileInfo::exists(outcome.reportedPath) ? outcome.reportedPath : path;
+    finishInto(dir, &outcome);
     return outcome;
 }
 
-void Finalize::report(const FileOutcome& outcome)
+void Finalize::finishInto(QDir& dir, FileOutcome* outcome)
+{
+    const QString& path = outcome->pathBefore;
+    notFinishedReason.clear();
+    const FileFinish finish = finishFile(path);
+    // A file no procedure ran on is told under the previous file's family and name, as the driver's
+    // members still hold them: the line for it has always read so.
+    outcome->family = QLatin1String((finish.family ? finish.family : m_lastFamily)->name);
+    if (!notFinishedReason.isEmpty()) {
+        outcome->fate = FileOutcome::Fate::LeftForTheCard;
+        outcome->reason = notFinishedReason;
+        return;
+    }
+    outcome->fate = finish.finished() ? FileOutcome::Fate::Finalized : FileOutcome::Fate::GivenUp;
+    if (!finish.finished())
+        outcome->reason = QStringLiteral("the recording could not be finished");
+    // The line names the file as the procedure tells it; where that name is not a file (a procedure
+    // that renamed nothing), the file is still at its old path.
+    const QString& named = finish.outputName.isEmpty() ? outputFileName : finish.outputName;
+    outcome->reportedPath = dir.absoluteFilePath(named);
+    outcome->pathAfter = QFileInfo::exists(outcome->reportedPath) ? outcome->reportedPath : path;
+}
+
+QString Finalize::reportLine(const FileOutcome& outcome) const
 {
     const QString& path = outcome.pathBefore;
     // The family as the lines tag it: "(Tern)", and in a scan's lines "(tern)".
@@ -342,53 +358,58 @@ void Finalize::report(const FileOutcome& outcome)
     const QString scanTag = tag.toLower();
     switch (outcome.fate) {
     case FileOutcome::Fate::GivenUpEarlier:
-        emit textOutput(QString("     %1 Unrecoverable\n").arg(path));
-        ++badCount;
-        break;
+        return QString("     %1 Unrecoverable\n").arg(path);
     case FileOutcome::Fate::InUse:
-        emit textOutput(QString("     %1 in use by another run, left as it is\n").arg(path));
-        ++leftCount;
-        break;
+        return QString("     %1 in use by another run, left as it is\n").arg(path);
     case FileOutcome::Fate::Gone:
         // Most often another run finished it since this folder was listed: nothing is left to do.
-        emit textOutput(QString("     %1 is no longer there, passed over\n").arg(path));
-        break;
+        return QString("     %1 is no longer there, passed over\n").arg(path);
     case FileOutcome::Fate::Unreadable:
-        emit textOutput(cannotBeRead(path));
-        ++leftCount;
-        break;
+        return cannotBeRead(path);
     case FileOutcome::Fate::NotWritable:
-        if (scanOnly) {
-            // It still needs finishing; the line says where that can be done.
-            emit textOutput(QString("     %1 %2 Requires finalize, cannot be finalized here: %3\n")
-                                .arg(path, scanTag, outcome.reason));
-            ++goodCount;
-        } else {
-            emit textOutput(QString("     %1 %2 Left as it is: %3\n")
-                                .arg(path, tag, outcome.reason));
-            ++leftCount;
-        }
-        break;
+        // A scan counts it as still needing its finish and says where that can be done.
+        if (scanOnly)
+            return QString("     %1 %2 Requires finalize, cannot be finalized here: %3\n")
+                .arg(path, scanTag, outcome.reason);
+        return QString("     %1 %2 Left as it is: %3\n").arg(path, tag, outcome.reason);
     case FileOutcome::Fate::NeedsFinishing:
-        emit textOutput(QString("     %1 %2 Requires finalize\n").arg(path, scanTag));
-        ++goodCount;
-        break;
+        return QString("     %1 %2 Requires finalize\n").arg(path, scanTag);
     case FileOutcome::Fate::LeftForTheCard:
-        ++leftCount;
-        emit textOutput(QString("     %1 not finished: %2.\n").arg(path, outcome.reason));
-        break;
+        return QString("     %1 not finished: %2.\n").arg(path, outcome.reason);
     case FileOutcome::Fate::Finalized:
+        return QString("     %1 %2 Finalized\n").arg(outcome.reportedPath, tag);
     case FileOutcome::Fate::GivenUp:
-        if (outcome.fate == FileOutcome::Fate::Finalized)
-            ++goodCount;
-        else
-            ++badCount;
-        emit textOutput(
-            QString("     %1 %2 %3\n")
-                .arg(outcome.reportedPath, tag,
-                    outcome.fate == FileOutcome::Fate::Finalized ? "Finalized" : "Unrecoverable"));
+        return QString("     %1 %2 Unrecoverable\n").arg(outcome.reportedPath, tag);
+    }
+    return QString();
+}
+
+int* Finalize::countFor(FileOutcome::Fate fate)
+{
+    switch (fate) {
+    case FileOutcome::Fate::GivenUpEarlier:
+    case FileOutcome::Fate::GivenUp:
+        return &badCount;
+    case FileOutcome::Fate::InUse:
+    case FileOutcome::Fate::Unreadable:
+    case FileOutcome::Fate::LeftForTheCard:
+        return &leftCount;
+    case FileOutcome::Fate::NotWritable:
+        return scanOnly ? &goodCount : &leftCount;
+    case FileOutcome::Fate::NeedsFinishing:
+    case FileOutcome::Fate::Finalized:
+        return &goodCount;
+    case FileOutcome::Fate::Gone:
         break;
     }
+    return nullptr;
+}
+
+void Finalize::report(const FileOutcome& outcome)
+{
+    emit textOutput(reportLine(outcome));
+    if (int* count = countFor(outcome.fate))
+        ++*count;
     emit fileDone(outcome);
 }
 
@@ -411,18 +432,30 @@ Finalize::FileFinish Finalize::finishFile(const QString& path)
         QFile unused(path); // constructed and dropped around the check, never opened
         type = getFileType(path);
     }
-    const Tern::MovieFamily* family = Tern::familyOfFileType(type);
-    for (const FamilyProcedure& procedure : s_procedures) {
-        if (procedure.family == family) {
-            const FileFinish finish = (this->*procedure.finish)(path);
-            keep(finish);
-            return finish;
-        }
+    if (const FamilyProcedure* procedure = procedureOf(Tern::familyOfFileType(type))) {
+        const FileFinish finish = (this->*procedure->finish)(path);
+        keep(finish);
+        return finish;
     }
     // No procedure runs: outputFileName and isTern keep the previous file's values.
     FileFinish unread;
-    unread.code = kResultUnrecoverable;
+    unread.code = FileFinish::s_unrecoverable;
     return unread;
+}
+
+const Finalize::FamilyProcedure* Finalize::procedureOf(const Tern::MovieFamily* family)
+{
+    for (const FamilyProcedure& procedure : s_procedures) {
+        if (procedure.family == family)
+            return &procedure;
+    }
+    return nullptr;
+}
+
+FinishPrediction Finalize::predictFinish(const Tern::MovieFamily& family, CopyOnWriteFile& view,
+    const QString& path)
+{
+    return procedureOf(&family)->predict(view, path);
 }
 
 unsigned int Finalize::keep(const FileFinish& finish)

@@ -12,6 +12,8 @@
 
 class AudioFile;
 class CardFile;
+class CopyOnWriteFile;
+struct FinishPrediction;
 
 // Driver of one run: walks the start folders depth-first, picks out the recorder's in-progress
 // files by name and either reports them (scan-only) or hands each to its family's procedure.
@@ -41,6 +43,9 @@ public:
     // outputFileName as well.
     struct FileFinish
     {
+        static constexpr unsigned int s_finalized = 0;
+        static constexpr unsigned int s_unrecoverable = 31; // what a procedure returns for any failure
+        bool finished() const { return code == s_finalized; }
         unsigned int code = 0;
         const Tern::MovieFamily* family = nullptr;
         QString outputName;
@@ -61,6 +66,10 @@ public:
     static HeronStep finishHeronMovie(QuickTimeFile& movie, const QString& path, Tern::FinishStyle style);
     // The audio finish: the header read, then the sizes repaired; the audio library's result code.
     static unsigned int finishHeronSound(AudioFile& audio, Tern::FinishStyle style);
+
+    // What the procedure of `family` would do to the recording on `view` (at `path`), the card untouched.
+    static FinishPrediction predictFinish(const Tern::MovieFamily& family, CopyOnWriteFile& view,
+        const QString& path);
 
     // Rewrites the index of a movie Clipward finished (in either form) into the interchange form; a
     // rewrite cut short is completed. LeftForTheCard sets notFinishedReason.
@@ -107,22 +116,36 @@ private:
     // Each family's procedure; the driver hands a file to the one of the family getFileType finds.
     FileFinish ternFinish(const QString& path);
     FileFinish heronFinish(const QString& path);
+    // And what it would do to a recording, its steps run on a copy-on-write view (clipward-cli --info).
+    static FinishPrediction predictTernFinish(CopyOnWriteFile& view, const QString& path);
+    static FinishPrediction predictHeronFinish(CopyOnWriteFile& view, const QString& path);
     struct FamilyProcedure
     {
         const Tern::MovieFamily* family;
         FileFinish (Finalize::*finish)(const QString& path);
+        FinishPrediction (*predict)(CopyOnWriteFile& view, const QString& path);
     };
     static constexpr FamilyProcedure s_procedures[] = {
-        {&Tern::ternFamily, &Finalize::ternFinish},
-        {&Tern::heronFamily, &Finalize::heronFinish},
+        {&Tern::ternFamily, &Finalize::ternFinish, &Finalize::predictTernFinish},
+        {&Tern::heronFamily, &Finalize::heronFinish, &Finalize::predictHeronFinish},
     };
+    static const FamilyProcedure* procedureOf(const Tern::MovieFamily* family);
     // Keeps what a procedure returned in isTern and outputFileName, as the driver's members tell it.
     unsigned int keep(const FileFinish& finish);
     // The family of the last procedure that ran (isTern's, as a family; Heron's before any ran).
     const Tern::MovieFamily* m_lastFamily = &Tern::heronFamily;
 
+    // The steps of restore(): the refusals by name, then the take-back of a finished movie's bytes.
+    static QString restoreRefusal(const QString& path, QString* restoredPath);
+    Restore takeBackFinishedMovie(const QString& path);
+
     // One listed file: tried or left, and why. The report's line and the counts are made from it.
     FileOutcome finalizeFile(QDir& dir, const QString& name);
+    // The in-progress file's turn with its family's procedure, told in `outcome`.
+    void finishInto(QDir& dir, FileOutcome* outcome);
+    // The report's line for a file and the count it adds to (null: none), then both given with the outcome.
+    QString reportLine(const FileOutcome& outcome) const;
+    int* countFor(FileOutcome::Fate fate);
     void report(const FileOutcome& outcome);
     // True when the finish of `file` failed because of the card or the system, not the recording: the
     // reason is kept for the driver's line and the procedure leaves the file's name as it is.

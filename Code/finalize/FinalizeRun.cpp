@@ -28,92 +28,110 @@ QString inUseLine(const QString& path)
 
 } // namespace
 
-void FinalizeRun::closeFileCommand(const Summary& summary, const char* verb, const QString& doneLine)
+FinalizeRun::Summary FinalizeRun::eachGivenFile(const QStringList& files, const char* verb,
+    const QString& doneLine, const std::function<FileLine(const QString& path)>& treat)
 {
+    Summary summary;
+    summary.pathExists = true;
+    for (const QString& each : files) {
+        const FileLine line = treat(QFileInfo(each).absoluteFilePath());
+        emit output(line.text);
+        ++(summary.*line.count);
+    }
     emit output(" ");
     if (summary.badCount != 0)
         emit output(QString("%1 file(s) not %2.").arg(summary.badCount).arg(verb));
     if (summary.leftCount != 0)
         emit output(QString("%1 file(s) left as they are.").arg(summary.leftCount));
     emit output(doneLine.arg(summary.goodCount));
+    return summary;
 }
 
 FinalizeRun::Summary FinalizeRun::rewriteForInterchange(const QStringList& files)
 {
     Finalize driver;
-    Summary summary;
-    summary.pathExists = true;
-    for (const QString& each : files) {
-        const QString path = QFileInfo(each).absoluteFilePath();
-        QString line;
-        int* count = &summary.badCount;
-        if (!QFileInfo(path).isFile()) {
-            line = notDoneLine(path, "rewritten", "there is no such file");
-        } else {
-            switch (driver.rewriteForInterchange(path)) {
-            case Finalize::Rewrite::Rewritten:
-                line = QString("     %1 rewritten for interchange.").arg(path);
-                count = &summary.goodCount;
-                break;
-            case Finalize::Rewrite::NotFinishedByClipward:
-                line = notDoneLine(path, "rewritten", "Clipward did not finish this movie");
-                break;
-            case Finalize::Rewrite::Failed:
-                line = notDoneLine(path, "rewritten", "its recording could not be finished again");
-                break;
-            case Finalize::Rewrite::InUse:
-                line = inUseLine(path);
-                count = &summary.leftCount;
-                break;
-            case Finalize::Rewrite::LeftForTheCard:
-                line = notDoneLine(path, "rewritten", driver.notFinishedReason);
-                count = &summary.leftCount;
-                break;
-            }
+    const auto rewrite = [&driver](const QString& path) -> FileLine {
+        if (!QFileInfo(path).isFile())
+            return {notDoneLine(path, "rewritten", "there is no such file"), &Summary::badCount};
+        switch (driver.rewriteForInterchange(path)) {
+        case Finalize::Rewrite::Rewritten:
+            return {QString("     %1 rewritten for interchange.").arg(path), &Summary::goodCount};
+        case Finalize::Rewrite::NotFinishedByClipward:
+            return {notDoneLine(path, "rewritten", "Clipward did not finish this movie"), &Summary::badCount};
+        case Finalize::Rewrite::Failed:
+            return {notDoneLine(path, "rewritten", "its recording could not be finished again"),
+                &Summary::badCount};
+        case Finalize::Rewrite::InUse:
+            return {inUseLine(path), &Summary::leftCount};
+        case Finalize::Rewrite::LeftForTheCard:
+            break;
         }
-        emit output(line);
-        ++*count;
-    }
-    closeFileCommand(summary, "rewritten", "%1 movie(s) rewritten for interchange.");
-    return summary;
+        return {notDoneLine(path, "rewritten", driver.notFinishedReason), &Summary::leftCount};
+    };
+    return eachGivenFile(files, "rewritten", "%1 movie(s) rewritten for interchange.", rewrite);
 }
 
 FinalizeRun::Summary FinalizeRun::restore(const QStringList& files)
 {
     Finalize driver;
-    Summary summary;
-    summary.pathExists = true;
-    for (const QString& each : files) {
-        const QString path = QFileInfo(each).absoluteFilePath();
+    const auto restore = [&driver](const QString& path) -> FileLine {
         QString restoredPath;
-        QString line;
-        int* count = &summary.leftCount;
         switch (driver.restore(path, &restoredPath)) {
         case Finalize::Restore::Restored:
-            line = QString("     %1 restored as %2.").arg(path, restoredPath);
-            count = &summary.goodCount;
-            break;
+            return {QString("     %1 restored as %2.").arg(path, restoredPath), &Summary::goodCount};
         case Finalize::Restore::Refused:
-            line = notDoneLine(path, "restored", driver.notFinishedReason);
-            count = &summary.badCount;
-            break;
+            return {notDoneLine(path, "restored", driver.notFinishedReason), &Summary::badCount};
         case Finalize::Restore::InUse:
-            line = inUseLine(path);
-            break;
+            return {inUseLine(path), &Summary::leftCount};
         case Finalize::Restore::LeftForTheCard:
-            line = notDoneLine(path, "restored", driver.notFinishedReason);
             break;
         }
-        emit output(line);
-        ++*count;
-    }
-    closeFileCommand(summary, "restored", "%1 file(s) restored.");
-    return summary;
+        return {notDoneLine(path, "restored", driver.notFinishedReason), &Summary::leftCount};
+    };
+    return eachGivenFile(files, "restored", "%1 file(s) restored.", restore);
 }
 
 QString FinalizeRun::driveOf(const QString& path)
 {
     return QFileInfo(path).absolutePath().left(2);
+}
+
+void FinalizeRun::announce(const QStringList& paths)
+{
+    for (const QString& each : paths)
+        emit output(QString("Checking drive: %1").arg(driveOf(each)));
+    if (m_scanOnly) {
+        emit output("Displaying files that require finalization.");
+        emit output("No files will be modifed."); // spelled so on purpose: scripts match the line as it is
+    } else {
+        emit output("Scanning for unfinalized files.");
+    }
+}
+
+void FinalizeRun::closeRun(const Summary& summary)
+{
+    // The lines for files and folders left alone appear only when there were such.
+    emit output(" ");
+    if (summary.badCount != 0)
+        emit output(QString("%1 file(s) unrecoverable.").arg(summary.badCount));
+    if (summary.leftCount != 0)
+        emit output(QString("%1 file(s) left as they are.").arg(summary.leftCount));
+    if (summary.unreadableFolderCount != 0)
+        emit output(QString("%1 folder(s) could not be read.").arg(summary.unreadableFolderCount));
+    if (!m_scanOnly) {
+        if (summary.goodCount == 0 && summary.somethingLeft())
+            emit output("No file has been finalized.");
+        else if (summary.goodCount == 0)
+            emit output("No unfinalized files found.");
+        else
+            emit output(QString("%1 file(s) have been successfully finalized.").arg(summary.goodCount));
+    } else {
+        // A diagnostic line every scan has always logged before its counts; kept on purpose, since the
+        // report's lines (and the tests and scripts reading them) include it.
+        qDebug("Test Debug");
+        emit output(QString("%1 file(s) require finalizing.").arg(summary.goodCount));
+        emit output("Run again with Scan Mode set to 'Scan and Finalize'");
+    }
 }
 
 FinalizeRun::Summary FinalizeRun::run(const QString& path)
@@ -130,46 +148,14 @@ FinalizeRun::Summary FinalizeRun::run(const QString& path)
 
     Summary summary;
     summary.pathExists = QDir(QDir::toNativeSeparators(path)).exists();
-
-    for (const QString& each : paths)
-        emit output(QString("Checking drive: %1").arg(driveOf(each)));
-    if (m_scanOnly) {
-        emit output("Displaying files that require finalization.");
-        emit output("No files will be modifed."); // spelled so on purpose: scripts match the line as it is
-    } else {
-        emit output("Scanning for unfinalized files.");
-    }
-
+    announce(paths);
     driver.finalizeFolders(paths);
-
     QDir::setCurrent(currentBefore);
 
     summary.goodCount = driver.goodCount;
     summary.badCount = driver.badCount;
     summary.leftCount = driver.leftCount;
     summary.unreadableFolderCount = driver.unreadableFolderCount;
-
-    // The lines for files and folders left alone appear only when there were such.
-    emit output(" ");
-    if (driver.badCount != 0)
-        emit output(QString("%1 file(s) unrecoverable.").arg(driver.badCount));
-    if (driver.leftCount != 0)
-        emit output(QString("%1 file(s) left as they are.").arg(driver.leftCount));
-    if (driver.unreadableFolderCount != 0)
-        emit output(QString("%1 folder(s) could not be read.").arg(driver.unreadableFolderCount));
-    if (!m_scanOnly) {
-        if (driver.goodCount == 0 && summary.somethingLeft())
-            emit output("No file has been finalized.");
-        else if (driver.goodCount == 0)
-            emit output("No unfinalized files found.");
-        else
-            emit output(QString("%1 file(s) have been successfully finalized.").arg(driver.goodCount));
-    } else {
-        // A diagnostic line every scan has always logged before its counts; kept on purpose, since the
-        // report's lines (and the tests and scripts reading them) include it.
-        qDebug("Test Debug");
-        emit output(QString("%1 file(s) require finalizing.").arg(driver.goodCount));
-        emit output("Run again with Scan Mode set to 'Scan and Finalize'");
-    }
+    closeRun(summary);
     return summary;
 }

@@ -6,6 +6,8 @@
 #include <QObject>
 #include <QString>
 
+#include <functional>
+
 // One press of Start: the report header, the driver's walk and the summary, as a sequence of
 // texts on `output`. The window and the command line both present exactly this sequence.
 // Library messages logged meanwhile go through the installed message handler, in time order.
@@ -53,9 +55,20 @@ signals:
     void fileDone(const FileOutcome& outcome);
 
 private:
-    // The closing lines of a command on given files: how many were not `verb` and left, then `doneLine`
-    // with the count of those done.
-    void closeFileCommand(const Summary& summary, const char* verb, const QString& doneLine);
+    // A command on given files: `treat` does it to each (its absolute path) and gives the file's line and
+    // the count it adds to; the closing lines say how many were not `verb` and left, then `doneLine` with
+    // the count of those done.
+    struct FileLine
+    {
+        QString text;
+        int Summary::*count;
+    };
+    Summary eachGivenFile(const QStringList& files, const char* verb, const QString& doneLine,
+        const std::function<FileLine(const QString& path)>& treat);
+
+    // A run's opening lines (drive, mode) and closing lines (counts).
+    void announce(const QStringList& paths);
+    void closeRun(const Summary& summary);
 
     bool m_scanOnly;
     Tern::FinishStyle m_style;

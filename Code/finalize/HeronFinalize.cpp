@@ -4,22 +4,19 @@
 
 #include "audio/AudioFile.h"
 #include "finalize/CardFile.h"
+#include "finalize/CopyOnWriteFile.h"
 #include "finalize/EarlierFinish.h"
 #include "finalize/Finalize.h"
+#include "finalize/FinishPrediction.h"
 #include "movie/StableStorage.h"
 
 #include <QDebug>
 #include <QFile>
 #include <QFileInfo>
 
-namespace {
+#include <vector>
 
-const unsigned int kFinalized = 0;
-const unsigned int kUnrecoverable = 31;
-// Read-write and unbuffered (a failing write fails where it happens, not in a hidden buffer flushed
-// later); a file that vanished since the walk listed it is not created anew.
-const QIODevice::OpenMode kOpenExisting
-    = QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::ExistingOnly;
+namespace {
 
 // Renames the closed file and makes the new name durable.
 void renameDurably(QFile& file, const QString& newName)
@@ -72,41 +69,71 @@ Finalize::FileFinish Finalize::heronFinish(const QString& path)
     const QString lower = path.toLower();
 
     if (lower.endsWith(".zqv")) {
-        finish.code = kUnrecoverable;
-        if (!file.open(kOpenExisting))
+        finish.code = FileFinish::s_unrecoverable;
+        if (!file.openToChange())
             return finish;
         auto* movie = new QuickTimeFile(file, workBuffer);
         const HeronStep step = finishHeronMovie(*movie, path, finishStyle);
         // A movie finished before is renamed now.
         if (step == HeronStep::Finalized || step == HeronStep::FinishedEarlier)
-            finish.code = kFinalized;
+            finish.code = FileFinish::s_finalized;
         if (step == HeronStep::RebuildFailed)
             file.noteFailedClose(*movie);
         delete movie;
         file.close();
-        if (leftForTheCard(file, finish.code == kFinalized))
+        if (leftForTheCard(file, finish.finished()))
             return finish;
         // Unlike Tern, every failure gives the movie up; an existing file of the new name is kept.
-        finish.outputName = QString(path).replace(".zqv", finish.code == kFinalized ? ".mov" : ".nrv");
+        finish.outputName = QString(path).replace(".zqv", finish.finished() ? ".mov" : ".nrv");
         renameDurably(file, finish.outputName);
         return finish;
     }
 
     if (lower.endsWith(".zqa")) {
-        finish.code = kUnrecoverable;
-        if (!file.open(kOpenExisting))
+        finish.code = FileFinish::s_unrecoverable;
+        if (!file.openToChange())
             return finish;
         AudioFile audio(file);
         finish.code = finishHeronSound(audio, finishStyle);
         StableStorage::sync(file); // the repaired sizes reach the disk before the finished name does
         file.close();
-        if (leftForTheCard(file, finish.code == 0))
+        if (leftForTheCard(file, finish.finished()))
             return finish;
-        finish.outputName = QString(path).replace(".zqa", finish.code == 0 ? ".wav" : ".nra");
+        finish.outputName = QString(path).replace(".zqa", finish.finished() ? ".wav" : ".nra");
         renameDurably(file, finish.outputName);
         return finish;
     }
     // Any other name (a given-up name in capitals, say) is left as it is and named nothing: the report's
     // line then names the previous file, as it always has.
     return finish;
+}
+
+FinishPrediction Finalize::predictHeronFinish(CopyOnWriteFile& view, const QString& path)
+{
+    FinishPrediction p;
+    std::vector<quint16> frameMap(QuickTimeFile::s_frameMapEntries); // what the driver hands the movie
+    QuickTimeFile movie(view, frameMap.data());
+    // Heron logs none of its steps; every failure gives the movie up.
+    p.outcome = QStringLiteral("given up");
+    p.extension = QStringLiteral(".nrv");
+    switch (finishHeronMovie(movie, path, Tern::FinishStyle::Recorder)) {
+    case HeronStep::Finalized:
+        p.finalized(QStringLiteral(".mov"));
+        break;
+    case HeronStep::FinishedEarlier:
+        p.finalized(QStringLiteral(".mov"));
+        p.reason = QStringLiteral("finished by an earlier run cut short, verified");
+        break;
+    case HeronStep::NotInProgress:
+        p.reason = QStringLiteral("not laid out as an unfinished recording");
+        p.noOpenHeader(movie.family());
+        break;
+    case HeronStep::NoSettings:
+        p.reason = QStringLiteral("the settings record cannot be read");
+        break;
+    case HeronStep::RebuildFailed:
+        p.recoveryFailed(movie, view, QStringLiteral("the index could not be rebuilt"));
+        break;
+    }
+    return p;
 }

@@ -12,13 +12,6 @@
 
 #include <QFile>
 
-namespace {
-
-const QIODevice::OpenMode kOpenExisting =
-    QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::ExistingOnly;
-
-} // namespace
-
 Finalize::Rewrite Finalize::rewriteForInterchange(const QString& path)
 {
     const QtMessageFilter libraryQuiet(QtMessageFilter::Drop::Everything);
@@ -31,7 +24,7 @@ Finalize::Rewrite Finalize::rewriteForInterchange(const QString& path)
         return Rewrite::LeftForTheCard;
 
     CardFile file(path);
-    if (!file.open(kOpenExisting)) {
+    if (!file.openToChange()) {
         notFinishedReason = file.mediumFailure();
         return notFinishedReason.isEmpty() ? Rewrite::NotFinishedByClipward : Rewrite::LeftForTheCard;
     }

@@ -2,13 +2,10 @@
 // map) read straight from the file, the layout, and the tracks of a finished movie; and what a finish
 // would give, found by running the family's procedure on a copy-on-write view of the file.
 
-#include "finalize/CardFile.h"
 #include "finalize/CopyOnWriteFile.h"
 #include "finalize/Finalize.h"
-#include "finalize/QtMessageFilter.h"
+#include "finalize/FinishPrediction.h"
 #include "finalize/RecordingInfoParts.h"
-#include "finalize/SettingsCheck.h"
-#include "movie/HeronQuickTimeFile.h"
 #include "movie/MovieFamily.h"
 #include "movie/QuickTimeFile.h"
 #include "movie/RecoverySettings.h"
@@ -18,7 +15,6 @@
 #include <QtEndian>
 
 #include <limits>
-#include <vector>
 
 namespace {
 
@@ -43,12 +39,12 @@ bool hasReservedRegion(QFile& file, const MovieFamily& family)
         return false;
     const quint32 first = be32At(head, 0);
     if (!family.regionInUserData)
-        return first == QuickTimeFile::s_datPos;
+        return first == family.movieDataHeaderPos;
     if (first < 8 || !file.seek(first))
         return false;
     const QByteArray next = file.read(8);
     return next.size() == 8 && be32At(next, 4) == fourCC("udta")
-        && be32At(next, 0) == QuickTimeFile::s_datPos - first;
+        && be32At(next, 0) == family.movieDataHeaderPos - first;
 }
 
 // Every field of the record as stored; the timecode also as text, the codec by name, the frame rate (kept
@@ -104,7 +100,7 @@ QJsonObject frameMapObject(QFile& file, const MovieFamily& family)
     o.insert("unknown", qint64(map.unknown));
     o.insert("ends_with_zero", entries < map.readable);
     o.insert("read_whole", map.readable == QuickTimeFile::s_frameMapEntries);
-    const qint64 start = QuickTimeFile::s_movieDataStartOffset;
+    const qint64 start = family.movieDataStartOffset;
     const int shift = QuickTimeFile::s_blockShift;
     o.insert("first_entry_at", entries != 0 ? QJsonValue(start) : QJsonValue());
     const qint64 lastAt = start + qint64(map.lastBlocksBefore << shift);
@@ -116,7 +112,7 @@ QJsonObject frameMapObject(QFile& file, const MovieFamily& family)
 
 // Where the recorded end lies against the file's size; read for a file still in progress, or for a
 // finished one (whose index follows the media).
-QJsonObject recordedEndObject(quint64 position, qint64 fileSize, bool inProgress)
+QJsonObject recordedEndObject(quint64 position, qint64 fileSize, bool inProgress, qint64 mediaStart)
 {
     QJsonObject o;
     if (position == 0) {
@@ -130,7 +126,7 @@ QJsonObject recordedEndObject(quint64 position, qint64 fileSize, bool inProgress
     o.insert("position", end);
     o.insert("bytes_to_file_end", behind);
     QString where;
-    if (end < QuickTimeFile::s_movieDataStartOffset)
+    if (end < mediaStart)
         where = QStringLiteral("inside the reserved region, before the media start");
     else if (behind == 0)
         where = QStringLiteral("at the file's end");
@@ -148,146 +144,42 @@ QJsonObject recordedEndObject(quint64 position, qint64 fileSize, bool inProgress
 // ---------------------------------------------------------------------------------------------------------
 // Predicting a finish
 
-// What a procedure did on the view: the outcome as a run reports it, its words, and the name it gives.
-struct Prediction
-{
-    QString outcome; // "finalized", "given up", "left for the card", "unreadable"
-    QString reason; // the procedure's own line, or what stopped it
-    QString why; // what in the recording made it so, when more can be said
-    QString extension; // the new extension; empty when the file keeps its name
-    bool replacesExisting = false; // whether a file of the new name is replaced
-    bool finished = false; // the view holds the finished movie
-};
-
-// What stopped recover() on the view, told from the state it left the movie in.
-QString whyRecoveryFailed(QuickTimeFile& movie, CopyOnWriteFile& view)
-{
-    const MovieFamily& family = movie.family();
-    const quint32 counted = movie.videoFrames() + movie.audioFrames() + movie.timecodeSamples;
-    if (counted < family.minimumChunks)
-        return QString(
-            "%1 chunks in the frame map (%2 video, %3 sound, %4 timecode); a %5 recording needs %6")
-            .arg(counted)
-            .arg(movie.videoFrames())
-            .arg(movie.audioFrames())
-            .arg(movie.timecodeSamples)
-            .arg(family.name)
-            .arg(family.minimumChunks);
-    const QString settings = Tern::indexRefusal(
-        movie.videoFramesPerChunk, movie.audioTracks, movie.audioBytesPerSample, movie.recordedEndPosition);
-    if (!settings.isEmpty())
-        return "the settings give " + settings;
-    const quint64 end = movie.recordedEndPosition;
-    if (end != 0 && qint64(end) > view.size() && !view.seek(qint64(end)))
-        return QString("the recorded end (%1) lies where no file on this card reaches").arg(end);
-    if (!movie.indexFitsAtomSizes())
-        return QStringLiteral("the index would not fit atoms with 32-bit sizes");
-    return QStringLiteral("the index could not be written");
-}
-
-// A failure the card caused, in the words a run's line gives it; empty when the recording caused it.
-QString cardFailure(const QuickTimeFile& movie, const CopyOnWriteFile& view)
-{
-    if (!view.readFailure().isEmpty())
-        return QString("the card could not be read (%1)").arg(view.readFailure());
-    if (!view.writeFailure().isEmpty())
-        return view.writeFailure();
-    return CardFile::failedCloseReason(movie);
-}
-
-void recoveryFailed(QuickTimeFile& movie, CopyOnWriteFile& view, const QString& procedureLine, Prediction* p)
-{
-    const QString card = cardFailure(movie, view);
-    if (!card.isEmpty()) {
-        p->outcome = QStringLiteral("left for the card");
-        p->reason = card;
-        p->extension.clear(); // the file keeps its name and bytes for a later run
-        return;
-    }
-    p->outcome = QStringLiteral("given up");
-    p->reason = procedureLine;
-    p->why = whyRecoveryFailed(movie, view);
-    p->extension = QStringLiteral(".nrv");
-}
-
-const char* const kNoOpenHeader = "no open 'mdat' header at %1 and not a whole movie Clipward finished";
-
-// A Tern finish run on the view, told as a run would: the procedure's own line for a failed step, and
-// what in the recording made it fail.
-Prediction predictTern(CopyOnWriteFile& view, const QString& path)
-{
-    Prediction p;
-    QuickTimeFile movie(view);
-    const Finalize::TernStep step = Finalize::finishTernMovie(movie, path, Tern::FinishStyle::Recorder);
-    // Tern gives the file up (renamed ".nrv") only when the rebuild itself fails; a recording it cannot
-    // start on is counted unrecoverable and renamed ".mov" unchanged.
-    p.outcome = QStringLiteral("given up");
-    p.extension = QStringLiteral(".mov");
-    if (const char* words = Finalize::ternStepText(step))
-        p.reason = QString::fromLatin1(words);
-    switch (step) {
-    case Finalize::TernStep::Finalized:
-        p.outcome = QStringLiteral("finalized");
-        p.finished = true;
-        break;
-    case Finalize::TernStep::FinishedEarlier:
-        p.outcome = QStringLiteral("finalized");
-        p.finished = true;
-        break;
-    case Finalize::TernStep::Corrupted:
-        p.why = QString(kNoOpenHeader).arg(QuickTimeFile::s_datPos);
-        break;
-    case Finalize::TernStep::NoSettings:
-        p.why = QStringLiteral("the settings record cannot be read");
-        break;
-    case Finalize::TernStep::InvalidSettings:
-        p.why = "the settings give " + SettingsCheck::refusal(movie.family(), *movie.loadSavedSettings());
-        break;
-    case Finalize::TernStep::RebuildFailed:
-        recoveryFailed(movie, view, p.reason, &p);
-        p.replacesExisting = true; // an older ".nrv" is replaced
-        break;
-    }
-    return p;
-}
-
-// A Heron finish run on the view. Heron logs none of its steps; every failure gives the movie up.
-Prediction predictHeron(CopyOnWriteFile& view, const QString& path)
-{
-    Prediction p;
-    std::vector<quint16> frameMap(QuickTimeFile::s_frameMapEntries); // what the driver hands the movie
-    ::QuickTimeFile movie(view, frameMap.data());
-    p.outcome = QStringLiteral("given up");
-    p.extension = QStringLiteral(".nrv");
-    switch (Finalize::finishHeronMovie(movie, path, Tern::FinishStyle::Recorder)) {
-    case Finalize::HeronStep::Finalized:
-        p.outcome = QStringLiteral("finalized");
-        p.extension = QStringLiteral(".mov");
-        p.finished = true;
-        break;
-    case Finalize::HeronStep::FinishedEarlier:
-        p.outcome = QStringLiteral("finalized");
-        p.reason = QStringLiteral("finished by an earlier run cut short, verified");
-        p.extension = QStringLiteral(".mov");
-        p.finished = true;
-        break;
-    case Finalize::HeronStep::NotInProgress:
-        p.reason = QStringLiteral("not laid out as an unfinished recording");
-        p.why = QString(kNoOpenHeader).arg(QuickTimeFile::s_datPos);
-        break;
-    case Finalize::HeronStep::NoSettings:
-        p.reason = QStringLiteral("the settings record cannot be read");
-        break;
-    case Finalize::HeronStep::RebuildFailed:
-        recoveryFailed(movie, view, QStringLiteral("the index could not be rebuilt"), &p);
-        break;
-    }
-    return p;
-}
-
 } // namespace
 
 namespace RecordingInfoParts {
+
+namespace {
+
+// How the file is laid out, in words.
+QString layoutText(bool inProgress, bool finishedHere, bool atoms, bool region, const MovieFamily& family)
+{
+    if (inProgress)
+        return QStringLiteral("in progress: the 'mdat' header is open and no index follows");
+    if (finishedHere)
+        return QStringLiteral("finished as Clipward finishes a recording");
+    if (atoms)
+        return QStringLiteral("a movie with an index");
+    if (region)
+        return QString("the reserved region, but no open 'mdat' header at %1").arg(family.movieDataHeaderPos);
+    return QStringLiteral("other");
+}
+
+// The reserved region's settings record, frame map and recorded end.
+void insertRecoveryData(QFile& file, const MovieFamily& family, bool inProgress, QJsonObject* info)
+{
+    const qint64 fileSize = file.size();
+    RecoverySettings s;
+    const bool record = file.seek(family.recoverySettingsPos)
+        && s.fromBytes(file.read(family.recoveryRecord->size), *family.recoveryRecord);
+    info->insert("settings", record ? QJsonValue(settingsObject(s, family)) : QJsonValue());
+    info->insert("frame_map", frameMapObject(file, family));
+    const qint64 mediaStart = family.movieDataStartOffset;
+    info->insert("recorded_end",
+        record ? QJsonValue(recordedEndObject(s.recordedEndPosition, fileSize, inProgress, mediaStart))
+               : QJsonValue());
+}
+
+} // namespace
 
 bool describeMovie(QFile& file, QJsonObject* info, QString* reason)
 {
@@ -309,30 +201,10 @@ bool describeMovie(QFile& file, QJsonObject* info, QString* reason)
         *reason = QStringLiteral("neither the reserved region of a recording nor a movie's 'moov' is in it");
         return false;
     }
-    const qint64 fileSize = file.size();
     info->insert("family", region || inProgress ? QJsonValue(family.name) : QJsonValue());
-    QString layout = QStringLiteral("other");
-    if (inProgress)
-        layout = QStringLiteral("in progress: the 'mdat' header is open and no index follows");
-    else if (finishedHere)
-        layout = QStringLiteral("finished as Clipward finishes a recording");
-    else if (atoms)
-        layout = QStringLiteral("a movie with an index");
-    else if (region)
-        layout = QString("the reserved region, but no open 'mdat' header at %1")
-                     .arg(Tern::QuickTimeFile::s_datPos);
-    info->insert("layout", layout);
-
-    if (region || inProgress) {
-        RecoverySettings s;
-        const bool record = file.seek(family.recoverySettingsPos)
-            && s.fromBytes(file.read(family.recoveryRecord->size), *family.recoveryRecord);
-        info->insert("settings", record ? QJsonValue(settingsObject(s, family)) : QJsonValue());
-        info->insert("frame_map", frameMapObject(file, family));
-        info->insert("recorded_end",
-            record ? QJsonValue(recordedEndObject(s.recordedEndPosition, fileSize, inProgress))
-                   : QJsonValue());
-    }
+    info->insert("layout", layoutText(inProgress, finishedHere, atoms, region, family));
+    if (region || inProgress)
+        insertRecoveryData(file, family, inProgress, info);
     if (atoms) {
         bool writtenByClipward = false;
         const QJsonArray tracks = movieTracks(file, &writtenByClipward);
@@ -344,12 +216,10 @@ bool describeMovie(QFile& file, QJsonObject* info, QString* reason)
 
 QJsonObject predictMovieFinish(const QString& path, NameState name)
 {
-    QJsonObject finish;
-    startFinish(&finish, name);
-    // Whatever the library says on the way is the finish's, not this description's.
-    const QtMessageFilter quiet(QtMessageFilter::Drop::Everything);
-    CopyOnWriteFile view(path);
-    if (!openFinishView(view, &finish))
+    PredictedFinish prediction(path, name);
+    QJsonObject& finish = prediction.fields();
+    CopyOnWriteFile& view = prediction.view();
+    if (!prediction.opened())
         return finish;
     const MovieFamily* family = Tern::familyOfRecording(view);
     if (!family) {
@@ -362,7 +232,7 @@ QJsonObject predictMovieFinish(const QString& path, NameState name)
         return finish;
     }
     const qint64 sizeBefore = view.size();
-    const Prediction p = family == &Tern::ternFamily ? predictTern(view, path) : predictHeron(view, path);
+    const FinishPrediction p = Finalize::predictFinish(*family, view, path);
     finish.insert("family", family->name);
     finish.insert("outcome", p.outcome);
     finish.insert("reason", p.reason.isEmpty() ? QJsonValue() : QJsonValue(p.reason));

@@ -200,18 +200,11 @@ QJsonValue nameAfterFinish(const QString& path, NameState name, const QString& i
     return target;
 }
 
-bool openFinishView(CopyOnWriteFile& view, QJsonObject* finish)
+PredictedFinish::PredictedFinish(const QString& path, NameState name)
+    : m_quiet(QtMessageFilter::Drop::Everything)
+    , m_view(path)
 {
-    if (view.openView())
-        return true;
-    finish->insert("outcome", "unreadable");
-    finish->insert("reason", view.errorString());
-    return false;
-}
-
-void startFinish(QJsonObject* finish, NameState name)
-{
-    finish->insert("run_takes_it", name == NameState::InProgress);
+    m_fields.insert("run_takes_it", name == NameState::InProgress);
     QString run;
     switch (name) {
     case NameState::InProgress:
@@ -226,8 +219,13 @@ void startFinish(QJsonObject* finish, NameState name)
                              "follows");
         break;
     }
-    finish->insert("under_this_name", run);
-    finish->insert("method", "the finish itself, run on a copy-on-write view of the file");
+    m_fields.insert("under_this_name", run);
+    m_fields.insert("method", "the finish itself, run on a copy-on-write view of the file");
+    m_opened = m_view.openView();
+    if (!m_opened) {
+        m_fields.insert("outcome", "unreadable");
+        m_fields.insert("reason", m_view.errorString());
+    }
 }
 
 QJsonValue writeBlock(const QString& path)
@@ -247,6 +245,46 @@ QJsonValue writeBlock(const QString& path)
 
 namespace RecordingInfo {
 
+namespace {
+
+// What is at the path when it is no file to describe ("missing", a folder...); false when it is a file.
+bool describedAsNoFile(const QFileInfo& given, QJsonObject* info)
+{
+    if (!given.exists()) {
+        info->insert("kind", "missing");
+        info->insert("reason", "no such file");
+        return true;
+    }
+    if (!given.isFile()) {
+        info->insert("kind", "none");
+        info->insert("reason", given.isDir() ? "a folder, not a file" : "not a regular file");
+        return true;
+    }
+    return false;
+}
+
+// What the file holds, read as a WAV when it starts so, else as a movie.
+void describeContents(QFile& file, QJsonObject* info)
+{
+    QString reason;
+    const bool riff = file.peek(4) == "RIFF";
+    bool described = false;
+    if (riff) {
+        described = RecordingInfoParts::describeSound(file, info, &reason);
+        info->insert("kind", described ? "wav" : "none");
+    } else {
+        described = RecordingInfoParts::describeMovie(file, info, &reason);
+        info->insert("kind", described ? "movie" : "none");
+    }
+    if (!described && !riff)
+        reason = QString("%1 bytes that are neither a movie nor a RIFF/WAVE file: %2")
+                     .arg(file.size())
+                     .arg(reason);
+    info->insert("reason", described ? QJsonValue() : QJsonValue(reason));
+}
+
+} // namespace
+
 QJsonObject describe(const QString& givenPath)
 {
     const QFileInfo given(givenPath);
@@ -256,16 +294,8 @@ QJsonObject describe(const QString& givenPath)
     info.insert("path", path);
     info.insert("name_says", nameStateText(name));
     info.insert("family", QJsonValue());
-    if (!given.exists()) {
-        info.insert("kind", "missing");
-        info.insert("reason", "no such file");
+    if (describedAsNoFile(given, &info))
         return info;
-    }
-    if (!given.isFile()) {
-        info.insert("kind", "none");
-        info.insert("reason", given.isDir() ? "a folder, not a file" : "not a regular file");
-        return info;
-    }
     info.insert("file_size", given.size());
     // Shared, as a scan locks: a run that is finishing the file now holds it exclusively.
     const RecordingLock lock(path, RecordingLock::Mode::Shared);
@@ -276,22 +306,7 @@ QJsonObject describe(const QString& givenPath)
         info.insert("reason", file.errorString());
         return info;
     }
-
-    QString reason;
-    const bool riff = file.peek(4) == "RIFF";
-    bool described = false;
-    if (riff) {
-        described = RecordingInfoParts::describeSound(file, &info, &reason);
-        info.insert("kind", described ? "wav" : "none");
-    } else {
-        described = RecordingInfoParts::describeMovie(file, &info, &reason);
-        info.insert("kind", described ? "movie" : "none");
-    }
-    if (!described && !riff)
-        reason = QString("%1 bytes that are neither a movie nor a RIFF/WAVE file: %2")
-                     .arg(file.size())
-                     .arg(reason);
-    info.insert("reason", described ? QJsonValue() : QJsonValue(reason));
+    describeContents(file, &info);
     file.close();
 
     switch (procedureFor(path, info)) {

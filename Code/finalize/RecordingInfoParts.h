@@ -3,13 +3,14 @@
 // The pieces RecordingInfo puts together: what a movie and a WAV hold, and what a finish of each would
 // give, each as a JSON object. Internal to the finalize layer.
 
+#include "finalize/CopyOnWriteFile.h"
+#include "finalize/QtMessageFilter.h"
 #include "finalize/RecordingFacts.h"
 
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
 
-class CopyOnWriteFile;
 class QFile;
 class QIODevice;
 
@@ -31,11 +32,24 @@ enum class NameState {
 QJsonValue nameAfterFinish(const QString& path, NameState name, const QString& inProgress,
     const QString& extension, bool replacesExisting);
 
-// The first fields of a prediction: whether a run finishes the file under its present name and what a
-// run does with it there, and how the prediction was made.
-void startFinish(QJsonObject* finish, NameState name);
-// Opens `view` for a prediction; when it cannot be opened, says so in `finish` and returns false.
-bool openFinishView(CopyOnWriteFile& view, QJsonObject* finish);
+// A prediction in the making: its first fields (whether a run finishes the file under its present name,
+// what a run does with it there, how the prediction is made) and the copy-on-write view of the file, with
+// the library's messages dropped while it lives (what the library says is the finish's, not the
+// description's). When the view cannot be opened, the fields say so and opened() is false.
+class PredictedFinish
+{
+public:
+    PredictedFinish(const QString& path, NameState name);
+    bool opened() const { return m_opened; }
+    CopyOnWriteFile& view() { return m_view; }
+    QJsonObject& fields() { return m_fields; }
+
+private:
+    const QtMessageFilter m_quiet; // first: on before the view opens, off after it closes
+    CopyOnWriteFile m_view;
+    QJsonObject m_fields;
+    bool m_opened = false;
+};
 
 // The words for where a card or folder stops a finish of `path` before it starts ("the drive is
 // write-protected", ...), found without opening the file for writing; null when nothing does.

@@ -6,7 +6,6 @@
 #include "audio/AudioFile.h"
 #include "finalize/CopyOnWriteFile.h"
 #include "finalize/Finalize.h"
-#include "finalize/QtMessageFilter.h"
 #include "finalize/RecordingInfoParts.h"
 
 #include <QFile>
@@ -261,11 +260,10 @@ bool describeSound(QFile& file, QJsonObject* info, QString* reason)
 
 QJsonObject predictSoundFinish(const QString& path, NameState name)
 {
-    QJsonObject finish;
-    startFinish(&finish, name);
-    const QtMessageFilter quiet(QtMessageFilter::Drop::Everything);
-    CopyOnWriteFile view(path);
-    if (!openFinishView(view, &finish))
+    PredictedFinish prediction(path, name);
+    QJsonObject& finish = prediction.fields();
+    CopyOnWriteFile& view = prediction.view();
+    if (!prediction.opened())
         return finish;
     // The audio finish itself: read the header, then repair the sizes.
     AudioFile audio(view);

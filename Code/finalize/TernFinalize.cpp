@@ -2,8 +2,10 @@
 // configure the movie object from them, rebuild the index, and rename the file.
 
 #include "finalize/CardFile.h"
+#include "finalize/CopyOnWriteFile.h"
 #include "finalize/EarlierFinish.h"
 #include "finalize/Finalize.h"
+#include "finalize/FinishPrediction.h"
 #include "finalize/SettingsCheck.h"
 #include "movie/QuickTimeFile.h"
 #include "movie/StableStorage.h"
@@ -11,13 +13,6 @@
 #include <QDebug>
 #include <QFile>
 #include <QFileInfo>
-
-namespace {
-
-const unsigned int kFinalized = 0;
-const unsigned int kUnrecoverable = 31;
-
-} // namespace
 
 const char* Finalize::ternStepText(TernStep step)
 {
@@ -116,19 +111,18 @@ Finalize::FileFinish Finalize::ternFinish(const QString& path)
         if (file.mediumFailure().isEmpty())
             qDebug(format, name.constData());
     };
-    finish.code = kUnrecoverable;
+    finish.code = FileFinish::s_unrecoverable;
     bool rebuildFailed = false;
     Tern::QuickTimeFile* movie = nullptr;
 
-    // Unbuffered: the index writer buffers itself, and a write that fails must fail where it happens,
-    // not in a hidden buffer flushed later. A file that vanished since the walk is not created anew.
-    if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered | QIODevice::ExistingOnly)) {
+    // Unbuffered: the index writer buffers itself.
+    if (!file.openToChange()) {
         logFailure("********************* %s recovery failed, can't open the file!\n");
     } else {
         movie = new Tern::QuickTimeFile(file);
         const TernStep step = finishTernMovie(*movie, path, finishStyle);
         if (step == TernStep::Finalized || step == TernStep::FinishedEarlier) {
-            finish.code = kFinalized;
+            finish.code = FileFinish::s_finalized;
             if (step == TernStep::Finalized)
                 file.flush();
         } else {
@@ -141,8 +135,41 @@ Finalize::FileFinish Finalize::ternFinish(const QString& path)
     delete movie;
     if (file.isOpen())
         file.close();
-    if (leftForTheCard(file, finish.code == kFinalized))
+    if (leftForTheCard(file, finish.finished()))
         return finish;
     finish.outputName = renameFinished(path, rebuildFailed);
     return finish;
+}
+
+FinishPrediction Finalize::predictTernFinish(CopyOnWriteFile& view, const QString& path)
+{
+    FinishPrediction p;
+    Tern::QuickTimeFile movie(view);
+    const TernStep step = finishTernMovie(movie, path, Tern::FinishStyle::Recorder);
+    // Tern gives the file up (renamed ".nrv") only when the rebuild itself fails; a recording it cannot
+    // start on is counted unrecoverable and renamed ".mov" unchanged.
+    p.outcome = QStringLiteral("given up");
+    p.extension = QStringLiteral(".mov");
+    if (const char* words = ternStepText(step))
+        p.reason = QString::fromLatin1(words);
+    switch (step) {
+    case TernStep::Finalized:
+    case TernStep::FinishedEarlier:
+        p.finalized(QStringLiteral(".mov"));
+        break;
+    case TernStep::Corrupted:
+        p.noOpenHeader(movie.family());
+        break;
+    case TernStep::NoSettings:
+        p.why = QStringLiteral("the settings record cannot be read");
+        break;
+    case TernStep::InvalidSettings:
+        p.why = "the settings give " + SettingsCheck::refusal(movie.family(), *movie.loadSavedSettings());
+        break;
+    case TernStep::RebuildFailed:
+        p.recoveryFailed(movie, view, p.reason);
+        p.replacesExisting = true; // an older ".nrv" is replaced
+        break;
+    }
+    return p;
 }
