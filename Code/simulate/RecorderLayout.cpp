@@ -38,6 +38,8 @@ namespace RecorderLayout {
 
 QString chunkingError(const RecordingPlan& plan)
 {
+    if (plan.videoFramesPerChunk == 0 || plan.audioBytesPerSample == 0 || plan.audioSamplesPerChunk == 0)
+        return "frames per chunk, bytes per sample and samples per chunk must not be 0";
     const Tern::MovieFamily& family = *recorderOf(plan.family).family;
     if (family.fixedFramesPerChunk == 0)
         return QString();
@@ -63,6 +65,40 @@ QVector<quint32> soundChunkLengths(quint32 totalSamples, quint32 perChunk, quint
         left -= lengths.last();
     }
     return lengths;
+}
+
+ChunkSchedule chunkScheduleOf(const RecordingPlan& plan, int frames, quint32 samplesPerTrack)
+{
+    ChunkSchedule chunks;
+    chunks.sound = soundChunkLengths(samplesPerTrack, plan.audioSamplesPerChunk, plan.firstChunkSamples);
+    const bool lastIsOwnChunk = chunks.sound.size() > 1 || plan.firstChunkSamples == 0;
+    if (!chunks.sound.isEmpty() && lastIsOwnChunk && chunks.sound.last() != plan.audioSamplesPerChunk)
+        chunks.lastSamples = chunks.sound.last();
+    chunks.fullSamples = plan.audioSamplesPerChunk;
+    const int G = int(plan.videoFramesPerChunk);
+    const int videoChunks = (frames + G - 1) / G;
+    chunks.rounds = qMax(videoChunks, chunks.sound.size());
+    return chunks;
+}
+
+quint32 ChunkSchedule::soundStride(int round) const
+{
+    const bool shortLast = round == sound.size() - 1 && lastSamples != 0;
+    return shortLast ? lastSamples : fullSamples;
+}
+
+void enterChunkRounds(Tern::QuickTimeFile& movie, const RecordingPlan& plan, int rounds,
+    const std::function<void(int round)>& enterRound)
+{
+    int chunksSinceSave = 0;
+    for (int round = 0; round < rounds; ++round) {
+        enterRound(round);
+        if (++chunksSinceSave >= plan.frameMapSaveInterval) {
+            movie.periodicFrameMapSave();
+            chunksSinceSave = 0;
+        }
+    }
+    movie.periodicFrameMapSave();
 }
 
 void storeSettings(Tern::RecoverySettings& s, const RecordingPlan& plan, int audioTrackCount)
@@ -105,6 +141,13 @@ std::unique_ptr<Tern::QuickTimeFile> startRecording(
     movie->setTimecode(
         plan.timecode, plan.dropFrame, false, family.closeAppendsTimecodeSample || !plan.timecodeSample);
     return movie;
+}
+
+StartedRecording::StartedRecording(const QString& path, const RecordingPlan& plan, int audioTrackCount)
+    : file(path)
+{
+    if (file.open(QIODevice::ReadWrite | QIODevice::Truncate))
+        movie = startRecording(file, plan, audioTrackCount, &frameMap);
 }
 
 void stopRecording(QFile& file, Tern::QuickTimeFile& movie, const RecordingPlan& plan, qint64 end,

@@ -26,6 +26,50 @@ QByteArray soundChunk(const RecordingPlan& plan, quint32 firstSample, quint32 sa
     return chunk;
 }
 
+// Why the plan cannot be written (its chunking, or sound tracks of unequal or broken lengths); empty when
+// it can.
+QString planError(const RecordingPlan& plan)
+{
+    const QString chunking = chunkingError(plan);
+    if (!chunking.isEmpty())
+        return chunking;
+    const int trackBytes = plan.audioTracks.isEmpty() ? 0 : plan.audioTracks.first().size();
+    for (const QByteArray& track : plan.audioTracks) {
+        if (track.size() != trackBytes || track.size() % int(plan.audioBytesPerSample) != 0)
+            return "every sound track must hold the same whole number of samples";
+    }
+    return QString();
+}
+
+// Samples on each sound track of a plan planError accepts (0 without sound).
+quint32 samplesPerTrack(const RecordingPlan& plan)
+{
+    if (plan.audioTracks.isEmpty())
+        return 0;
+    return quint32(plan.audioTracks.first().size()) / plan.audioBytesPerSample;
+}
+
+// Writes the plan's frames and sound chunk by chunk through the recorder's add operations: each frame
+// followed by its padding and the recorder's trailer, each sound chunk planar.
+void writeChunks(Tern::QuickTimeFile& movie, const RecordingPlan& plan, const ChunkSchedule& chunks)
+{
+    const quint32 G = plan.videoFramesPerChunk;
+    int frame = 0;
+    quint32 soundSample = 0;
+    enterChunkRounds(movie, plan, chunks.rounds, [&](int round) {
+        for (quint32 g = 0; g < G && frame < plan.videoFrames.size(); ++g, ++frame) {
+            QByteArray bytes = plan.videoFrames[frame];
+            QByteArray trailer(paddedToBlock(bytes.size()) - bytes.size() + kFrameTrailer, '\0');
+            movie.addMovieVideoData(bytes, trailer);
+        }
+        if (round < chunks.sound.size()) {
+            QByteArray chunk = soundChunk(plan, soundSample, chunks.sound[round], chunks.soundStride(round));
+            movie.addMovieSoundData(chunk);
+            soundSample += chunks.sound[round];
+        }
+    });
+}
+
 } // namespace
 
 QByteArray syntheticFrame(int index, int bytes)
@@ -53,65 +97,17 @@ QByteArray syntheticPcm(int track, int samples, int bytesPerSample)
 RecordingResult writeInterruptedRecording(const QString& path, const RecordingPlan& plan)
 {
     RecordingResult result;
-    const quint32 G = plan.videoFramesPerChunk;
-    const quint32 bps = plan.audioBytesPerSample;
-    if (G == 0 || bps == 0 || plan.audioSamplesPerChunk == 0) {
-        result.error = "frames per chunk, bytes per sample and samples per chunk must not be 0";
-        return result;
-    }
-    result.error = chunkingError(plan);
+    result.error = planError(plan);
     if (!result.error.isEmpty())
         return result;
-    const int trackBytes = plan.audioTracks.isEmpty() ? 0 : plan.audioTracks.first().size();
-    for (const QByteArray& track : plan.audioTracks) {
-        if (track.size() != trackBytes || track.size() % int(bps) != 0) {
-            result.error = "every sound track must hold the same whole number of samples";
-            return result;
-        }
-    }
 
-    QFile file(path);
-    if (!file.open(QIODevice::ReadWrite | QIODevice::Truncate)) {
-        result.error = file.errorString();
+    StartedRecording recording(path, plan, plan.audioTracks.size());
+    if (!recording.movie) {
+        result.error = recording.file.errorString();
         return result;
     }
-    QVector<quint16> frameMap;
-    const std::unique_ptr<Tern::QuickTimeFile> owner
-        = startRecording(file, plan, plan.audioTracks.size(), &frameMap);
-    Tern::QuickTimeFile& movie = *owner;
-
-    const QVector<quint32> sound
-        = soundChunkLengths(quint32(trackBytes) / bps, plan.audioSamplesPerChunk, plan.firstChunkSamples);
-    // A chunk that is both first and short is described by its first-chunk count, not as a last chunk.
-    const bool lastIsOwnChunk = sound.size() > 1 || plan.firstChunkSamples == 0;
-    const quint32 lastSamples
-        = !sound.isEmpty() && lastIsOwnChunk && sound.last() != plan.audioSamplesPerChunk ? sound.last() : 0;
-    const int videoChunks = (plan.videoFrames.size() + int(G) - 1) / int(G);
-    const int chunkRounds = qMax(videoChunks, sound.size());
-
-    int frame = 0;
-    quint32 soundSample = 0;
-    int chunksSinceSave = 0;
-    for (int round = 0; round < chunkRounds; ++round) {
-        for (quint32 g = 0; g < G && frame < plan.videoFrames.size(); ++g, ++frame) {
-            QByteArray bytes = plan.videoFrames[frame];
-            QByteArray trailer(paddedToBlock(bytes.size()) - bytes.size() + kFrameTrailer, '\0');
-            movie.addMovieVideoData(bytes, trailer);
-        }
-        if (round < sound.size()) {
-            const bool shortLast = round == sound.size() - 1 && lastSamples != 0;
-            QByteArray chunk = soundChunk(
-                plan, soundSample, sound[round], shortLast ? lastSamples : plan.audioSamplesPerChunk);
-            movie.addMovieSoundData(chunk);
-            soundSample += sound[round];
-        }
-        if (++chunksSinceSave >= plan.frameMapSaveInterval) {
-            movie.periodicFrameMapSave();
-            chunksSinceSave = 0;
-        }
-    }
-    movie.periodicFrameMapSave();
-
-    stopRecording(file, movie, plan, file.pos(), lastSamples, &result);
+    const ChunkSchedule chunks = chunkScheduleOf(plan, plan.videoFrames.size(), samplesPerTrack(plan));
+    writeChunks(*recording.movie, plan, chunks);
+    stopRecording(recording.file, *recording.movie, plan, recording.file.pos(), chunks.lastSamples, &result);
     return result;
 }

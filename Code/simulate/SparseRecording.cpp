@@ -14,10 +14,7 @@ using namespace RecorderLayout;
 
 QString planError(const SparseRecordingPlan& sparse)
 {
-    const RecordingPlan& plan = sparse.recording;
-    if (plan.videoFramesPerChunk == 0 || plan.audioBytesPerSample == 0 || plan.audioSamplesPerChunk == 0)
-        return "frames per chunk, bytes per sample and samples per chunk must not be 0";
-    const QString chunking = chunkingError(plan);
+    const QString chunking = chunkingError(sparse.recording);
     if (!chunking.isEmpty())
         return chunking;
     if (sparse.audioTrackCount < 0)
@@ -29,6 +26,37 @@ QString planError(const SparseRecordingPlan& sparse)
             return "a video frame must be between 0 and 8,387,072 bytes";
     }
     return QString();
+}
+
+// Enters every chunk as the add operations enter it (a frame gets its padding and trailer, a sound chunk is
+// planar with a full stride except a short last one) while the media itself is skipped. Returns where the
+// recorder's writes, begun at `start`, would have ended.
+qint64 enterChunksWithoutMedia(
+    Tern::QuickTimeFile& movie, const SparseRecordingPlan& sparse, const ChunkSchedule& chunks, qint64 start)
+{
+    const RecordingPlan& plan = sparse.recording;
+    const quint32 G = plan.videoFramesPerChunk;
+    const qint64 bps = plan.audioBytesPerSample;
+    const qint64 tracks = sparse.audioTrackCount;
+    const int frames = sparse.videoFrameBytes.size();
+    qint64 end = start;
+    int frame = 0;
+    enterChunkRounds(movie, plan, chunks.rounds, [&](int round) {
+        for (quint32 g = 0; g < G && frame < frames; ++g, ++frame) {
+            const qint64 bytes = paddedToBlock(sparse.videoFrameBytes[frame]) + kFrameTrailer;
+            movie.setFrameSize(movie.totalFrames(), Tern::quicktime_frametype_video, unsigned(bytes));
+            ++movie.videoFrameCount;
+            end += bytes;
+        }
+        if (round < chunks.sound.size()) {
+            const qint64 stride = chunks.soundStride(round);
+            const qint64 bytes = paddedToBlock(tracks * stride * bps);
+            movie.setFrameSize(movie.totalFrames(), Tern::quicktime_frametype_sound, unsigned(bytes));
+            ++movie.soundChunks;
+            end += bytes;
+        }
+    });
+    return end;
 }
 
 } // namespace
@@ -55,61 +83,21 @@ RecordingResult writeSparseRecording(const QString& path, const SparseRecordingP
         return result;
     const RecordingPlan& plan = sparse.recording;
 
-    QFile file(path);
-    if (!file.open(QIODevice::ReadWrite | QIODevice::Truncate)) {
+    StartedRecording recording(path, plan, sparse.audioTrackCount);
+    QFile& file = recording.file;
+    if (!recording.movie) {
         result.error = file.errorString();
         return result;
     }
-    QVector<quint16> frameMap;
-    const std::unique_ptr<Tern::QuickTimeFile> owner
-        = startRecording(file, plan, sparse.audioTrackCount, &frameMap);
-    Tern::QuickTimeFile& movie = *owner;
-
-    const quint32 G = plan.videoFramesPerChunk;
-    const qint64 bps = plan.audioBytesPerSample;
-    const qint64 tracks = sparse.audioTrackCount;
-    const QVector<quint32> sound = soundChunkLengths(
-        tracks > 0 ? sparse.audioSamplesPerTrack : 0, plan.audioSamplesPerChunk, plan.firstChunkSamples);
-    // A chunk that is both first and short is described by its first-chunk count, not as a last chunk.
-    const bool lastIsOwnChunk = sound.size() > 1 || plan.firstChunkSamples == 0;
-    const quint32 lastSamples
-        = !sound.isEmpty() && lastIsOwnChunk && sound.last() != plan.audioSamplesPerChunk ? sound.last() : 0;
-    const int frames = sparse.videoFrameBytes.size();
-    const int videoChunks = (frames + int(G) - 1) / int(G);
-    const int chunkRounds = qMax(videoChunks, sound.size());
-
-    // Each chunk is entered as the add operations enter it (a frame gets its padding and trailer, a
-    // sound chunk is planar with a full stride except a short last one) while the media itself is skipped.
-    qint64 end = file.pos();
-    int frame = 0;
-    int chunksSinceSave = 0;
-    for (int round = 0; round < chunkRounds; ++round) {
-        for (quint32 g = 0; g < G && frame < frames; ++g, ++frame) {
-            const qint64 bytes = paddedToBlock(sparse.videoFrameBytes[frame]) + kFrameTrailer;
-            movie.setFrameSize(movie.totalFrames(), Tern::quicktime_frametype_video, unsigned(bytes));
-            ++movie.videoFrameCount;
-            end += bytes;
-        }
-        if (round < sound.size()) {
-            const bool shortLast = round == sound.size() - 1 && lastSamples != 0;
-            const qint64 stride = shortLast ? lastSamples : plan.audioSamplesPerChunk;
-            const qint64 bytes = paddedToBlock(tracks * stride * bps);
-            movie.setFrameSize(movie.totalFrames(), Tern::quicktime_frametype_sound, unsigned(bytes));
-            ++movie.soundChunks;
-            end += bytes;
-        }
-        if (++chunksSinceSave >= plan.frameMapSaveInterval) {
-            movie.periodicFrameMapSave();
-            chunksSinceSave = 0;
-        }
-    }
-    movie.periodicFrameMapSave();
+    const quint32 samplesPerTrack = sparse.audioTrackCount > 0 ? sparse.audioSamplesPerTrack : 0;
+    const ChunkSchedule chunks = chunkScheduleOf(plan, sparse.videoFrameBytes.size(), samplesPerTrack);
+    const qint64 end = enterChunksWithoutMedia(*recording.movie, sparse, chunks, file.pos());
 
     // The media becomes a hole: the file is lengthened to where the recorder's writes would have ended.
     if (!file.resize(end) || !file.seek(end)) {
         result.error = file.errorString();
         return result;
     }
-    stopRecording(file, movie, plan, end, lastSamples, &result);
+    stopRecording(file, *recording.movie, plan, end, chunks.lastSamples, &result);
     return result;
 }
