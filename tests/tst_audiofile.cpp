@@ -34,10 +34,10 @@ void AudioFileTest::repairsCutOffRecording()
     const Recording r;
     const QString path = store(build(r));
     {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::ReadWrite));
-        AudioFile audio(file);
-        QCOMPARE(audio.ReadAudioFileInfo(), 0u);
+        StoredFile stored(path);
+        QVERIFY(stored.opened);
+        QCOMPARE(stored.result, 0u);
+        AudioFile& audio = stored.audio;
         QCOMPARE(audio.dataStart(), quint32(dataOffset(r)));
         QCOMPARE(audio.VerifyHeader(), 0u);
         AudioFile::AudioFileInfo info;
@@ -76,16 +76,16 @@ void AudioFileTest::leavesCompleteRecordingAlone()
     r.cutOff = false;
     const QByteArray original = build(r);
     const QString path = store(original);
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::ReadWrite));
-    AudioFile audio(file);
-    QCOMPARE(audio.ReadAudioFileInfo(), 0u);
+    StoredFile stored(path);
+    QVERIFY(stored.opened);
+    QCOMPARE(stored.result, 0u);
+    AudioFile& audio = stored.audio;
     QCOMPARE(audio.dataEnd(), quint32(original.size()));
     QCOMPARE(audio.VerifyHeader(), 0u);
     AudioFile::AudioFileInfo info;
     audio.GetFileInfo(&info);
     QCOMPARE(info.sampleFrames, 24000u);
-    file.close();
+    stored.file.close();
     QCOMPARE(readFile(path), original);
 }
 
@@ -124,10 +124,9 @@ void AudioFileTest::brokenHeadersKeepTheirBytes()
     QFETCH(uint, result);
     const QString path = store(bytes);
     {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::ReadWrite));
-        AudioFile audio(file);
-        QCOMPARE(audio.ReadAudioFileInfo(), result);
+        const StoredFile stored(path);
+        QVERIFY(stored.opened);
+        QCOMPARE(stored.result, result);
     }
     QCOMPARE(readFile(path), bytes);
 }
@@ -146,13 +145,12 @@ void AudioFileTest::verifyHeaderReportsFailedWrites()
         QCOMPARE(buffer.data().mid(dataOffset(Recording()) - 4, 4), limit == 0 ? le(0, 4) : le(96000, 4));
     }
     const QString path = store(original);
-    QFile readOnly(path);
-    QVERIFY(readOnly.open(QIODevice::ReadOnly));
-    AudioFile audio(readOnly);
-    QCOMPARE(audio.ReadAudioFileInfo(), 0u);
+    StoredFile readOnly(path, QIODevice::ReadOnly);
+    QVERIFY(readOnly.opened);
+    QCOMPARE(readOnly.result, 0u);
     QTest::ignoreMessage(QtWarningMsg, QRegularExpression("ReadOnly device"));
-    QCOMPARE(audio.VerifyHeader(), 31u);
-    readOnly.close();
+    QCOMPARE(readOnly.audio.VerifyHeader(), 31u);
+    readOnly.file.close();
     QCOMPARE(readFile(path), original);
 }
 
@@ -250,10 +248,9 @@ void AudioFileTest::oddSizedChunkIsNotPadded()
         = riff(fmt + chunk("junk", QByteArray("abc\0", 4), 3) + chunk("data", pcmBytes(8)));
     const QString path = store(padded);
     {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::ReadWrite));
-        AudioFile misread(file);
-        QCOMPARE(misread.ReadAudioFileInfo(), 31u);
+        const StoredFile misread(path);
+        QVERIFY(misread.opened);
+        QCOMPARE(misread.result, 31u);
     }
     QCOMPARE(readFile(path), padded);
 }

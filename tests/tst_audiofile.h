@@ -8,6 +8,7 @@
 #include "support/WavBytes.h"
 
 #include <QBuffer>
+#include <QFile>
 #include <QObject>
 #include <QScopedPointer>
 #include <QTemporaryDir>
@@ -70,6 +71,23 @@ struct LoadedFile
     }
     QBuffer buffer;
     AudioFile audio;
+    unsigned int result = 0;
+};
+
+// A stored file, opened (read-write unless told) and read once when it could be opened; closed when it goes.
+struct StoredFile
+{
+    explicit StoredFile(const QString& path, QIODevice::OpenMode mode = QIODevice::ReadWrite)
+        : file(path)
+        , audio(file)
+    {
+        opened = file.open(mode);
+        if (opened)
+            result = audio.ReadAudioFileInfo();
+    }
+    QFile file;
+    AudioFile audio;
+    bool opened = false;
     unsigned int result = 0;
 };
 

@@ -175,18 +175,18 @@ void AudioFileTest::writeMetadataRoundTrip()
     const Recording r;
     const QString path = store(build(r));
     {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::ReadWrite));
-        AudioFile audio(file);
-        QCOMPARE(audio.ReadAudioFileInfo(), 0u);
+        StoredFile stored(path);
+        QVERIFY(stored.opened);
+        QCOMPARE(stored.result, 0u);
+        AudioFile& audio = stored.audio;
         QCOMPARE(audio.VerifyHeader(), 0u);
         QCOMPARE(audio.PutiXMLField(2, "14A"), 0u);
         QCOMPARE(audio.PutiXMLField(4, "T1"), 0u);
         audio.PutBextField(2, "14A");
-        file.seek(100);
+        stored.file.seek(100);
         QCOMPARE(audio.WriteMetadata(), 0u);
         QVERIFY(!audio.iXmlModified());
-        QCOMPARE(file.pos(), qint64(100));
+        QCOMPARE(stored.file.pos(), qint64(100));
     }
     Recording edited = r;
     edited.cutOff = false;
@@ -197,10 +197,10 @@ void AudioFileTest::writeMetadataRoundTrip()
     edited.room = kRoom - 16;
     QCOMPARE(readFile(path), build(edited)); // same chunk sizes, same audio
 
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    AudioFile fresh(file);
-    QCOMPARE(fresh.ReadAudioFileInfo(), 0u);
+    StoredFile reopened(path, QIODevice::ReadOnly);
+    QVERIFY(reopened.opened);
+    QCOMPARE(reopened.result, 0u);
+    AudioFile& fresh = reopened.audio;
     unsigned short length = 0;
     const char* scene = fresh.GetiXMLField(2, length);
     QCOMPARE(QByteArray(scene, length), QByteArray("14A"));
@@ -257,18 +257,18 @@ void AudioFileTest::writeMetadataStopsOnFailedRead()
         const QByteArray original = riff(fmt + chunk("iXML", xml) + c.tail);
         const QString path = store(original, QString("%1.wav").arg(c.name));
         {
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::ReadWrite));
-            AudioFile audio(file);
-            QCOMPARE(audio.ReadAudioFileInfo(), 31u); // the reading walk meets the same header
+            StoredFile stored(path);
+            QVERIFY(stored.opened);
+            QCOMPARE(stored.result, 31u); // the reading walk meets the same header
+            AudioFile& audio = stored.audio;
             QCOMPARE(ixmlOf(audio), xml);
             QCOMPARE(audio.PutiXMLField(2, "12"), 0u);
             QVERIFY(audio.iXmlModified());
-            QVERIFY(file.seek(7));
+            QVERIFY(stored.file.seek(7));
 
             QCOMPARE(audio.WriteMetadata(), 31u);
             QVERIFY2(!audio.iXmlModified(), c.name);
-            QCOMPARE(file.pos(), qint64(7));
+            QCOMPARE(stored.file.pos(), qint64(7));
         }
         QCOMPARE(readFile(path), riff(fmt + chunk("iXML", edited) + c.tail));
     }

@@ -40,6 +40,15 @@ private:
     int* m_counter;
 };
 
+// Checks a description against its bytes written out by hand: the size it counts and the length of
+// `expected` are both `size`, and it writes exactly `expected`.
+void checkWrittenAs(QuickTimeSampleDescription& description, quint32 size, const QByteArray& expected)
+{
+    QCOMPARE(description.size, size);
+    QCOMPARE(expected.size(), int(size));
+    QCOMPARE(written(description), expected);
+}
+
 // Offsets inside a ProRes entry.
 const int s_colourAt = 86;
 const int s_fieldAt = 104;
@@ -85,8 +94,7 @@ void TestDescriptions::proResHq1080Tern()
     file.videoCodecType = quicktime_codec_prores422;
     file.proResVariant = 1;
     QuickTimeProResVideoSampleDescription prores(&file);
-    QCOMPARE(prores.size, 134u);
-    const QByteArray expected = hex("00000086 61706368 000000000000 0001"
+    checkWrittenAs(prores, 134, hex("00000086 61706368 000000000000 0001"
                                     "0000 0000 6170706c 00000000 000003ff 0780 0438"
                                     "00480000 00480000 00000000 0001"
                                     "13 4170706c652050726f52657320343232204851 000000000000000000000000"
@@ -94,9 +102,7 @@ void TestDescriptions::proResHq1080Tern()
                                     "00000012 636f6c72 6e636c63 0001 0001 0001"
                                     "0000000a 6669656c 01 00"
                                     "00000010 70617370 00000001 00000001"
-                                    "00000000");
-    QCOMPARE(expected.size(), 134);
-    QCOMPARE(written(prores), expected);
+                                    "00000000"));
 }
 
 void TestDescriptions::proResHq1080HeronCleanAperture()
@@ -109,8 +115,7 @@ void TestDescriptions::proResHq1080HeronCleanAperture()
     file.videoCodecType = quicktime_codec_prores422;
     file.proResVariant = 0; // Heron numbers its 422 variants from 0
     QuickTimeProResVideoSampleDescription prores(&file);
-    QCOMPARE(prores.size, 174u);
-    const QByteArray expected = hex("000000ae 61706368 000000000000 0001"
+    checkWrittenAs(prores, 174, hex("000000ae 61706368 000000000000 0001"
                                     "0000 0000 6170706c 00000000 000003ff 0780 0438"
                                     "00480000 00480000 00000000 0001"
                                     "15 4170706c652050726f526573203432322028485129 00000000000000000000"
@@ -120,9 +125,7 @@ void TestDescriptions::proResHq1080HeronCleanAperture()
                                     "00000010 70617370 00000001 00000001"
                                     "00000028 636c6170 00000760 00000001 00000426 00000001"
                                     "00000000 00000001 00000000 00000001"
-                                    "00000000");
-    QCOMPARE(expected.size(), 174);
-    QCOMPARE(written(prores), expected);
+                                    "00000000"));
 }
 
 void TestDescriptions::proResStandardDefinition_data()
@@ -258,19 +261,16 @@ void TestDescriptions::dnxhd1080Interlaced()
     file.videoCodecType = quicktime_codec_dnxhd;
     file.videoCodecId = 1242;
     QuickTimeAvidVideoSampleDescription dnxhd(&file);
-    QCOMPARE(dnxhd.size, 258u);
-    const QByteArray expected = hex("00000102 4156646e 000000000000 0001"
-                                    "0000 0000 686c646e 00000200 00000200 0780 0438"
-                                    "00480000 00480000 00000000 0001"
-                                    "0b 444e78484420436f646563 0000000000000000000000000000000000000000"
-                                    "0018 ffff"
-                                    "00000018 41434c52 41434c52 30303031 00000001 00000000"
-                                    "00000018 41505247 41505247 30303031 00000001 00000000"
-                                    "00000078 41524553 41524553 30303031 000004da"
-                                    "00000780 0000021c 00000002 00000000 00000004")
-        + QByteArray(80, '\0') + hex("00000000");
-    QCOMPARE(expected.size(), 258);
-    QCOMPARE(written(dnxhd), expected);
+    checkWrittenAs(dnxhd, 258, hex("00000102 4156646e 000000000000 0001"
+                                   "0000 0000 686c646e 00000200 00000200 0780 0438"
+                                   "00480000 00480000 00000000 0001"
+                                   "0b 444e78484420436f646563 0000000000000000000000000000000000000000"
+                                   "0018 ffff"
+                                   "00000018 41434c52 41434c52 30303031 00000001 00000000"
+                                   "00000018 41505247 41505247 30303031 00000001 00000000"
+                                   "00000078 41524553 41524553 30303031 000004da"
+                                   "00000780 0000021c 00000002 00000000 00000004")
+                                   + QByteArray(80, '\0') + hex("00000000"));
 }
 
 void TestDescriptions::dnxhdProgressive_data()
@@ -305,13 +305,10 @@ void TestDescriptions::soundThreeBytes()
     file.audioBytesPerSample = 3;
     file.audioLittleEndian = 1;
     QuickTimeSoundSampleDescription sound(&file, 0, 48000);
-    QCOMPARE(sound.size, 82u);
-    const QByteArray expected = hex("00000052 696e3234 000000000000 0001"
-                                    "0001 0000 00000000 0001 0010 0000 0000 bb800000"
-                                    "00000001 00000003 00000003 00000002"
-                                    "0000001e 77617665 0000000c 66726d61 696e3234 0000000a 656e6461 0001");
-    QCOMPARE(expected.size(), 82);
-    QCOMPARE(written(sound), expected);
+    checkWrittenAs(sound, 82, hex("00000052 696e3234 000000000000 0001"
+                                  "0001 0000 00000000 0001 0010 0000 0000 bb800000"
+                                  "00000001 00000003 00000003 00000002"
+                                  "0000001e 77617665 0000000c 66726d61 696e3234 0000000a 656e6461 0001"));
 }
 
 void TestDescriptions::soundFormats_data()

@@ -7,6 +7,7 @@
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
@@ -16,6 +17,7 @@
 #include <QtTest>
 
 #include <algorithm>
+#include <functional>
 
 using namespace FaultsTest;
 using namespace TestSupport;
@@ -107,6 +109,35 @@ bool killedThenKilledAgain(
     if ((needed.isEmpty() || QFile::exists(needed)) && runKilledAt(args, TracedCall{"ftruncate", 1}, &ranOk))
         ++*killedTwice;
     return ranOk;
+}
+
+// Kills the program with `args` at each of `calls` in turn, and the run after each kill at its first
+// truncation (killedThenKilledAgain; that run only while `needed` is there, when named). Before each kill
+// `reset` puts back the file the program starts from; after it `complete` runs the program to the end (`at`
+// names the call killed), and `left` must then be the only file in its folder, holding `expected`. Logs
+// `summary` with the number of calls (%1) and of the next runs killed again (%2). Returns at the first
+// failed check, so the test ends there as it would with the loop written out.
+void killAtEveryCall(const QList<TracedCall>& calls, const QStringList& args, const QString& needed,
+                     const std::function<void()>& reset,
+                     const std::function<void(const QString& at)>& complete, const QString& left,
+                     const QByteArray& expected, const char* summary)
+{
+    const QFileInfo leftInfo(left);
+    int killedTwice = 0;
+    for (int i = 0; i < calls.size(); ++i) {
+        const QString at = killedAtText(calls, i);
+        reset();
+        if (QTest::currentTestFailed())
+            return;
+        QVERIFY2(killedThenKilledAgain(args, calls[i], &killedTwice, needed),
+                 qPrintable(at + ": the program was not killed, or a run did not end"));
+        complete(at);
+        if (QTest::currentTestFailed())
+            return;
+        QCOMPARE(leftInfo.dir().entryList(QDir::Files), QStringList{leftInfo.fileName()});
+        QVERIFY2(readFile(left) == expected, qPrintable(at));
+    }
+    qInfo("%s", qPrintable(QString(summary).arg(calls.size()).arg(killedTwice)));
 }
 
 } // namespace
@@ -267,20 +298,16 @@ void TestFaults::killedAtEverySystemCallIsCompletedByTheNextRun()
     QVERIFY(!undisturbed.isEmpty());
     QVERIFY(madeCall(calls, "write") && madeCall(calls, "fsync") && madeCall(calls, "rename"));
 
-    int killedTwice = 0;
-    for (int i = 0; i < calls.size(); ++i) {
-        const QString at = killedAtText(calls, i);
+    const auto reset = [&] {
         QVERIFY(QFile::remove(mov) || QFile::remove(zqv));
         QVERIFY(writeFile(zqv, before));
-        QVERIFY2(killedThenKilledAgain({card}, calls[i], &killedTwice),
-                 qPrintable(at + ": the program was not killed, or a run did not end"));
+    };
+    const auto complete = [&](const QString&) {
         QStringList out;
         QCOMPARE(runCli({card}, &out), 0);
-        QCOMPARE(QDir(card).entryList(QDir::Files), QStringList{"A001.mov"});
-        QVERIFY2(readFile(mov) == undisturbed, qPrintable(at));
-    }
-    qInfo("%d calls killed in turn; %d of the next runs killed again as they cut back", int(calls.size()),
-          killedTwice);
+    };
+    killAtEveryCall(calls, {card}, QString(), reset, complete, mov, undisturbed,
+                    "%1 calls killed in turn; %2 of the next runs killed again as they cut back");
 }
 
 void TestFaults::rewriteKilledAtEverySystemCallIsCompletedByTheNextRewrite()
@@ -312,20 +339,14 @@ void TestFaults::rewriteKilledAtEverySystemCallIsCompletedByTheNextRewrite()
     QCOMPARE(readFile(mov), interchange);
     QVERIFY(madeCall(calls, "ftruncate") && madeCall(calls, "fsync") && madeCall(calls, "write"));
 
-    int killedTwice = 0;
-    for (int i = 0; i < calls.size(); ++i) {
-        const QString at = killedAtText(calls, i);
-        QVERIFY(writeFile(mov, recorderForm));
-        QVERIFY2(killedThenKilledAgain({"--interchange", mov}, calls[i], &killedTwice),
-                 qPrintable(at + ": the program was not killed, or a run did not end"));
+    const auto reset = [&] { QVERIFY(writeFile(mov, recorderForm)); };
+    const auto complete = [&](const QString& at) {
         const int status = runCli({"--interchange", mov}, &out);
         QVERIFY2(status == 0 && out.contains("     " + mov + " rewritten for interchange."),
                  qPrintable(at + ":\n" + out.join('\n')));
-        QCOMPARE(QDir(card).entryList(QDir::Files), QStringList{"A001.mov"});
-        QVERIFY2(readFile(mov) == interchange, qPrintable(at));
-    }
-    qInfo("%d calls of a rewrite killed in turn; %d of the next rewrites killed again", int(calls.size()),
-        killedTwice);
+    };
+    killAtEveryCall(calls, {"--interchange", mov}, QString(), reset, complete, mov, interchange,
+                    "%1 calls of a rewrite killed in turn; %2 of the next rewrites killed again");
 }
 
 void TestFaults::restoreKilledAtEverySystemCallIsCompletedByTheNextRestore()
@@ -356,22 +377,19 @@ void TestFaults::restoreKilledAtEverySystemCallIsCompletedByTheNextRestore()
     QCOMPARE(readFile(zqv), original);
     QVERIFY(madeCall(calls, "ftruncate") && madeCall(calls, "fsync") && madeCall(calls, "write"));
 
-    int killedTwice = 0;
-    for (int i = 0; i < calls.size(); ++i) {
-        const QString at = killedAtText(calls, i);
+    const auto reset = [&] {
         QFile::remove(zqv);
         QVERIFY(writeFile(mov, finished));
-        // A restore killed after its rename leaves nothing for a second one to do.
-        QVERIFY2(killedThenKilledAgain({"--restore", mov}, calls[i], &killedTwice, mov),
-                 qPrintable(at + ": the program was not killed, or a run did not end"));
+    };
+    const auto complete = [&](const QString& at) {
         if (QFile::exists(mov)) {
             const int status = runCli({ "--restore", mov }, &out);
             QVERIFY2(status == 0 && out.contains("     " + mov + " restored as " + zqv + "."),
                 qPrintable(at + ":\n" + out.join('\n')));
         }
-        QCOMPARE(QDir(card).entryList(QDir::Files), QStringList { "A001.zqv" });
-        QVERIFY2(readFile(zqv) == original, qPrintable(at));
-    }
-    qInfo("%d calls of a restore killed in turn; %d of the next restores killed again", int(calls.size()),
-        killedTwice);
+    };
+    // A restore killed after its rename leaves nothing for a second one to do: the next run is killed again
+    // only while the movie is still there.
+    killAtEveryCall(calls, {"--restore", mov}, mov, reset, complete, zqv, original,
+                    "%1 calls of a restore killed in turn; %2 of the next restores killed again");
 }

@@ -72,8 +72,7 @@ void TestHeronFinalize::cutOffWavBecomesWavAndPlays()
 
     const DriverRun run = runDriver({tmp.path()});
     const QString wav = tmp.filePath("B001.wav");
-    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing heron finalize",
-                                     "     " + wav + " (Heron) Finalized"}));
+    QCOMPARE(run.lines, oneFileRunLines(tmp.path(), "Heron", {}, wav, "Finalized"));
     QCOMPARE(run.good, 1);
     QVERIFY(!QFile::exists(zqa));
 
@@ -140,12 +139,12 @@ void TestHeronFinalize::heronMovieBecomesMov()
     const AtomWalker::Atom moov = AtomWalker::find(movie, "moov");
     QVERIFY(moov.valid());
     // No per-table messages for Heron; the closing line names where the index went.
-    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing heron finalize",
-                                     QString("Recorded FILE Last Position Start:%1 End:%2 Size:%3")
-                                         .arg(moov.offset)
-                                         .arg(moov.end())
-                                         .arg(moov.size),
-                                     "     " + mov + " (Heron) Finalized"}));
+    QCOMPARE(run.lines, oneFileRunLines(tmp.path(), "Heron",
+                                        {QString("Recorded FILE Last Position Start:%1 End:%2 Size:%3")
+                                             .arg(moov.offset)
+                                             .arg(moov.end())
+                                             .arg(moov.size)},
+                                        mov, "Finalized"));
     // The first atom still spans the whole reserved region; Heron tracks carry no edit lists.
     QCOMPARE(AtomWalker::be32(movie, 0), 5472240u);
     QVERIFY(!AtomWalker::find(movie, "moov/trak:2/edts").valid());
@@ -155,15 +154,9 @@ void TestHeronFinalize::heronMovieBecomesMov()
 void TestHeronFinalize::heronMovieWithoutRecoveryDataBecomesNrv()
 {
     QTemporaryDir tmp;
-    const QString zqv = tmp.filePath("B001.zqv");
     // A Heron start without the unfinished 'mdat' header: nothing to finish from.
     const QByteArray bytes = hex("00537ff0 66747970") + QByteArray(6000000, 'x');
-    QVERIFY(writeFile(zqv, bytes));
-    const DriverRun run = runDriver({tmp.path()});
-    const QString nrv = tmp.filePath("B001.nrv");
-    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing heron finalize",
-                                     "     " + nrv + " (Heron) Unrecoverable"}));
-    QCOMPARE(readFile(nrv), bytes);
+    checkLeftUnrecoverable(tmp.filePath("B001.zqv"), bytes, "Heron", {}, tmp.filePath("B001.nrv"));
 }
 
 void TestHeronFinalize::existingNrvIsNotReplaced()
@@ -210,8 +203,7 @@ void TestHeronFinalize::upperCaseGivenUpNameCountsAsFinalized()
     QTemporaryDir tmp;
     QVERIFY(writeFile(tmp.filePath("clip.NRV"), "x"));
     const DriverRun run = runDriver({tmp.path()});
-    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing heron finalize",
-                                     "     " + tmp.path() + " (Heron) Finalized"}));
+    QCOMPARE(run.lines, oneFileRunLines(tmp.path(), "Heron", {}, tmp.path(), "Finalized"));
     QCOMPARE(run.good, 1);
     QCOMPARE(readFile(tmp.filePath("clip.NRV")), QByteArray("x"));
 }
@@ -268,8 +260,7 @@ void TestHeronFinalize::finishCutShortBeforeTheRenameIsRenamed()
     QVERIFY(QFile::rename(mov, zqv));
 
     const DriverRun run = runDriver({tmp.path()});
-    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing heron finalize",
-                                     "     " + mov + " (Heron) Finalized"}));
+    QCOMPARE(run.lines, oneFileRunLines(tmp.path(), "Heron", {}, mov, "Finalized"));
     QCOMPARE(run.good, 1);
     QCOMPARE(readFile(mov), finished);
 }

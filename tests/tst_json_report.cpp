@@ -10,8 +10,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -126,14 +124,7 @@ private slots:
         QVERIFY(summary.value("ended").toString() >= summary.value("started").toString());
 
         // An independent parser takes every line too.
-        if (!QStandardPaths::findExecutable("python3").isEmpty()) {
-            QProcess python;
-            python.start("python3", {"-m", "json.tool", "--json-lines"});
-            python.write((out.join('\n') + '\n').toUtf8());
-            python.closeWriteChannel();
-            QVERIFY(python.waitForFinished(30000));
-            QCOMPARE(python.exitCode(), 0);
-        }
+        checkJsonLinesWithPython(out);
     }
 
     void scanOfTheMixedCardWithOneFileInUse()

@@ -42,6 +42,16 @@ QString stars(const QString& path, const char* what)
     return QString("********************* %1 %2").arg(path, what);
 }
 
+// The lines of a run over `folder` whose recording `zqv` has settings no index can be built from: it is
+// left unchanged as `mov`.
+QStringList invalidSettingsLines(const QString& folder, const QString& zqv, const QString& mov)
+{
+    return oneFileRunLines(folder, "Tern",
+                           {stars(zqv, "needs to be restored!"),
+                            stars(zqv, "recovery failed, invalid recovery settings!")},
+                           mov, "Unrecoverable");
+}
+
 } // namespace
 
 class TestTernFinalize : public QObject
@@ -83,15 +93,19 @@ void TestTernFinalize::healthyRecordingBecomesMov()
     const auto tablePos = [&](int trak) { return find(movie, QString("moov/trak:%1/mdia/minf/stbl/co64").arg(trak)).offset + 16; };
     const QString hexPos = "%1";
     QCOMPARE(run.lines,
-             QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize", stars(zqv, "needs to be restored!"),
-                          "stream 1 entries (" + hexPos.arg(tablePos(1), 0, 16) + ")", "done streaming 1 entries",
-                          "stream 10 entries (" + hexPos.arg(tablePos(2), 0, 16) + ")", "done streaming 10 entries",
-                          "stream 10 entries (" + hexPos.arg(tablePos(3), 0, 16) + ")", "done streaming 10 entries",
-                          QString("Recorded FILE Last Position Start:%1 End:%2 Size:%3")
-                              .arg(moov.offset)
-                              .arg(moov.end())
-                              .arg(moov.size),
-                          "     " + mov + " (Tern) Finalized"}));
+             oneFileRunLines(tmp.path(), "Tern",
+                             {stars(zqv, "needs to be restored!"),
+                              "stream 1 entries (" + hexPos.arg(tablePos(1), 0, 16) + ")",
+                              "done streaming 1 entries",
+                              "stream 10 entries (" + hexPos.arg(tablePos(2), 0, 16) + ")",
+                              "done streaming 10 entries",
+                              "stream 10 entries (" + hexPos.arg(tablePos(3), 0, 16) + ")",
+                              "done streaming 10 entries",
+                              QString("Recorded FILE Last Position Start:%1 End:%2 Size:%3")
+                                  .arg(moov.offset)
+                                  .arg(moov.end())
+                                  .arg(moov.size)},
+                             mov, "Finalized"));
     QCOMPARE(run.good, 1);
     QCOMPARE(run.bad, 0);
 }
@@ -105,10 +119,7 @@ void TestTernFinalize::zeroFrameRateIsInvalidAndRenamedMov()
     const QByteArray before = readFile(zqv);
     const DriverRun run = runDriver({tmp.path()});
     const QString mov = tmp.filePath("A001.mov");
-    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
-                                     stars(zqv, "needs to be restored!"),
-                                     stars(zqv, "recovery failed, invalid recovery settings!"),
-                                     "     " + mov + " (Tern) Unrecoverable"}));
+    QCOMPARE(run.lines, invalidSettingsLines(tmp.path(), zqv, mov));
     QCOMPARE(run.bad, 1);
     QCOMPARE(readFile(mov), before);
 }
@@ -129,13 +140,8 @@ void TestTernFinalize::corruptedFileIsRenamedMovUnchanged()
     QTemporaryDir tmp;
     const QString zqv = tmp.filePath("A001.zqv");
     const QByteArray bytes = hex("00000014 66747970") + QByteArray(1000, 'x');
-    QVERIFY(writeFile(zqv, bytes));
-    const DriverRun run = runDriver({tmp.path()});
-    const QString mov = tmp.filePath("A001.mov");
-    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
-                                     stars(zqv, "recovery failed, corrupted file!"),
-                                     "     " + mov + " (Tern) Unrecoverable"}));
-    QCOMPARE(readFile(mov), bytes);
+    checkLeftUnrecoverable(zqv, bytes, "Tern", {stars(zqv, "recovery failed, corrupted file!")},
+                           tmp.filePath("A001.mov"));
 }
 
 void TestTernFinalize::unopenableFileIsReportedAndRenamed()
@@ -275,10 +281,7 @@ void TestTernFinalize::settingsNoIndexCanBeBuiltFromAreInvalid()
     const QByteArray before = readFile(zqv);
     const DriverRun run = runDriver({tmp.path()});
     const QString mov = tmp.filePath("A001.mov");
-    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
-                                     stars(zqv, "needs to be restored!"),
-                                     stars(zqv, "recovery failed, invalid recovery settings!"),
-                                     "     " + mov + " (Tern) Unrecoverable"}));
+    QCOMPARE(run.lines, invalidSettingsLines(tmp.path(), zqv, mov));
     QCOMPARE(readFile(mov), before);
 }
 
@@ -292,10 +295,10 @@ void TestTernFinalize::endBeyondTheLargestFileShowsNoQtNotice()
     patchLe32(zqv, kRecord + 72, 0);
     patchLe32(zqv, kRecord + 76, 0x40000000); // 2^62 bytes
     const DriverRun run = runDriver({tmp.path()});
-    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
-                                     stars(zqv, "needs to be restored!"),
-                                     stars(zqv, "recovery failed, no frame map or finalization failed!"),
-                                     "     " + tmp.filePath("A001.nrv") + " (Tern) Unrecoverable"}));
+    QCOMPARE(run.lines, oneFileRunLines(tmp.path(), "Tern",
+                                        {stars(zqv, "needs to be restored!"),
+                                         stars(zqv, "recovery failed, no frame map or finalization failed!")},
+                                        tmp.filePath("A001.nrv"), "Unrecoverable"));
 }
 
 void TestTernFinalize::finishCutShortBeforeTheRenameIsRenamed()
@@ -311,9 +314,9 @@ void TestTernFinalize::finishCutShortBeforeTheRenameIsRenamed()
     QVERIFY(QFile::rename(mov, zqv));
 
     const DriverRun run = runDriver({tmp.path()});
-    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
-                                     stars(zqv, "was finished by an earlier run cut short, verified!"),
-                                     "     " + mov + " (Tern) Finalized"}));
+    QCOMPARE(run.lines, oneFileRunLines(tmp.path(), "Tern",
+                                        {stars(zqv, "was finished by an earlier run cut short, verified!")},
+                                        mov, "Finalized"));
     QCOMPARE(run.good, 1);
     QCOMPARE(run.bad, 0);
     QCOMPARE(readFile(mov), finished);
@@ -332,13 +335,7 @@ void TestTernFinalize::finishedLayoutThatDoesNotVerifyIsCorrupted()
     QVERIFY(co64.valid());
     damaged.replace(int(co64.offset) + 16, 8, hex("0000007FFFFFFF00"));
     QVERIFY(QFile::remove(mov));
-    QVERIFY(writeFile(zqv, damaged));
-
-    const DriverRun run = runDriver({tmp.path()});
-    QCOMPARE(run.lines, QStringList({"Scanning folder: " + tmp.path(), "doing tern finalize",
-                                     stars(zqv, "recovery failed, corrupted file!"),
-                                     "     " + mov + " (Tern) Unrecoverable"}));
-    QCOMPARE(readFile(mov), damaged);
+    checkLeftUnrecoverable(zqv, damaged, "Tern", {stars(zqv, "recovery failed, corrupted file!")}, mov);
 }
 
 QTEST_GUILESS_MAIN(TestTernFinalize)

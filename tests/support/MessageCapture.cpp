@@ -2,6 +2,10 @@
 
 #include "finalize/Finalize.h"
 #include "finalize/LogText.h"
+#include "support/TestSupport.h"
+
+#include <QFileInfo>
+#include <QtTest>
 
 MessageCapture* MessageCapture::s_active = nullptr;
 
@@ -46,6 +50,23 @@ DriverRun runDriver(const QStringList& folders, bool scanOnly)
     run.good = driver.goodCount;
     run.bad = driver.badCount;
     return run;
+}
+
+QStringList oneFileRunLines(const QString& folder, const QString& family, const QStringList& messages,
+                            const QString& left, const QString& outcome)
+{
+    return QStringList{"Scanning folder: " + folder, "doing " + family.toLower() + " finalize"} + messages
+        + QStringList{"     " + left + " (" + family + ") " + outcome};
+}
+
+void checkLeftUnrecoverable(const QString& path, const QByteArray& bytes, const QString& family,
+                            const QStringList& messages, const QString& left)
+{
+    QVERIFY(TestSupport::writeFile(path, bytes));
+    const QString folder = QFileInfo(path).path();
+    const DriverRun run = runDriver({folder});
+    QCOMPARE(run.lines, oneFileRunLines(folder, family, messages, left, "Unrecoverable"));
+    QCOMPARE(TestSupport::readFile(left), bytes);
 }
 
 QStringList runFinalizeRun(const QString& path, bool scanOnly, FinalizeRun::Summary* summary)

@@ -2,6 +2,7 @@
 
 #include "finalize/FinalizeRun.h"
 
+#include <QByteArray>
 #include <QString>
 #include <QStringList>
 #include <QtGlobal>
@@ -53,6 +54,16 @@ struct DriverRun
     int bad = 0;
 };
 DriverRun runDriver(const QStringList& folders, bool scanOnly = false);
+// The lines of runDriver over `folder` holding one file that the `family` procedure ("Tern", "Heron")
+// takes: the folder scanned, the procedure started, its `messages`, and last the path the file was left
+// at (`left`) with how it went (`outcome`: "Finalized", "Unrecoverable").
+QStringList oneFileRunLines(const QString& folder, const QString& family, const QStringList& messages,
+                            const QString& left, const QString& outcome);
+// Writes `bytes` to `path`, bytes the `family` procedure cannot finish, and runs the driver over the folder
+// of `path`: the run gives the lines of oneFileRunLines with `messages`, the file left at `left` as
+// "Unrecoverable", and `left` still holds `bytes`.
+void checkLeftUnrecoverable(const QString& path, const QByteArray& bytes, const QString& family,
+                            const QStringList& messages, const QString& left);
 
 // One press of Start over `path` (the run both front ends present): its lines and library messages in
 // time order, as the log box shows them, and its summary.

@@ -7,7 +7,9 @@
 #include <QJsonDocument>
 #include <QMap>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QtEndian>
+#include <QtTest>
 
 #include <unistd.h>
 
@@ -124,6 +126,18 @@ int runCommand(const QString& program, const QStringList& args, int msecs)
     if (!process.waitForFinished(msecs) || process.exitStatus() != QProcess::NormalExit)
         return -1;
     return process.exitCode();
+}
+
+void checkJsonLinesWithPython(const QStringList& lines)
+{
+    if (QStandardPaths::findExecutable("python3").isEmpty())
+        return;
+    QProcess python;
+    python.start("python3", {"-m", "json.tool", "--json-lines"});
+    python.write((lines.join('\n') + '\n').toUtf8());
+    python.closeWriteChannel();
+    QVERIFY(python.waitForFinished(30000));
+    QCOMPARE(python.exitCode(), 0);
 }
 
 FailingBuffer::FailingBuffer(qint64 limit)

@@ -43,6 +43,10 @@ QList<QJsonObject> cliFileObjects(const QStringList& args, QStringList* report =
 // -1 when it did not end or crashed.
 int runCommand(const QString& program, const QStringList& args, int msecs = -1);
 
+// Checks with Python's JSON parser, independent of Qt's, that each of `lines` is one JSON text: the
+// parser must end within 30 seconds, without an error. Checks nothing where python3 is not installed.
+void checkJsonLinesWithPython(const QStringList& lines);
+
 // clipward-cli run as a user whom file permissions stop: as root, as "nobody" (through setpriv); else as
 // the user running the tests. Returns its exit code (-1 when it crashed) and fills the stdout lines.
 int runCliUnprivileged(const QStringList& args, QStringList* stdoutLines);
