@@ -120,7 +120,7 @@ RecordingResult writeDenseRecording(const QString& path, const QList<QByteArray>
 {
     RecordingPlan plan = proResPlan(RecordingPlan::Tern);
     const qint64 soundChunkBytes = padded(qint64(kTracks) * kTernSamplesPerChunk * kBytesPerSample);
-    qint64 bytes = Tern::QuickTimeFile::s_movieDataStartOffset + kBlock; // region and timecode sample
+    qint64 bytes = Tern::ternFamily.movieDataStartOffset + kBlock; // region and timecode sample
     int chunks = 0;
     while (bytes < targetBytes && !frames.isEmpty()) {
         for (quint32 g = 0; g < kFramesPerChunk; ++g) {
@@ -186,8 +186,12 @@ int writeCard(const QString& root, int folders, int filesPerFolder)
 bool ReusableRecording::capture(const QString& zqvPath)
 {
     QFile file(zqvPath);
-    if (!file.open(QIODevice::ReadOnly) || !file.seek(Tern::QuickTimeFile::s_datPos))
+    if (!file.open(QIODevice::ReadOnly))
         return false;
+    const Tern::MovieFamily* family = Tern::familyOfRecording(file);
+    if (!family || !file.seek(family->movieDataHeaderPos))
+        return false;
+    m_headerPos = family->movieDataHeaderPos;
     m_path = zqvPath;
     m_size = file.size();
     m_header = file.read(16);
@@ -212,7 +216,7 @@ bool ReusableRecording::restore()
     if (!QFile::exists(current))
         return QFile::exists(m_path);
     QFile file(current);
-    if (!file.open(QIODevice::ReadWrite) || !file.resize(m_size) || !file.seek(Tern::QuickTimeFile::s_datPos)
+    if (!file.open(QIODevice::ReadWrite) || !file.resize(m_size) || !file.seek(m_headerPos)
         || file.write(m_header) != m_header.size())
         return false;
     file.close();

@@ -40,6 +40,7 @@ public:
 private:
     QString m_path;
     qint64 m_size = 0;
+    qint64 m_headerPos = 0; // where the recording's family puts the 'mdat' header
     QByteArray m_header;
 };
 

@@ -214,8 +214,8 @@ private slots:
     {
         const quint64 furthest = 0x7FFFFFFFFFFFFFFFULL - 512 - (quint64(1) << 32) - 512;
         QCOMPARE(quint64(Tern::QuickTimeFile::s_furthestRecordedEnd), furthest);
-        QVERIFY(Tern::QuickTimeFile::settingsAllowIndex(3, 2, 3, furthest));
-        QVERIFY(!Tern::QuickTimeFile::settingsAllowIndex(3, 2, 3, furthest + 1));
+        QVERIFY(Tern::QuickTimeFile::settingsAllowIndex(3, 2, 3, furthest, Tern::ternFamily));
+        QVERIFY(!Tern::QuickTimeFile::settingsAllowIndex(3, 2, 3, furthest + 1, Tern::ternFamily));
     }
 
     // The same recordings with the end position they should have recover: the test above fails only

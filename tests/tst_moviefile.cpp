@@ -19,7 +19,7 @@ using TestSupport::pattern;
 
 namespace {
 
-const qint64 s_regionEnd = QuickTimeFile::s_datPos;
+const qint64 s_regionEnd = ternFamily.movieDataHeaderPos;
 
 const char* const s_mdatHeader = "00000001 6D646174 0000000000000010";
 
@@ -27,10 +27,10 @@ const char* const s_mdatHeader = "00000001 6D646174 0000000000000010";
 
 void TestMovieFile::layoutOfARecording()
 {
-    QCOMPARE(QuickTimeFile::s_recoverySettingsPos, qint64(36));
-    QCOMPARE(QuickTimeFile::s_recoveryFrameMapPos, qint64(156));
-    QCOMPARE(QuickTimeFile::s_datPos, qint64(5472240));
-    QCOMPARE(QuickTimeFile::s_movieDataStartOffset, qint64(5472256));
+    QCOMPARE(ternFamily.recoverySettingsPos, qint64(36));
+    QCOMPARE(ternFamily.recoveryFrameMapPos, qint64(156));
+    QCOMPARE(ternFamily.movieDataHeaderPos, qint64(5472240));
+    QCOMPARE(ternFamily.movieDataStartOffset, qint64(5472256));
     QCOMPARE(QuickTimeFile::s_frameMapEntries, 2736000u);
 }
 

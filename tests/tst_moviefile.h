@@ -11,7 +11,7 @@
 
 namespace MovieFileTest {
 
-const qint64 s_mediaStart = Tern::QuickTimeFile::s_movieDataStartOffset;
+const qint64 s_mediaStart = Tern::ternFamily.movieDataStartOffset;
 
 inline bool allZero(const QByteArray& bytes)
 {

@@ -170,7 +170,7 @@ void TestParserMovies::finalizedMovieReadsBack()
 
     const Atom maker = find(movie, "moov/udta/hldn");
     QCOMPARE(file.movieDataStart, quint64(find(movie, "mdat").offset + 16));
-    QCOMPARE(file.movieDataStart, quint64(MovieFile::s_movieDataStartOffset));
+    QCOMPARE(file.movieDataStart, quint64(Tern::ternFamily.movieDataStartOffset));
     QVERIFY(file.writtenByRecorder);
     QVERIFY(file.haldenMarker);
     QCOMPARE(file.videoFrames(), be32(movie, maker.offset + 24));

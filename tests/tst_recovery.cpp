@@ -134,10 +134,10 @@ private slots:
 
 void TestRecovery::positionsAreTheFormatsConstants()
 {
-    QCOMPARE(QuickTimeFile::s_recoverySettingsPos, qint64(36));
-    QCOMPARE(QuickTimeFile::s_recoveryFrameMapPos, qint64(156));
-    QCOMPARE(QuickTimeFile::s_datPos, qint64(0x537FF0));
-    QCOMPARE(QuickTimeFile::s_movieDataStartOffset, qint64(0x538000));
+    QCOMPARE(Tern::ternFamily.recoverySettingsPos, qint64(36));
+    QCOMPARE(Tern::ternFamily.recoveryFrameMapPos, qint64(156));
+    QCOMPARE(Tern::ternFamily.movieDataHeaderPos, qint64(0x537FF0));
+    QCOMPARE(Tern::ternFamily.movieDataStartOffset, qint64(0x538000));
 }
 
 void TestRecovery::fileOfExactlyTheMediaStartFailsVerify()

@@ -25,7 +25,7 @@ using TestSupport::pattern;
 
 namespace {
 
-const quint64 S = QuickTimeFile::s_movieDataStartOffset; // 0x538000, where the offsets below start
+const quint64 S = ternFamily.movieDataStartOffset; // 0x538000, where the offsets below start
 
 const char* const s_writeError =
     "!!! QuickTimeBufferDevice encountered HDD error, dumping subsequent writes (0) \"Unknown error\"";

@@ -106,11 +106,11 @@ void TestSparseRecording::regionIsTheRecorders()
     QVERIFY2(sparseResult.ok, qPrintable(sparseResult.error));
 
     QCOMPARE(readRange(sparse, mapPos, firstEntries.size()), firstEntries);
-    QCOMPARE(readRange(sparse, Tern::QuickTimeFile::s_datPos, 16),
+    QCOMPARE(readRange(sparse, Tern::ternFamily.movieDataHeaderPos, 16),
         hex("00 00 00 01 6D 64 61 74 00 00 00 00 00 00 00 10"));
     // Everything up to the media (settings, the whole frame map, its terminator) is byte for byte the
     // recorder's, and the file ends where the recorder's writes ended.
-    const qint64 start = Tern::QuickTimeFile::s_movieDataStartOffset;
+    const qint64 start = Tern::ternFamily.movieDataStartOffset;
     QCOMPARE(readRange(sparse, 0, start), readRange(dense, 0, start));
     QCOMPARE(QFileInfo(sparse).size(), QFileInfo(dense).size());
     QCOMPARE(sparseResult.recordedEndPosition, denseResult.recordedEndPosition);
@@ -181,8 +181,8 @@ void TestSparseRecording::finalizesToTheDenseIndex()
     QCOMPARE(QFileInfo(sparseMovie).size(), QFileInfo(denseMovie).size());
     QCOMPARE(readRange(sparseMovie, end, QFileInfo(sparseMovie).size() - end),
         readRange(denseMovie, end, QFileInfo(denseMovie).size() - end));
-    QCOMPARE(readRange(sparseMovie, Tern::QuickTimeFile::s_datPos, 16),
-        readRange(denseMovie, Tern::QuickTimeFile::s_datPos, 16));
+    QCOMPARE(readRange(sparseMovie, Tern::ternFamily.movieDataHeaderPos, 16),
+        readRange(denseMovie, Tern::ternFamily.movieDataHeaderPos, 16));
 }
 
 void TestSparseRecording::planOfDenseRecording()

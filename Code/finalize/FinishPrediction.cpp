@@ -26,7 +26,8 @@ QString whyRecoveryFailed(QuickTimeFile& movie, CopyOnWriteFile& view)
             .arg(family.name)
             .arg(family.minimumChunks);
     const QString settings = Tern::indexRefusal(
-        movie.videoFramesPerChunk, movie.audioTracks, movie.audioBytesPerSample, movie.recordedEndPosition);
+        movie.videoFramesPerChunk, movie.audioTracks, movie.audioBytesPerSample, movie.recordedEndPosition,
+        family);
     if (!settings.isEmpty())
         return "the settings give " + settings;
     const quint64 end = movie.recordedEndPosition;

@@ -14,5 +14,5 @@ QString SettingsCheck::refusal(const Tern::MovieFamily& family, const Tern::Reco
     if (s.height == 0)
         return QStringLiteral("a height of 0");
     return Tern::indexRefusal(
-        s.videoFramesPerChunk, s.audioTracks, s.audioBytesPerSample, s.recordedEndPosition);
+        s.videoFramesPerChunk, s.audioTracks, s.audioBytesPerSample, s.recordedEndPosition, family);
 }

@@ -24,8 +24,9 @@ const quint32 s_extendedSizeMarker = 1;
 // the stack. Atoms below it are skipped unread.
 const int s_maxNesting = 32;
 
-// The object that reads an atom of this type; anything unknown is only skipped.
-QuickTimeAtom* createAtom(QuickTimeFile* file, quint32 type, quint32 size)
+// The reader of an atom of the movie's and its tracks' structure, down to the sample table; null for
+// any other type.
+QuickTimeAtom* createStructureAtom(QuickTimeFile* file, quint32 type)
 {
     switch (type) {
     case fourCC("moov"):
@@ -55,6 +56,16 @@ QuickTimeAtom* createAtom(QuickTimeFile* file, quint32 type, quint32 size)
         return new QuickTimeDataReferenceAtom();
     case fourCC("stbl"):
         return new QuickTimeSampleTableAtom();
+    default:
+        return nullptr;
+    }
+}
+
+// The reader of a sample table, of the user data, or of an extension of a video description; null for
+// any other type.
+QuickTimeAtom* createTableOrDataAtom(QuickTimeFile* file, quint32 type)
+{
+    switch (type) {
     case fourCC("stsd"):
         return new QuickTimeSampleDescriptionAtom(file);
     case fourCC("stts"):
@@ -78,8 +89,70 @@ QuickTimeAtom* createAtom(QuickTimeFile* file, quint32 type, quint32 size)
     case fourCC("wide"):
         return new QuickTimeWideAtom();
     default:
-        return new QuickTimeUnrecognizedAtom(type, size);
+        return nullptr;
     }
+}
+
+// The object that reads an atom of this type; anything unknown is only skipped.
+QuickTimeAtom* createAtom(QuickTimeFile* file, quint32 type, quint32 size)
+{
+    if (QuickTimeAtom* atom = createStructureAtom(file, type))
+        return atom;
+    if (QuickTimeAtom* atom = createTableOrDataAtom(file, type))
+        return atom;
+    return new QuickTimeUnrecognizedAtom(type, size);
+}
+
+// An atom's header as read from the stream.
+struct AtomHeader
+{
+    qint64 start = 0; // where the header begins
+    quint32 type = 0;
+    quint64 size = 0; // header included: the 64-bit size behind the type when the 32-bit one is 1
+    bool extended = false;
+    qint64 end() const { return start + qint64(size); }
+};
+
+// Reads the header at the stream's position; false at the stream's end, when a field cannot be read, and
+// for a size of 0.
+bool readAtomHeader(QDataStream& stream, AtomHeader* header)
+{
+    header->start = stream.device()->pos();
+    stream.resetStatus();
+    if (stream.atEnd())
+        return false;
+    quint32 size32 = 0;
+    stream >> size32;
+    if (size32 == 0 || stream.status() != QDataStream::Ok)
+        return false;
+    stream >> header->type;
+    header->extended = size32 == s_extendedSizeMarker;
+    header->size = size32;
+    if (header->extended)
+        stream >> header->size;
+    // A 64-bit size of 0 would never move the walk on: it ends the walk like a 32-bit size of 0.
+    return stream.status() == QDataStream::Ok && header->size != 0;
+}
+
+// Has `atom` read its payload, one level deeper; when it read more or less than its header declares,
+// the stream is moved to the declared end so that the walk goes on behind it.
+void readPayload(QuickTimeAtom* atom, const AtomHeader& header, QDataStream& stream, quint64* remaining)
+{
+    ++QuickTimeAtom::nestingLevel;
+    atom->read(stream, remaining);
+    --QuickTimeAtom::nestingLevel;
+    QIODevice* device = stream.device();
+    const qint64 pos = device->pos();
+    const qint64 end = header.end();
+    if (pos == end)
+        return;
+    QuickTimeAtom::seekWithin(device, end);
+    const quint32 type = header.type;
+    qDebug("unexpected amount of data read in atom %c%c%c%c @ 0x%llx (expected %lld, read %lld), "
+           "sync to 0x%llx",
+        char(type >> 24), char(type >> 16), char(type >> 8), char(type),
+        static_cast<unsigned long long>(header.start), static_cast<long long>(header.size),
+        static_cast<long long>(pos - header.start), static_cast<unsigned long long>(end));
 }
 
 } // namespace
@@ -115,59 +188,27 @@ bool QuickTimeAtom::skipBytes(QDataStream& stream, quint64 n)
 bool QuickTimeAtom::readNextAtom(
     QuickTimeFile* file, QuickTimeAtom** out, QDataStream& stream, quint64* remaining)
 {
-    QIODevice* device = stream.device();
-    if (!device)
+    if (!stream.device())
         return false;
-    const qint64 start = device->pos();
-    stream.resetStatus();
-    if (stream.atEnd())
-        return false;
-    quint32 size32 = 0;
-    stream >> size32;
-    if (size32 == 0 || stream.status() != QDataStream::Ok)
-        return false;
-    quint32 atomType = 0;
-    stream >> atomType;
-    const bool extended = size32 == s_extendedSizeMarker;
-    quint64 atomSize = size32;
-    if (extended)
-        stream >> atomSize;
-    // A 64-bit size of 0 would never move the walk on: it ends the walk like a 32-bit size of 0.
-    if (stream.status() != QDataStream::Ok || atomSize == 0)
-        return false;
-    if (*remaining < atomSize)
+    AtomHeader header;
+    if (!readAtomHeader(stream, &header) || *remaining < header.size)
         return false;
 
-    QuickTimeAtom* atom = createAtom(file, atomType, quint32(atomSize));
+    QuickTimeAtom* atom = createAtom(file, header.type, quint32(header.size));
     atom->file = file;
-    atom->size64 = atomSize;
-    atom->startPos = quint64(start);
+    atom->size64 = header.size;
+    atom->startPos = quint64(header.start);
     if (out)
         *out = atom;
-    const qint64 end = start + qint64(atomSize);
 
-    if (extended) {
-        // Only 'mdat' is ever this large; its payload is the media and is never parsed.
-        if (atomType == fourCC("mdat") && file)
-            file->movieDataStart = quint64(start) + s_extendedHeaderSize;
-        seekWithin(device, end);
-        *remaining -= atomSize;
-    } else if (nestingLevel >= s_maxNesting) {
-        seekWithin(device, end);
-        *remaining -= atomSize;
+    // Only 'mdat' is ever this large; its payload is the media and is never parsed.
+    if (header.extended && header.type == fourCC("mdat") && file)
+        file->movieDataStart = quint64(header.start) + s_extendedHeaderSize;
+    if (header.extended || nestingLevel >= s_maxNesting) {
+        seekWithin(stream.device(), header.end());
+        *remaining -= header.size;
     } else {
-        ++nestingLevel;
-        atom->read(stream, remaining);
-        --nestingLevel;
-        const qint64 pos = device->pos();
-        if (pos != end) {
-            seekWithin(device, end);
-            qDebug("unexpected amount of data read in atom %c%c%c%c @ 0x%llx (expected %lld, read %lld), "
-                   "sync to 0x%llx",
-                char(atomType >> 24), char(atomType >> 16), char(atomType >> 8), char(atomType),
-                static_cast<unsigned long long>(start), static_cast<long long>(atomSize),
-                static_cast<long long>(pos - start), static_cast<unsigned long long>(end));
-        }
+        readPayload(atom, header, stream, remaining);
     }
     if (!out)
         delete atom;
@@ -198,19 +239,14 @@ bool QuickTimeAtom::readChildren(QDataStream& stream, quint64* remaining)
     return left == 0;
 }
 
-bool QuickTimeAtom::readContainer(QDataStream& stream, quint64* remaining)
+// ---------------------------------------------------------------------------------------------------------
+// Containers
+
+bool QuickTimeContainerAtom::read(QDataStream& stream, quint64* remaining)
 {
     if (!readHeaderCount(remaining))
         return false;
     return readChildren(stream, remaining);
-}
-
-// ---------------------------------------------------------------------------------------------------------
-// Containers
-
-bool QuickTimeMovieAtom::read(QDataStream& stream, quint64* remaining)
-{
-    return readContainer(stream, remaining);
 }
 
 bool QuickTimeTrackAtom::read(QDataStream& stream, quint64* remaining)
@@ -218,32 +254,7 @@ bool QuickTimeTrackAtom::read(QDataStream& stream, quint64* remaining)
     // Everything learned from here on belongs to this track.
     if (file)
         file->initCurrentTrackInfo();
-    return readContainer(stream, remaining);
-}
-
-bool QuickTimeMediaAtom::read(QDataStream& stream, quint64* remaining)
-{
-    return readContainer(stream, remaining);
-}
-
-bool QuickTimeMediaInformationAtom::read(QDataStream& stream, quint64* remaining)
-{
-    return readContainer(stream, remaining);
-}
-
-bool QuickTimeBaseInformationHeaderAtom::read(QDataStream& stream, quint64* remaining)
-{
-    return readContainer(stream, remaining);
-}
-
-bool QuickTimeDataInformationAtom::read(QDataStream& stream, quint64* remaining)
-{
-    return readContainer(stream, remaining);
-}
-
-bool QuickTimeSampleTableAtom::read(QDataStream& stream, quint64* remaining)
-{
-    return readContainer(stream, remaining);
+    return QuickTimeContainerAtom::read(stream, remaining);
 }
 
 bool QuickTimeUserDataAtom::read(QDataStream& stream, quint64* remaining)

@@ -390,7 +390,7 @@ bool QuickTimeFile::finishMovieData()
         return false;
     }
     const qint64 closedEnd = device.pos();
-    if (!device.seek(s_datPos)) {
+    if (!device.seek(family().movieDataHeaderPos)) {
         restoreSizeBeforeClose();
         return false;
     }

@@ -8,9 +8,6 @@
 class QuickTimeFile : public Tern::QuickTimeFile
 {
 public:
-    // The reserved region: an oversized 'ftyp' header, the 108-byte settings record, the frame map.
-    static constexpr qint64 s_recoverySettingsPos = 20;
-    static constexpr qint64 s_recoveryFrameMapPos = 128;
     // `frameSizes` is the frame-map storage (2,736,000 entries); it is not owned and never freed.
     QuickTimeFile(QIODevice& device, unsigned short* frameSizes);
 

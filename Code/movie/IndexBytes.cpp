@@ -46,12 +46,12 @@ Atom child(const QByteArray& bytes, int from, int to, quint32 type, int nth)
     return Atom();
 }
 
-QVector<quint16> recorderFrameMap(QIODevice& file)
+QVector<quint16> recorderFrameMap(QIODevice& file, const Tern::MovieFamily* family)
 {
     QVector<quint16> map;
-    if (Tern::familyOfRecording(file) != &Tern::ternFamily)
+    if (!family || !family->checkReadsRegionMap)
         return map;
-    if (!file.seek(Tern::QuickTimeFile::s_recoveryFrameMapPos))
+    if (!file.seek(family->recoveryFrameMapPos))
         return map;
     const QByteArray bytes = file.read(Tern::QuickTimeFile::s_frameMapBytes);
     const auto* entries = reinterpret_cast<const uchar*>(bytes.constData());
@@ -110,10 +110,10 @@ bool readFrameList(const QByteArray& moov, const Atom& hldn, const QVector<quint
 }
 
 // Where the list puts each video frame, sound chunk and timecode sample: one after another from the
-// start of the media, each as long as its entry's blocks.
-void placeListedChunks(const QVector<quint16>& list, OwnMovie* own)
+// start of the media (`mediaStart`), each as long as its entry's blocks.
+void placeListedChunks(const QVector<quint16>& list, qint64 mediaStart, OwnMovie* own)
 {
-    quint64 position = quint64(Tern::QuickTimeFile::s_movieDataStartOffset);
+    quint64 position = quint64(mediaStart);
     for (const quint16 entry : list) {
         const quint32 bytes = quint32(entry & Tern::QuickTimeFile::s_blockCountMask)
             << Tern::QuickTimeFile::s_blockShift;
@@ -138,7 +138,7 @@ void placeListedChunks(const QVector<quint16>& list, OwnMovie* own)
 
 } // namespace
 
-OwnMovie ownMovie(const QByteArray& moov, const QVector<quint16>& recorderMap)
+OwnMovie ownMovie(const QByteArray& moov, const QVector<quint16>& recorderMap, qint64 mediaStart)
 {
     OwnMovie own;
     const Atom mvhd = child(moov, 8, moov.size(), code("mvhd"));
@@ -153,7 +153,7 @@ OwnMovie ownMovie(const QByteArray& moov, const QVector<quint16>& recorderMap)
     QVector<quint16> list;
     if (!readFrameList(moov, hldn, recorderMap, &list, &own))
         return own;
-    placeListedChunks(list, &own);
+    placeListedChunks(list, mediaStart, &own);
     const quint32 timecodeSamples = be32(moov, hldn.payload + 24);
     own.listComplete = quint32(own.timecodeOffsets.size()) == timecodeSamples;
     return own;

@@ -13,6 +13,10 @@
 
 class QIODevice;
 
+namespace Tern {
+struct MovieFamily;
+}
+
 namespace IndexBytes {
 
 // The bytes of the file's 'moov' and the payload of every 'mdat'; a problem in words when the index
@@ -73,12 +77,13 @@ struct OwnMovie
     bool listDiffersFromMap = false; // the list is not the start of the recorder's map
 };
 
-// The frame map a Tern recorder left in the reserved region of the file, up to its terminator; empty for
-// a file that is not laid out as a Tern recording (its first atom is 128 bytes or more).
-QVector<quint16> recorderFrameMap(QIODevice& file);
+// The frame map the recorder left in the reserved region of the file, up to its terminator, for a family
+// whose table check reads it (checkReadsRegionMap); else empty. `family` is the file's
+// (Tern::familyOfRecording), null when unknown.
+QVector<quint16> recorderFrameMap(QIODevice& file, const Tern::MovieFamily* family);
 
 // What the 'moov' bytes tell of a movie this library finished; `recorderMap` is the file's
-// recorderFrameMap. Not present for any other movie.
-OwnMovie ownMovie(const QByteArray& moov, const QVector<quint16>& recorderMap);
+// recorderFrameMap, `mediaStart` the first media byte of its family. Not present for any other movie.
+OwnMovie ownMovie(const QByteArray& moov, const QVector<quint16>& recorderMap, qint64 mediaStart);
 
 } // namespace IndexBytes

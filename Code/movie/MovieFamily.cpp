@@ -65,6 +65,11 @@ ProResName heronProResName(quint32 codecType, quint32 variant)
     }
 }
 
+// Both families end the reserved region alike: the frame map (2,736,000 two-byte entries), then zeros up
+// to the 16-byte 'mdat' header at 0x537FF0; the media start behind it, at 0x538000.
+const qint64 s_sharedMovieDataHeaderPos = 5472240;
+const qint64 s_sharedMovieDataStart = 5472256; // behind the 'mdat' header
+
 // A first atom at least this large is Heron's oversized 'ftyp'.
 const quint32 s_heronFirstAtomMinimum = 128;
 
@@ -145,10 +150,10 @@ const MovieFamily ternFamily = {
     false, // recordsSoundFiles
     false, // mapInCallerStorage
     newTernMovie,
-    QuickTimeFile::s_recoverySettingsPos,
-    QuickTimeFile::s_recoveryFrameMapPos,
-    QuickTimeFile::s_datPos,
-    QuickTimeFile::s_movieDataStartOffset,
+    36, // recoverySettingsPos: behind the 20-byte 'ftyp' and the 'udta' and 'urec' headers
+    156, // recoveryFrameMapPos: behind the 120-byte settings record
+    s_sharedMovieDataHeaderPos,
+    s_sharedMovieDataStart,
     &RecoverySettings::s_ternLayout,
     true, // regionInUserData
     true, // refusesIncompleteSettings
@@ -161,6 +166,7 @@ const MovieFamily ternFamily = {
     ternProResName,
     true, // logsChunkOffsetProgress
     true, // readsExtendedFormats
+    true, // checkReadsRegionMap
     "QuickTimeFileTern",
 };
 
@@ -171,10 +177,10 @@ const MovieFamily heronFamily = {
     true, // recordsSoundFiles
     true, // mapInCallerStorage
     newHeronMovie,
-    ::QuickTimeFile::s_recoverySettingsPos,
-    ::QuickTimeFile::s_recoveryFrameMapPos,
-    ::QuickTimeFile::s_datPos,
-    ::QuickTimeFile::s_movieDataStartOffset,
+    20, // recoverySettingsPos: behind the 20-byte header of the oversized 'ftyp'
+    128, // recoveryFrameMapPos: behind the 108-byte settings record
+    s_sharedMovieDataHeaderPos,
+    s_sharedMovieDataStart,
     &RecoverySettings::s_heronLayout,
     false, // regionInUserData
     false, // refusesIncompleteSettings
@@ -187,6 +193,7 @@ const MovieFamily heronFamily = {
     heronProResName,
     false, // logsChunkOffsetProgress
     false, // readsExtendedFormats
+    false, // checkReadsRegionMap
     "QuickTimeFile",
 };
 

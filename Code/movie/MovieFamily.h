@@ -70,6 +70,9 @@ struct MovieFamily
 
     // Reading.
     bool readsExtendedFormats; // 'ap4x' and 'in31' are known sample-description formats
+    // The table check continues a finished movie's maker list that ends early (chunks of unknown type are
+    // listed but not counted) with the recorder's frame map, which stays whole in the reserved region.
+    bool checkReadsRegionMap;
 
     const char* sourceName; // names the library in log contexts
 

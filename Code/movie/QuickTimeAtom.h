@@ -73,8 +73,6 @@ public:
 protected:
     // Consumes the 8-byte header from *remaining and drops any children; false when fewer than 8 remain.
     bool readHeaderCount(quint64* remaining);
-    // The read of a container: the header, then the children up to the atom's end.
-    bool readContainer(QDataStream& stream, quint64* remaining);
 
 private:
     Q_DISABLE_COPY(QuickTimeAtom)
@@ -147,17 +145,24 @@ public:
 
 // Containers: no payload of their own; their size grows only as children are added.
 
-class QuickTimeMovieAtom : public QuickTimeAtom
+// A container the parser reads: its header, then its children up to its end.
+class QuickTimeContainerAtom : public QuickTimeAtom
 {
 public:
-    QuickTimeMovieAtom() : QuickTimeAtom(fourCC("moov"), 0, 0) {}
+    explicit QuickTimeContainerAtom(quint32 type) : QuickTimeAtom(type, 0, 0) {}
     bool read(QDataStream& stream, quint64* remaining) override;
 };
 
-class QuickTimeTrackAtom : public QuickTimeAtom
+class QuickTimeMovieAtom : public QuickTimeContainerAtom
 {
 public:
-    QuickTimeTrackAtom() : QuickTimeAtom(fourCC("trak"), 0, 0) {}
+    QuickTimeMovieAtom() : QuickTimeContainerAtom(fourCC("moov")) {}
+};
+
+class QuickTimeTrackAtom : public QuickTimeContainerAtom
+{
+public:
+    QuickTimeTrackAtom() : QuickTimeContainerAtom(fourCC("trak")) {}
     bool read(QDataStream& stream, quint64* remaining) override;
 };
 
@@ -167,25 +172,22 @@ public:
     QuickTimeEditAtom() : QuickTimeAtom(fourCC("edts"), 0, 0) {}
 };
 
-class QuickTimeMediaAtom : public QuickTimeAtom
+class QuickTimeMediaAtom : public QuickTimeContainerAtom
 {
 public:
-    QuickTimeMediaAtom() : QuickTimeAtom(fourCC("mdia"), 0, 0) {}
-    bool read(QDataStream& stream, quint64* remaining) override;
+    QuickTimeMediaAtom() : QuickTimeContainerAtom(fourCC("mdia")) {}
 };
 
-class QuickTimeMediaInformationAtom : public QuickTimeAtom
+class QuickTimeMediaInformationAtom : public QuickTimeContainerAtom
 {
 public:
-    QuickTimeMediaInformationAtom() : QuickTimeAtom(fourCC("minf"), 0, 0) {}
-    bool read(QDataStream& stream, quint64* remaining) override;
+    QuickTimeMediaInformationAtom() : QuickTimeContainerAtom(fourCC("minf")) {}
 };
 
-class QuickTimeBaseInformationHeaderAtom : public QuickTimeAtom
+class QuickTimeBaseInformationHeaderAtom : public QuickTimeContainerAtom
 {
 public:
-    QuickTimeBaseInformationHeaderAtom() : QuickTimeAtom(fourCC("gmhd"), 0, 0) {}
-    bool read(QDataStream& stream, quint64* remaining) override;
+    QuickTimeBaseInformationHeaderAtom() : QuickTimeContainerAtom(fourCC("gmhd")) {}
 };
 
 class QuickTimeTimecodeHeaderAtom : public QuickTimeAtom
@@ -194,18 +196,16 @@ public:
     QuickTimeTimecodeHeaderAtom() : QuickTimeAtom(fourCC("tmcd"), 0, 0) {}
 };
 
-class QuickTimeDataInformationAtom : public QuickTimeAtom
+class QuickTimeDataInformationAtom : public QuickTimeContainerAtom
 {
 public:
-    QuickTimeDataInformationAtom() : QuickTimeAtom(fourCC("dinf"), 0, 0) {}
-    bool read(QDataStream& stream, quint64* remaining) override;
+    QuickTimeDataInformationAtom() : QuickTimeContainerAtom(fourCC("dinf")) {}
 };
 
-class QuickTimeSampleTableAtom : public QuickTimeAtom
+class QuickTimeSampleTableAtom : public QuickTimeContainerAtom
 {
 public:
-    QuickTimeSampleTableAtom() : QuickTimeAtom(fourCC("stbl"), 0, 0) {}
-    bool read(QDataStream& stream, quint64* remaining) override;
+    QuickTimeSampleTableAtom() : QuickTimeContainerAtom(fourCC("stbl")) {}
 };
 
 class QuickTimeUserDataAtom : public QuickTimeAtom

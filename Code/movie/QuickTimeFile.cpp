@@ -41,19 +41,16 @@ const quint32 s_proRes4444XqSetting = 9;
 } // namespace
 
 QuickTimeFile::QuickTimeFile(QIODevice& file)
-    : device(file)
-    , stream(&file)
-    , m_family(&ternFamily)
-    , m_ownsFrameMap(true)
+    : QuickTimeFile(file, ternFamily, nullptr)
 {
 }
 
 QuickTimeFile::QuickTimeFile(QIODevice& file, const MovieFamily& movieFamily, quint16* callerFrameMap)
     : device(file)
     , stream(&file)
-    , frameMap(callerFrameMap)
+    , frameMap(movieFamily.mapInCallerStorage ? callerFrameMap : nullptr)
     , m_family(&movieFamily)
-    , m_ownsFrameMap(false)
+    , m_ownsFrameMap(!movieFamily.mapInCallerStorage)
 {
 }
 
@@ -105,7 +102,8 @@ bool QuickTimeFile::initFile(QIODevice* newDevice)
     savedFrameMapEntries = 0;
     removeAllAtoms();
 
-    if (target->size() < s_movieDataStartOffset)
+    const qint64 mediaStart = family().movieDataStartOffset;
+    if (target->size() < mediaStart)
         writeReservedRegion(target);
 
     delete movieData;
@@ -115,8 +113,8 @@ bool QuickTimeFile::initFile(QIODevice* newDevice)
     if (!frameMap)
         frameMap = new quint16[s_frameMapEntries];
 
-    if (target->size() < s_movieDataStartOffset) {
-        target->seek(s_datPos);
+    if (target->size() < mediaStart) {
+        target->seek(family().movieDataHeaderPos);
         QDataStream out(target);
         movieData->write(out);
     }
@@ -128,21 +126,22 @@ void QuickTimeFile::writeReservedRegion(QIODevice* target)
     target->seek(0);
     QDataStream out(target);
     QuickTimeFileAtom fileType;
+    const qint64 headerPos = family().movieDataHeaderPos;
     if (family().regionInUserData) {
         // 'ftyp', then a 'udta' spanning the rest of the region behind an empty 'urec': readers walking
         // the top-level atoms skip the recovery data without knowing it.
         fileType.write(out);
         QuickTimeUserDataAtom userDataAtom;
-        userDataAtom.size = quint32(s_datPos - fileType.size);
+        userDataAtom.size = quint32(headerPos - fileType.size);
         userDataAtom.writeHeader(out);
         QuickTimeRecoveryDataAtom recoveryData;
         recoveryData.writeHeader(out);
     } else {
         // One oversized 'ftyp' whose size covers the whole region.
-        fileType.size = quint32(s_datPos);
+        fileType.size = quint32(headerPos);
         fileType.write(out);
     }
-    qint64 zeros = s_datPos - target->pos();
+    qint64 zeros = headerPos - target->pos();
     const QByteArray piece(s_zeroFillPiece, '\0');
     while (zeros > 0) {
         const int n = int(qMin(zeros, qint64(s_zeroFillPiece)));

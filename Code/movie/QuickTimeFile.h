@@ -147,11 +147,6 @@ struct QuickTimeFileInfo
 class QuickTimeFile
 {
 public:
-    // Layout of an unfinished recording.
-    static constexpr qint64 s_recoverySettingsPos = 36;
-    static constexpr qint64 s_recoveryFrameMapPos = 156;
-    static constexpr qint64 s_datPos = 5472240;
-    static constexpr qint64 s_movieDataStartOffset = 5472256;
     // The zero bytes a finish writes behind the index: the last bytes of a finished file.
     static constexpr int s_closingZeroBytes = 512;
     // The 64-bit size in the 'mdat' header of a recording still in progress: the header alone.
@@ -173,7 +168,12 @@ public:
 
     using RecoverySettings = Tern::RecoverySettings;
 
+    // A movie of the Tern family on `device`.
     explicit QuickTimeFile(QIODevice& device);
+    // A movie of `family` (what its description's newMovie makes), its frame map in storage of its own;
+    // for a family that keeps it in the caller's storage, in `callerFrameMap` instead (2,736,000 entries,
+    // not owned, never freed; null: none given, and initFile refuses).
+    QuickTimeFile(QIODevice& device, const MovieFamily& family, quint16* callerFrameMap);
     virtual ~QuickTimeFile();
 
     const MovieFamily& family() const { return *m_family; }
@@ -393,10 +393,10 @@ public:
     // False for settings an index cannot be built from without harm: chunking of 0 frames, more sound
     // tracks than a movie can hold, sound without a sample size (its per-sample size list would outrun
     // the frame map and leave the table short of its declared size), or an end inside the reserved
-    // region or beyond any file offset.
+    // region or beyond any file offset. The region is the movie's family's; in the static form `family`'s.
     bool settingsAllowIndex() const;
-    static bool settingsAllowIndex(
-        quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample, quint64 endPosition);
+    static bool settingsAllowIndex(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample,
+                                   quint64 endPosition, const MovieFamily& family);
     // False when the index of the counts at hand would not fit atoms with 32-bit sizes.
     bool indexFitsAtomSizes() const;
     static constexpr quint32 s_maxSoundTracks = s_maxTracks - 2; // beside the timecode and video tracks
@@ -459,10 +459,6 @@ public:
     quint32 frameMapLength = 0; // entries of the frame map up to its end (a 0 entry or the counts)
     quint32 frameMapSoundEntries = 0; // sound entries among them
 
-protected:
-    // For a family that keeps its frame map in caller storage (not owned, never freed).
-    QuickTimeFile(QIODevice& device, const MovieFamily& family, quint16* callerFrameMap);
-
 private:
     // The parameters, counts and timecode both a recording and a reading start from (initFile and
     // initFileRead): the defaults above, no media, no timecode, playing from the start.
@@ -493,7 +489,17 @@ private:
     // The size of the 'moov' a finish would write at `position`, as closeFile would build it then.
     quint32 indexSizeAt(qint64 position);
 
-    // The 64-bit size in the 'mdat' header at s_datPos (16 while unclosed); -1 when no such header is there.
+    // The steps of recover(), in its order. Reads the frame map the recorder saved in the reserved region
+    // into frameMap (false when it cannot be read whole); counts its entries by type into the movie's
+    // counts, up to its first 0 entry, and returns the 512-byte blocks of all those entries, whatever their
+    // type; gives where the recovered media end (the recorded end, or else the file's end, cut back first
+    // to the start of an index a finish left there half written), -1 when that cut fails.
+    bool readSavedFrameMap();
+    qint64 countFrameMapEntries();
+    qint64 recoveredMediaEnd(qint64 mappedBlocks);
+
+    // The 64-bit size in the 'mdat' header at the family's movieDataHeaderPos (16 while unclosed); -1 when
+    // no such header is there.
     qint64 movieDataSizeAtHeader();
 
     // Closing: the timecode sample closeFile appends (its bytes, empty when it appends none), whether the
@@ -527,7 +533,7 @@ private:
     void learnTrackAtoms(qint64 moovStart, quint64 moovSize, quint32 moovHeader);
     bool findMapEntry(QuickTimeMapPosition* position, quicktime_frametype_t type, quint32 ordinal) const;
     bool moveMapPosition(QuickTimeMapPosition* position, quint32 index) const;
-    static quint64 mapLocation(const QuickTimeMapPosition& position);
+    quint64 mapLocation(const QuickTimeMapPosition& position) const;
     bool locateRecordedChunk(QuickTimeTrackInfo* track);
     QuickTimeMapPosition m_playPosition; // follows playFrame
 

@@ -21,7 +21,7 @@ const quint32 kExtendedSizeMarker = 1;
 
 qint64 QuickTimeFile::movieDataSizeAtHeader()
 {
-    if (device.size() <= s_movieDataStartOffset || !device.seek(s_datPos))
+    if (device.size() <= family().movieDataStartOffset || !device.seek(family().movieDataHeaderPos))
         return -1;
     stream.resetStatus();
     quint32 sizeMarker = 0;
@@ -49,10 +49,11 @@ qint64 QuickTimeFile::finishedEnd()
 {
     const qint64 fileSize = device.size();
     const qint64 movieDataSize = movieDataSizeAtHeader();
-    if (movieDataSize <= s_unclosedMovieDataSize || movieDataSize >= fileSize - s_datPos)
+    const qint64 headerPos = family().movieDataHeaderPos;
+    if (movieDataSize <= s_unclosedMovieDataSize || movieDataSize >= fileSize - headerPos)
         return -1;
 
-    const qint64 moovPos = s_datPos + movieDataSize;
+    const qint64 moovPos = headerPos + movieDataSize;
     quint32 moovSize = 0;
     quint32 moovType = 0;
     if (!device.seek(moovPos))
@@ -107,7 +108,8 @@ void QuickTimeFile::periodicFrameMapSave()
     savedFrameMapEntries = entries;
 }
 
-QString indexRefusal(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample, quint64 endPosition)
+QString indexRefusal(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample, quint64 endPosition,
+                     const MovieFamily& family)
 {
     if (framesPerChunk == 0)
         return QStringLiteral("0 video frames a chunk");
@@ -122,20 +124,21 @@ QString indexRefusal(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesP
     // in any file.
     if (endPosition > quint64(QuickTimeFile::s_furthestRecordedEnd))
         return QString("a recorded end (%1) beyond any file offset").arg(endPosition);
-    if (endPosition != 0 && endPosition < quint64(QuickTimeFile::s_movieDataStartOffset))
+    if (endPosition != 0 && endPosition < quint64(family.movieDataStartOffset))
         return QString("a recorded end (%1) inside the reserved region").arg(endPosition);
     return QString();
 }
 
 bool QuickTimeFile::settingsAllowIndex(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample,
-                                       quint64 endPosition)
+                                       quint64 endPosition, const MovieFamily& family)
 {
-    return indexRefusal(framesPerChunk, soundTracks, bytesPerSample, endPosition).isEmpty();
+    return indexRefusal(framesPerChunk, soundTracks, bytesPerSample, endPosition, family).isEmpty();
 }
 
 bool QuickTimeFile::settingsAllowIndex() const
 {
-    return settingsAllowIndex(videoFramesPerChunk, audioTracks, audioBytesPerSample, recordedEndPosition);
+    return settingsAllowIndex(
+        videoFramesPerChunk, audioTracks, audioBytesPerSample, recordedEndPosition, family());
 }
 
 quint32 QuickTimeFile::indexSizeAt(qint64 position)
@@ -166,13 +169,13 @@ qint64 QuickTimeFile::interruptedIndexStart(qint64 mapEnd)
     const qint64 sampleBytes = closeAppendsTimecodeSample() ? s_timecodeSampleBytes : 0;
     const QByteArray sample = sampleBytes != 0 ? closingTimecodeSample() : QByteArray();
     const qint64 overlap = sampleBytes + 8;
-    if (fileEnd - s_movieDataStartOffset < overlap)
+    if (fileEnd - family().movieDataStartOffset < overlap)
         return -1;
     // A partial index is at most the whole one: only the end of the file that long (and a margin for the
     // tables' alignment, which depends on where the index begins) is searched, not a card's worth of media.
     const qint64 kAlignmentMargin = 64 * 1024;
     const qint64 longest = sampleBytes + qint64(indexSizeAt(fileEnd)) + s_closingZeroBytes + kAlignmentMargin;
-    const qint64 searchFrom = qMax(s_movieDataStartOffset, fileEnd - longest);
+    const qint64 searchFrom = qMax(family().movieDataStartOffset, fileEnd - longest);
 
     // The first index start in [first, last), read a piece at a time; a piece overlaps the next by the
     // bytes a candidate needs in one view.
@@ -206,10 +209,8 @@ qint64 QuickTimeFile::interruptedIndexStart(qint64 mapEnd)
     return found >= 0 ? found : indexStartWithin(searchFrom, listedEnd);
 }
 
-bool QuickTimeFile::recover()
+bool QuickTimeFile::readSavedFrameMap()
 {
-    if (!frameMap || !movieData)
-        return false;
     if (!device.seek(family().recoveryFrameMapPos))
         return false;
     char* mapBytes = reinterpret_cast<char*>(frameMap);
@@ -220,7 +221,11 @@ bool QuickTimeFile::recover()
         for (quint32 i = 0; i < s_frameMapEntries; ++i)
             frameMap[i] = qFromLittleEndian<quint16>(reinterpret_cast<const uchar*>(mapBytes) + 2 * i);
     }
+    return true;
+}
 
+qint64 QuickTimeFile::countFrameMapEntries()
+{
     // Counted by type up to the first 0 entry; unknown chunks (type 3) are not counted but still occupy
     // their blocks. A stretch without a 0 in it is counted in plain loops that need no exit of their own.
     const quint32 kStretch = 4096;
@@ -252,6 +257,32 @@ bool QuickTimeFile::recover()
     soundChunks += byType[quicktime_frametype_sound];
     videoFrameCount += byType[quicktime_frametype_video];
     timecodeSamples += byType[quicktime_frametype_timecode];
+    return mappedBlocks;
+}
+
+qint64 QuickTimeFile::recoveredMediaEnd(qint64 mappedBlocks)
+{
+    // Media past the recorded end (a chunk begun but not committed) stays outside 'mdat'. Without a recorded
+    // end the file's end is the media's, unless a finish killed mid-way left part of its index there: that
+    // is cut off first, so the index is rebuilt where the undisturbed finish puts it.
+    if (recordedEndPosition != 0)
+        return qint64(recordedEndPosition);
+    const qint64 fileEnd = device.size();
+    const qint64 mapEnd = family().movieDataStartOffset + (mappedBlocks << s_blockShift);
+    const qint64 interrupted = interruptedIndexStart(mapEnd);
+    if (interrupted < 0)
+        return fileEnd;
+    auto* file = qobject_cast<QFileDevice*>(&device);
+    if (!file || !file->resize(interrupted))
+        return -1;
+    return interrupted;
+}
+
+bool QuickTimeFile::recover()
+{
+    if (!frameMap || !movieData || !readSavedFrameMap())
+        return false;
+    const qint64 mappedBlocks = countFrameMapEntries();
     if (videoFrameCount + soundChunks + timecodeSamples < family().minimumChunks)
         return false;
 
@@ -259,21 +290,10 @@ bool QuickTimeFile::recover()
     if (!settingsAllowIndex())
         return false;
 
-    // Media past the recorded end (a chunk begun but not committed) stays outside 'mdat'. Without a recorded
-    // end the file's end is the media's, unless a finish killed mid-way left part of its index there: that
-    // is cut off first, so the index is rebuilt where the undisturbed finish puts it.
-    qint64 end = recordedEndPosition != 0 ? qint64(recordedEndPosition) : device.size();
-    if (recordedEndPosition == 0) {
-        const qint64 mapEnd = s_movieDataStartOffset + (mappedBlocks << s_blockShift);
-        const qint64 interrupted = interruptedIndexStart(mapEnd);
-        if (interrupted >= 0) {
-            auto* file = qobject_cast<QFileDevice*>(&device);
-            if (!file || !file->resize(interrupted))
-                return false;
-            end = interrupted;
-        }
-    }
-    movieData->dataSize += quint64(end - s_movieDataStartOffset);
+    const qint64 end = recoveredMediaEnd(mappedBlocks);
+    if (end < 0)
+        return false;
+    movieData->dataSize += quint64(end - family().movieDataStartOffset);
     if (!device.seek(end))
         return false;
     return closeFile();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "movie/MovieFamily.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QtGlobal>
@@ -65,8 +67,9 @@ struct RecoverySettings
 };
 
 // Why no index can be built without harm from a record's chunking, sound and recorded end, in the order
-// QuickTimeFile::settingsAllowIndex checks them; empty when one can.
-QString indexRefusal(
-    quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample, quint64 endPosition);
+// QuickTimeFile::settingsAllowIndex checks them; empty when one can. The recorded end must not lie inside
+// the reserved region of `family`.
+QString indexRefusal(quint32 framesPerChunk, quint32 soundTracks, quint32 bytesPerSample, quint64 endPosition,
+    const MovieFamily& family);
 
 } // namespace Tern

@@ -45,9 +45,9 @@ qint64 QuickTimeFile::finishedMediaEnd(quint32 appendedSamples)
 {
     if (appendedSamples > 1 || !looksFinished())
         return -1;
-    const qint64 movieDataEnd = s_datPos + movieDataSizeAtHeader();
+    const qint64 movieDataEnd = family().movieDataHeaderPos + movieDataSizeAtHeader();
     const qint64 mediaEnd = movieDataEnd - qint64(appendedSamples) * s_timecodeSampleBytes;
-    if (mediaEnd < s_movieDataStartOffset)
+    if (mediaEnd < family().movieDataStartOffset)
         return -1;
     // A recorded end is where the finish put the end of the media.
     if (recordedEndPosition != 0 && quint64(mediaEnd) != recordedEndPosition)
@@ -60,7 +60,7 @@ qint64 QuickTimeFile::reopenedMediaEnd()
     const qint64 movieDataSize = movieDataSizeAtHeader();
     if (movieDataSize <= s_unclosedMovieDataSize)
         return -1;
-    const qint64 movieDataEnd = s_datPos + movieDataSize;
+    const qint64 movieDataEnd = family().movieDataHeaderPos + movieDataSize;
     const qint64 fileEnd = device.size();
     // The file ends where the media did: at the closed 'mdat' end, or one timecode sample short of it.
     if (fileEnd != movieDataEnd && fileEnd != movieDataEnd - s_timecodeSampleBytes)
@@ -73,7 +73,7 @@ qint64 QuickTimeFile::reopenedMediaEnd()
 bool QuickTimeFile::reopenMovieData(qint64 mediaEnd)
 {
     auto* file = qobject_cast<QFileDevice*>(&device);
-    if (!file || mediaEnd < s_movieDataStartOffset)
+    if (!file || mediaEnd < family().movieDataStartOffset)
         return false;
     // First the index goes, while the header still reads as closed: a kill here leaves a file that
     // reopenedMediaEnd recognises. Then the header opens in one write; from there on the file is an
@@ -84,7 +84,7 @@ bool QuickTimeFile::reopenMovieData(qint64 mediaEnd)
     QByteArray header;
     QDataStream headerStream(&header, QIODevice::WriteOnly);
     QuickTimeMovieDataAtom(0).write(headerStream); // the header of a recording's empty 'mdat'
-    if (!device.seek(s_datPos) || device.write(header) != header.size())
+    if (!device.seek(family().movieDataHeaderPos) || device.write(header) != header.size())
         return false;
     return StableStorage::sync(device, &m_syncFailure);
 }

@@ -4,6 +4,7 @@
 #include "movie/SampleTableCheck.h"
 
 #include "movie/IndexBytes.h"
+#include "movie/MovieFamily.h"
 #include "movie/QuickTimeFile.h"
 #include "movie/SampleDescriptions.h"
 
@@ -524,7 +525,11 @@ QString checkSampleTables(QIODevice& file)
     QString problem = readIndex(file, &moov, &media);
     if (!problem.isEmpty())
         return problem;
-    const OwnMovie own = ownMovie(moov, recorderFrameMap(file));
+    // The family whose reserved region the file starts with; the first one when its first atom cannot be
+    // read.
+    const Tern::MovieFamily* family = Tern::familyOfRecording(file);
+    const qint64 mediaStart = (family ? family : Tern::movieFamilies().front())->movieDataStartOffset;
+    const OwnMovie own = ownMovie(moov, recorderFrameMap(file, family), mediaStart);
     if (own.listDiffersFromMap)
         return QStringLiteral("the maker atom's frame list is not the start of the recorder's frame map");
     if (own.present && own.movieTimeScale != own.frameTimeScale)

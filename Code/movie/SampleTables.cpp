@@ -332,7 +332,7 @@ void QuickTimeChunkOffsetAtom::write(QDataStream& stream)
     // Offsets wrap at 4 GiB. In the video-only mode frames have no known length, so the running offset
     // does not advance there: every entry is the start of the movie data plus the bias.
     FrameWalk walk(*file);
-    quint32 offset = quint32(QuickTimeFile::s_movieDataStartOffset);
+    quint32 offset = quint32(file->family().movieDataStartOffset);
     quint32 written = 0;
     quint32 frameKind = 0;
     quint32 length = 0;
@@ -418,7 +418,7 @@ quint32 QuickTimeChunkOffset64Atom::writeEntries(QDataStream& stream)
     FrameWalk walk(*file);
     TableBatch sink(stream, s_offset64EntryBytes);
     ServedTables served(tablesToServe(stream), sink.capacity());
-    quint64 offset = quint64(QuickTimeFile::s_movieDataStartOffset);
+    quint64 offset = quint64(file->family().movieDataStartOffset);
     quint64 lastChunkStart = 0;
     quint32 countdown = 1; // samples of this type until the next chunk begins
     quint32 written = 0;

@@ -58,9 +58,9 @@ quint64 scaled(quint64 a, quint64 b, quint64 c)
 // ---------------------------------------------------------------------------------------------------------
 // The frame map
 
-quint64 QuickTimeFile::mapLocation(const QuickTimeMapPosition& position)
+quint64 QuickTimeFile::mapLocation(const QuickTimeMapPosition& position) const
 {
-    return quint64(s_movieDataStartOffset) + s_blockBytes * position.blocksBefore;
+    return quint64(family().movieDataStartOffset) + s_blockBytes * position.blocksBefore;
 }
 
 // Moves *position to entry `index`, on from where it is or again from the start; false past the map.
