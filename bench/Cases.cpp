@@ -64,6 +64,37 @@ void fail(Measured* m, const QString& note)
     progress("FAILED: " + m->label + ": " + note);
 }
 
+// Captures the recording at `zqv` and finalizes it once, untimed, in the interchange form when asked: the
+// warm-up checks the run, warms the caches and tells how many bytes the finalize appends, in `indexBytes`.
+// Puts the recording back afterwards. False, with `m` failed, when any step does not work.
+bool captureAndWarmUp(const QString& zqv, const QString& log, bool interchange,
+    Inputs::ReusableRecording* recording, qint64* indexBytes, Measured* m)
+{
+    Usage usage;
+    if (!recording->capture(zqv)) {
+        fail(m, "cannot read " + zqv);
+        return false;
+    }
+    if (!finalizeOnce(QFileInfo(zqv).absolutePath(), log, &usage, interchange)) {
+        const QString command = interchange ? "clipward-cli --interchange" : "clipward-cli";
+        fail(m, command + " did not finalize " + zqv);
+        return false;
+    }
+    *indexBytes = recording->appendedBytes();
+    if (!recording->restore()) {
+        fail(m, "cannot put back " + zqv);
+        return false;
+    }
+    return true;
+}
+
+// Two measurements that take turns going first (first, second; second, first; ...), so neither always
+// runs on the other's page cache and write-back: whether the first of them runs at step `r`.
+bool firstRunsAt(int r)
+{
+    return (r + r / 2) % 2 == 0;
+}
+
 // Cases 1 and 2: the finalize of a near-capacity recording, then the floor writing as many bytes.
 void finalizeAgainstFloor(const BenchOptions& o, const QString& zqv, qint64 mapPos, Measured* cli,
     Measured* floor, qint64* indexBytes)
@@ -72,23 +103,16 @@ void finalizeAgainstFloor(const BenchOptions& o, const QString& zqv, qint64 mapP
     const QString log = o.work + "/cli.log";
     Inputs::ReusableRecording recording;
     Usage usage;
-    if (!recording.capture(zqv))
-        return fail(cli, "cannot read " + zqv);
-    // Untimed warm-up: checks the run, warms the caches, and tells how many bytes the floor writes.
-    if (!finalizeOnce(folder, log, &usage))
-        return fail(cli, "clipward-cli did not finalize " + zqv);
-    *indexBytes = recording.appendedBytes();
-    if (!recording.restore())
-        return fail(cli, "cannot put back " + zqv);
+    if (!captureAndWarmUp(zqv, log, false, &recording, indexBytes, cli))
+        return;
 
     const QString floorOut = o.work + "/floor.out";
     ChildCommand command;
     command.program = o.self;
     command.arguments
         = QStringList { "floor", zqv, QString::number(mapPos), QString::number(*indexBytes), floorOut };
-    // The two take turns going first, so neither always runs on the other's page cache and write-back.
     for (int r = 0; r < 2 * quickReps(o); ++r) {
-        if ((r + r / 2) % 2 == 0) {
+        if (firstRunsAt(r)) {
             if (!finalizeOnce(folder, log, &usage))
                 return fail(cli, "clipward-cli did not finalize " + zqv);
             cli->runs << usage;
@@ -104,7 +128,8 @@ void finalizeAgainstFloor(const BenchOptions& o, const QString& zqv, qint64 mapP
     }
 }
 
-// Case 7: case 1's recording finished in the interchange form, then in the default one.
+// Case 7: case 1's recording finished in the interchange form, then in the default one, taking turns as
+// case 1 and its floor do.
 void interchangeAgainstDefault(
     const BenchOptions& o, const QString& zqv, Measured* interchange, Measured* standard, qint64* indexBytes)
 {
@@ -112,17 +137,10 @@ void interchangeAgainstDefault(
     const QString log = o.work + "/cli.log";
     Inputs::ReusableRecording recording;
     Usage usage;
-    if (!recording.capture(zqv))
-        return fail(interchange, "cannot read " + zqv);
-    // Untimed warm-up, which also tells how many bytes the interchange finish appends.
-    if (!finalizeOnce(folder, log, &usage, true))
-        return fail(interchange, "clipward-cli --interchange did not finalize " + zqv);
-    *indexBytes = recording.appendedBytes();
-    if (!recording.restore())
-        return fail(interchange, "cannot put back " + zqv);
-    // The two take turns going first, as case 1 and its floor do.
+    if (!captureAndWarmUp(zqv, log, true, &recording, indexBytes, interchange))
+        return;
     for (int r = 0; r < 2 * quickReps(o); ++r) {
-        const bool inInterchange = (r + r / 2) % 2 == 0;
+        const bool inInterchange = firstRunsAt(r);
         Measured* m = inInterchange ? interchange : standard;
         if (!finalizeOnce(folder, log, &usage, inInterchange))
             return fail(m, "clipward-cli did not finalize " + zqv);
@@ -255,6 +273,142 @@ bool makeSparse(const QString& path, RecordingPlan::Family family, quint32 entri
     return true;
 }
 
+// The recording of case 1, which cases 6 and 7 reuse.
+QString ternRecording(const BenchOptions& o)
+{
+    return o.work + "/tern/A001.zqv";
+}
+
+// The label of every measurement, as the report shows it.
+void labelMeasurements(BenchResults* r)
+{
+    r->ternFinalize.label = "clipward-cli finalize";
+    r->ternFloor.label = "floor: read map, write index";
+    r->heronFinalize.label = r->ternFinalize.label;
+    r->heronFloor.label = r->ternFloor.label;
+    r->denseFinalize.label = "clipward-cli finalize";
+    r->remux.label = "ffmpeg -c copy of the finished file";
+    r->find.label = "find CARD -iname '*.zq?' -o -iname '*.nr?'";
+    r->scanCli.label = "clipward-cli --scan-only";
+    r->scanWindow.label = "window (offscreen), scan only";
+    r->interchangeFinalize.label = "clipward-cli --interchange finalize";
+    r->defaultFinalize.label = "clipward-cli finalize";
+}
+
+// Cases 1, 7 and 2, in that order: case 7 runs while case 1's recording is at hand and in the page cache.
+void runNearCapacityCases(const BenchOptions& o, BenchResults* r)
+{
+    const QString tern = ternRecording(o);
+    const QString heron = o.work + "/heron/B001.zqv";
+    if (makeSparse(tern, RecordingPlan::Tern, kNearCapacityEntries, &r->ternEntries)) {
+        progress("case 1: Tern near capacity");
+        finalizeAgainstFloor(o, tern, recorderOf(RecordingPlan::Tern).family->recoveryFrameMapPos,
+            &r->ternFinalize, &r->ternFloor, &r->ternIndexBytes);
+    } else {
+        fail(&r->ternFinalize, "no input");
+    }
+    if (r->ternEntries != 0 && !r->ternFinalize.failed) {
+        progress("case 7: case 1's recording, interchange finish against the default");
+        interchangeAgainstDefault(
+            o, tern, &r->interchangeFinalize, &r->defaultFinalize, &r->interchangeIndexBytes);
+    } else {
+        fail(&r->interchangeFinalize, "case 1 did not run");
+    }
+    if (makeSparse(heron, RecordingPlan::Heron, kNearCapacityEntries, &r->heronEntries)) {
+        progress("case 2: Heron near capacity");
+        finalizeAgainstFloor(o, heron, recorderOf(RecordingPlan::Heron).family->recoveryFrameMapPos,
+            &r->heronFinalize, &r->heronFloor, &r->heronIndexBytes);
+    } else {
+        fail(&r->heronFinalize, "no input");
+    }
+}
+
+// Case 6: its largest recording is case 1's, measured again here in turn with the smaller ones.
+void runScalingCase(const BenchOptions& o, BenchResults* r)
+{
+    for (quint32 entries : kScaleEntries) {
+        ScalePoint p;
+        p.finalize.label = "clipward-cli finalize";
+        p.folder = QString("%1/scale-%2").arg(o.work).arg(entries);
+        if (!makeSparse(p.folder + "/A001.zqv", RecordingPlan::Tern, entries, &p.entries))
+            fail(&p.finalize, "no input");
+        r->scaling << p;
+    }
+    if (r->ternEntries != 0) {
+        ScalePoint largest;
+        largest.entries = r->ternEntries;
+        largest.folder = QFileInfo(ternRecording(o)).absolutePath();
+        largest.finalize.label = "clipward-cli finalize";
+        r->scaling << largest;
+    }
+    progress("case 6: scaling");
+    scaling(o, &r->scaling);
+}
+
+// Cases 4 and 5: a card written for them, then scanned.
+void runCardCases(const BenchOptions& o, BenchResults* r)
+{
+    const QString card = o.work + "/card";
+    r->cardFolders = kCardFolders;
+    r->cardFiles = kCardFolders * kFilesPerFolder;
+    r->cardInProgress = Inputs::writeCard(card, kCardFolders, kFilesPerFolder);
+    if (r->cardInProgress < 0) {
+        fail(&r->scanCli, "cannot write the card");
+    } else {
+        progress(
+            QString("cases 4 and 5: card of %1 files in %2 folders").arg(r->cardFiles).arg(r->cardFolders));
+        scanCard(o, card, r);
+    }
+}
+
+// Case 3, run last: it needs ffmpeg and 4 GB of disk for as long as it runs, and removes its recording.
+void runDenseCase(const BenchOptions& o, BenchResults* r)
+{
+    const QString dense = o.work + "/dense/C001.zqv";
+    if (QStandardPaths::findExecutable("ffmpeg").isEmpty()) {
+        fail(&r->denseFinalize, "ffmpeg is not installed");
+        return;
+    }
+    QDir().mkpath(o.work + "/dense");
+    QString error;
+    progress("encoding ProRes frames with ffmpeg");
+    const QList<QByteArray> frames = Inputs::encodeProResFrames(o.work, kDistinctFrames, &error);
+    const RecordingResult written
+        = frames.isEmpty() ? RecordingResult() : Inputs::writeDenseRecording(dense, frames, kDenseBytes);
+    if (!written.ok) {
+        fail(&r->denseFinalize, frames.isEmpty() ? error : written.error);
+    } else {
+        r->denseBytes = written.fileSize;
+        r->denseEntries = written.videoFrames + written.soundChunks + written.timecodeSamples;
+        progress(QString("case 3: dense recording of %1 bytes").arg(r->denseBytes));
+        finalizeAgainstRemux(o, dense, &r->denseFinalize, &r->remux);
+    }
+    QDir(o.work + "/dense").removeRecursively();
+    QFile::remove(o.work + "/frames.prores");
+}
+
+// The inputs' folders under the work folder, unless they are to be kept.
+void removeInputs(const BenchOptions& o)
+{
+    if (o.keep)
+        return;
+    for (const QString& name : QDir(o.work).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+        QDir(o.work + "/" + name).removeRecursively();
+}
+
+// Whether every measurement ran, whether or not it met its target.
+bool everyCaseRan(const BenchResults& r)
+{
+    bool allRan = true;
+    for (const Measured* m :
+        { &r.ternFinalize, &r.ternFloor, &r.heronFinalize, &r.heronFloor, &r.denseFinalize, &r.remux, &r.find,
+            &r.scanCli, &r.scanWindow, &r.interchangeFinalize, &r.defaultFinalize })
+        allRan = allRan && !m->failed;
+    for (const ScalePoint& p : qAsConst(r.scaling))
+        allRan = allRan && !p.finalize.failed;
+    return allRan;
+}
+
 } // namespace
 
 int runBenchmarks(const BenchOptions& o)
@@ -267,113 +421,15 @@ int runBenchmarks(const BenchOptions& o)
         progress("cannot make " + o.work);
         return 1;
     }
-    r.ternFinalize.label = "clipward-cli finalize";
-    r.ternFloor.label = "floor: read map, write index";
-    r.heronFinalize.label = r.ternFinalize.label;
-    r.heronFloor.label = r.ternFloor.label;
-    r.denseFinalize.label = "clipward-cli finalize";
-    r.remux.label = "ffmpeg -c copy of the finished file";
-    r.find.label = "find CARD -iname '*.zq?' -o -iname '*.nr?'";
-    r.scanCli.label = "clipward-cli --scan-only";
-    r.scanWindow.label = "window (offscreen), scan only";
-    r.interchangeFinalize.label = "clipward-cli --interchange finalize";
-    r.defaultFinalize.label = "clipward-cli finalize";
+    labelMeasurements(&r);
 
-    // Cases 1 and 2.
-    const QString tern = o.work + "/tern/A001.zqv";
-    const QString heron = o.work + "/heron/B001.zqv";
-    if (makeSparse(tern, RecordingPlan::Tern, kNearCapacityEntries, &r.ternEntries)) {
-        progress("case 1: Tern near capacity");
-        finalizeAgainstFloor(o, tern, recorderOf(RecordingPlan::Tern).family->recoveryFrameMapPos,
-            &r.ternFinalize, &r.ternFloor, &r.ternIndexBytes);
-    } else {
-        fail(&r.ternFinalize, "no input");
-    }
-    // Case 7, while case 1's recording is at hand and in the page cache.
-    if (r.ternEntries != 0 && !r.ternFinalize.failed) {
-        progress("case 7: case 1's recording, interchange finish against the default");
-        interchangeAgainstDefault(
-            o, tern, &r.interchangeFinalize, &r.defaultFinalize, &r.interchangeIndexBytes);
-    } else {
-        fail(&r.interchangeFinalize, "case 1 did not run");
-    }
-    if (makeSparse(heron, RecordingPlan::Heron, kNearCapacityEntries, &r.heronEntries)) {
-        progress("case 2: Heron near capacity");
-        finalizeAgainstFloor(o, heron, recorderOf(RecordingPlan::Heron).family->recoveryFrameMapPos,
-            &r.heronFinalize, &r.heronFloor,
-            &r.heronIndexBytes);
-    } else {
-        fail(&r.heronFinalize, "no input");
-    }
+    runNearCapacityCases(o, &r);
+    runScalingCase(o, &r);
+    runCardCases(o, &r);
+    runDenseCase(o, &r);
 
-    // Case 6: its largest recording is case 1's, measured again here in turn with the smaller ones.
-    for (quint32 entries : kScaleEntries) {
-        ScalePoint p;
-        p.finalize.label = "clipward-cli finalize";
-        p.folder = QString("%1/scale-%2").arg(o.work).arg(entries);
-        if (!makeSparse(p.folder + "/A001.zqv", RecordingPlan::Tern, entries, &p.entries))
-            fail(&p.finalize, "no input");
-        r.scaling << p;
-    }
-    if (r.ternEntries != 0) {
-        ScalePoint largest;
-        largest.entries = r.ternEntries;
-        largest.folder = QFileInfo(tern).absolutePath();
-        largest.finalize.label = "clipward-cli finalize";
-        r.scaling << largest;
-    }
-    progress("case 6: scaling");
-    scaling(o, &r.scaling);
-
-    // Cases 4 and 5.
-    const QString card = o.work + "/card";
-    r.cardFolders = kCardFolders;
-    r.cardFiles = kCardFolders * kFilesPerFolder;
-    r.cardInProgress = Inputs::writeCard(card, kCardFolders, kFilesPerFolder);
-    if (r.cardInProgress < 0) {
-        fail(&r.scanCli, "cannot write the card");
-    } else {
-        progress(
-            QString("cases 4 and 5: card of %1 files in %2 folders").arg(r.cardFiles).arg(r.cardFolders));
-        scanCard(o, card, &r);
-    }
-
-    // Case 3, last: it needs ffmpeg and 4 GB of disk for as long as it runs.
-    const QString dense = o.work + "/dense/C001.zqv";
-    if (QStandardPaths::findExecutable("ffmpeg").isEmpty()) {
-        fail(&r.denseFinalize, "ffmpeg is not installed");
-    } else {
-        QDir().mkpath(o.work + "/dense");
-        QString error;
-        progress("encoding ProRes frames with ffmpeg");
-        const QList<QByteArray> frames = Inputs::encodeProResFrames(o.work, kDistinctFrames, &error);
-        const RecordingResult written
-            = frames.isEmpty() ? RecordingResult() : Inputs::writeDenseRecording(dense, frames, kDenseBytes);
-        if (!written.ok) {
-            fail(&r.denseFinalize, frames.isEmpty() ? error : written.error);
-        } else {
-            r.denseBytes = written.fileSize;
-            r.denseEntries = written.videoFrames + written.soundChunks + written.timecodeSamples;
-            progress(QString("case 3: dense recording of %1 bytes").arg(r.denseBytes));
-            finalizeAgainstRemux(o, dense, &r.denseFinalize, &r.remux);
-        }
-        QDir(o.work + "/dense").removeRecursively();
-        QFile::remove(o.work + "/frames.prores");
-    }
-
-    if (!o.keep) {
-        for (const QString& name : QDir(o.work).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
-            QDir(o.work + "/" + name).removeRecursively();
-    }
+    removeInputs(o);
     progress("done");
     printReport(r);
-
-    bool allRan = true;
-    for (const Measured* m :
-        { &r.ternFinalize, &r.ternFloor, &r.heronFinalize, &r.heronFloor, &r.denseFinalize, &r.remux, &r.find,
-            &r.scanCli, &r.scanWindow, &r.interchangeFinalize, &r.defaultFinalize })
-        allRan = allRan && !m->failed;
-    for (const ScalePoint& p : qAsConst(r.scaling))
-        allRan = allRan && !p.finalize.failed;
-    return allRan ? 0 : 1;
+    return everyCaseRan(r) ? 0 : 1;
 }

@@ -69,6 +69,18 @@ void ratio(const QString& name, double value, const QString& unit, const QString
              .arg(verdict(met)));
 }
 
+// A ratio shown for reference beside a judged one, with no target.
+void referenceRatio(const QString& name, double value)
+{
+    line(QString("%1  %2").arg(name, -52).arg(QString::number(value, 'f', 2) + "x", 10));
+}
+
+// A ratio one of whose two measurements is unusable, with why.
+void notMeasured(const QString& name, const QString& why)
+{
+    line(QString("%1  not measured: %2").arg(name, -52).arg(why));
+}
+
 void floorRatios(const QString& family, const Measured& finalize, const Measured& floor)
 {
     if (!finalize.usable() || !floor.usable()) {
@@ -79,13 +91,54 @@ void floorRatios(const QString& family, const Measured& finalize, const Measured
     const Usage b = floor.median();
     const double wall = f.wallMs / b.wallMs;
     ratio(family + " finalize / floor, wall", wall, "x", "<= 1.5x", wall <= kFloorRatioTarget);
-    line(QString("%1  %2")
-             .arg(family + " finalize / floor, CPU (for reference)", -52)
-             .arg(QString::number(f.cpuMs / b.cpuMs, 'f', 2) + "x", 10));
+    referenceRatio(family + " finalize / floor, CPU (for reference)", f.cpuMs / b.cpuMs);
     ratio(family + " finalize peak RSS", f.peakRssMb, " MB", "<= 48 MB", f.peakRssMb <= kPeakRssTargetMb);
 }
 
-void scalingTable(const QList<ScalePoint>& points)
+// Case 3: how many times faster the finalize is than remuxing its result.
+void remuxRatio(const Measured& finalize, const Measured& remux)
+{
+    if (!finalize.usable() || !remux.usable())
+        return notMeasured("3 ffmpeg remux / finalize", finalize.note + remux.note);
+    const double speedup = remux.median().wallMs / finalize.median().wallMs;
+    ratio("3 ffmpeg remux / finalize, wall (times faster)", speedup, "x", ">= 100x",
+        speedup >= kRemuxRatioTarget);
+}
+
+// Cases 4 and 5: the command line against find, the window against the command line; each only when
+// both of its measurements are usable.
+void scanRatios(const BenchResults& r)
+{
+    if (r.scanCli.usable() && r.find.usable()) {
+        const double scan = r.scanCli.median().wallMs / r.find.median().wallMs;
+        ratio("4 scan-only / find, wall", scan, "x", "<= 3x", scan <= kScanRatioTarget);
+    }
+    if (r.scanWindow.usable() && r.scanCli.usable()) {
+        const double window = r.scanWindow.median().wallMs / r.scanCli.median().wallMs;
+        ratio("5 window / command line, wall", window, "x", "<= 2x", window <= kWindowRatioTarget);
+    }
+}
+
+// Case 7: the interchange finish against the default one.
+void interchangeRatios(const Measured& interchange, const Measured& standard)
+{
+    if (!interchange.usable() || !standard.usable())
+        return notMeasured("7 interchange / default finish", interchange.note + standard.note);
+    const Usage i = interchange.median();
+    const Usage d = standard.median();
+    const double wall = i.wallMs / d.wallMs;
+    ratio("7 interchange / default finish, wall", wall, "x", "<= 1.1x", wall <= kInterchangeRatioTarget);
+    referenceRatio("7 interchange / default finish, CPU (for reference)", i.cpuMs / d.cpuMs);
+}
+
+// The marginal costs of the scaling table, one a measured size after the first, in microseconds an entry.
+struct MarginalCosts
+{
+    QList<double> wall;
+    QList<double> cpu;
+};
+
+void scalingHeading()
 {
     line("");
     line("Case 6, scaling: Tern finalize by frame-map size (the largest is case 1's recording, timed again");
@@ -99,52 +152,67 @@ void scalingTable(const QList<ScalePoint>& points)
              .arg("wall us/entry", 14)
              .arg("marginal wall us/entry", 23)
              .arg("marginal CPU us/entry", 22));
+}
+
+// The row of a measured size; with the marginal cost from `previous`, the row above, when that one was
+// measured too (added to `marginal`).
+void scalingRow(const ScalePoint& p, const ScalePoint* previous, MarginalCosts* marginal)
+{
+    const Usage u = p.finalize.median();
+    QString wallSlope = "", cpuSlope = "";
+    if (previous) {
+        const Usage before = previous->finalize.median();
+        const double added = double(p.entries) - double(previous->entries);
+        const double w = (u.wallMs - before.wallMs) * 1000.0 / added;
+        const double c = (u.cpuMs - before.cpuMs) * 1000.0 / added;
+        marginal->wall << w;
+        marginal->cpu << c;
+        wallSlope = QString::number(w, 'f', 3);
+        cpuSlope = QString::number(c, 'f', 3);
+    }
+    line(QString("%1 %2 %3 %4 %5 %6")
+             .arg(grouped(p.entries), 12)
+             .arg(u.wallMs, 10, 'f', 1)
+             .arg(u.cpuMs, 10, 'f', 1)
+             .arg(u.wallMs * 1000.0 / p.entries, 14, 'f', 3)
+             .arg(wallSlope, 23)
+             .arg(cpuSlope, 22));
+}
+
+// Whether the marginal cost grows between the two largest sizes, when there are two to compare.
+void slopeVerdict(const MarginalCosts& marginal)
+{
+    if (marginal.cpu.size() < 2)
+        return;
+    // Judged on CPU time, which the disk's write-back does not blur; wall time is shown beside it.
+    const double top = marginal.cpu.last();
+    const double below = marginal.cpu[marginal.cpu.size() - 2];
+    const bool met = top <= below * kSlopeGrowthAllowed;
+    line(QString("Slope at the largest size: %1 us/entry CPU (%2 wall), below it %3 us/entry CPU: %4")
+             .arg(top, 0, 'f', 3)
+             .arg(marginal.wall.last(), 0, 'f', 3)
+             .arg(below, 0, 'f', 3)
+             .arg(met ? "not growing, met" : "GROWING, MISSED"));
+}
+
+void scalingTable(const QList<ScalePoint>& points)
+{
+    scalingHeading();
     const ScalePoint* previous = nullptr;
-    QList<double> marginalWall;
-    QList<double> marginalCpu;
+    MarginalCosts marginal;
     for (const ScalePoint& p : points) {
         if (!p.finalize.usable()) {
             line(QString("%1 %2").arg(grouped(p.entries), 12).arg(p.finalize.note));
             previous = nullptr;
             continue;
         }
-        const Usage u = p.finalize.median();
-        QString wallSlope = "", cpuSlope = "";
-        if (previous) {
-            const Usage before = previous->finalize.median();
-            const double added = double(p.entries) - double(previous->entries);
-            const double w = (u.wallMs - before.wallMs) * 1000.0 / added;
-            const double c = (u.cpuMs - before.cpuMs) * 1000.0 / added;
-            marginalWall << w;
-            marginalCpu << c;
-            wallSlope = QString::number(w, 'f', 3);
-            cpuSlope = QString::number(c, 'f', 3);
-        }
-        line(QString("%1 %2 %3 %4 %5 %6")
-                 .arg(grouped(p.entries), 12)
-                 .arg(u.wallMs, 10, 'f', 1)
-                 .arg(u.cpuMs, 10, 'f', 1)
-                 .arg(u.wallMs * 1000.0 / p.entries, 14, 'f', 3)
-                 .arg(wallSlope, 23)
-                 .arg(cpuSlope, 22));
+        scalingRow(p, previous, &marginal);
         previous = &p;
     }
-    if (marginalCpu.size() >= 2) {
-        // Judged on CPU time, which the disk's write-back does not blur; wall time is shown beside it.
-        const double top = marginalCpu.last();
-        const double below = marginalCpu[marginalCpu.size() - 2];
-        const bool met = top <= below * kSlopeGrowthAllowed;
-        line(QString("Slope at the largest size: %1 us/entry CPU (%2 wall), below it %3 us/entry CPU: %4")
-                 .arg(top, 0, 'f', 3)
-                 .arg(marginalWall.last(), 0, 'f', 3)
-                 .arg(below, 0, 'f', 3)
-                 .arg(met ? "not growing, met" : "GROWING, MISSED"));
-    }
+    slopeVerdict(marginal);
 }
 
-} // namespace
-
-void printReport(const BenchResults& r)
+void introduction(const BenchResults& r)
 {
     line("");
     line(QString(
@@ -153,6 +221,11 @@ void printReport(const BenchResults& r)
              .arg(r.quickReps)
              .arg(r.reps));
     line("Wall: fork to exit. CPU: user + system. Peak RSS: ru_maxrss. Written: /proc/<pid>/io write_bytes.");
+}
+
+// The median of every measurement, each case's baseline in the row below it.
+void mediansTable(const BenchResults& r)
+{
     line("");
     line(QString("%1  %2  %3 %4 %5 %6")
              .arg("case", -30)
@@ -172,41 +245,26 @@ void printReport(const BenchResults& r)
     row(QString("5 same card, %1 in progress").arg(grouped(r.cardInProgress)), r.scanWindow);
     row("7 case 1's recording", r.interchangeFinalize);
     row(QString("  index %1 bytes").arg(grouped(r.interchangeIndexBytes)), r.defaultFinalize);
+}
 
+void ratiosTable(const BenchResults& r)
+{
     line("");
     line("Ratios (of medians) and targets:");
     floorRatios("1 Tern", r.ternFinalize, r.ternFloor);
     floorRatios("2 Heron", r.heronFinalize, r.heronFloor);
-    if (r.denseFinalize.usable() && r.remux.usable()) {
-        const double speedup = r.remux.median().wallMs / r.denseFinalize.median().wallMs;
-        ratio("3 ffmpeg remux / finalize, wall (times faster)", speedup, "x", ">= 100x",
-            speedup >= kRemuxRatioTarget);
-    } else {
-        line(QString("%1  not measured: %2")
-                 .arg("3 ffmpeg remux / finalize", -52)
-                 .arg(r.denseFinalize.note + r.remux.note));
-    }
-    if (r.scanCli.usable() && r.find.usable()) {
-        const double scan = r.scanCli.median().wallMs / r.find.median().wallMs;
-        ratio("4 scan-only / find, wall", scan, "x", "<= 3x", scan <= kScanRatioTarget);
-    }
-    if (r.scanWindow.usable() && r.scanCli.usable()) {
-        const double window = r.scanWindow.median().wallMs / r.scanCli.median().wallMs;
-        ratio("5 window / command line, wall", window, "x", "<= 2x", window <= kWindowRatioTarget);
-    }
-    if (r.interchangeFinalize.usable() && r.defaultFinalize.usable()) {
-        const Usage i = r.interchangeFinalize.median();
-        const Usage d = r.defaultFinalize.median();
-        const double wall = i.wallMs / d.wallMs;
-        ratio("7 interchange / default finish, wall", wall, "x", "<= 1.1x", wall <= kInterchangeRatioTarget);
-        line(QString("%1  %2")
-                 .arg("7 interchange / default finish, CPU (for reference)", -52)
-                 .arg(QString::number(i.cpuMs / d.cpuMs, 'f', 2) + "x", 10));
-    } else {
-        line(QString("%1  not measured: %2")
-                 .arg("7 interchange / default finish", -52)
-                 .arg(r.interchangeFinalize.note + r.defaultFinalize.note));
-    }
+    remuxRatio(r.denseFinalize, r.remux);
+    scanRatios(r);
+    interchangeRatios(r.interchangeFinalize, r.defaultFinalize);
+}
+
+} // namespace
+
+void printReport(const BenchResults& r)
+{
+    introduction(r);
+    mediansTable(r);
+    ratiosTable(r);
     scalingTable(r.scaling);
     std::fflush(stdout);
 }

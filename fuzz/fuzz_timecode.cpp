@@ -88,38 +88,32 @@ void callWithRawValues(InputReader& in)
         word, converted, from);
 }
 
-void checkRoundTrips(InputReader& in)
+// A valid label and a valid duration: addition and subtraction undo each other and wrap at 24 hours.
+void checkAddAndSubtract(unsigned long a, unsigned long b, unsigned short rate)
 {
-    const unsigned short rate = in.u8() % 8 == 7 ? in.u16() : in.u8() % 7; // mostly the seven known codes
+    const unsigned long sum = TC::AddTC(a, b, rate);
+    check(sum <= 0x17FFFFFFUL, "AddTC left the day", a, b, rate);
+    check(TC::SubTC(sum, b, rate) == a, "SubTC did not undo AddTC", a, b, rate);
+    const unsigned long difference = TC::SubTC(a, b, rate);
+    check(difference <= 0x17FFFFFFUL, "SubTC left the day", a, b, rate);
+    check(TC::AddTC(difference, b, rate) == a, "AddTC did not undo SubTC", a, b, rate);
+}
+
+// FramesToTC knows no unknown code; TCToFrames counts hundredths of a second there.
+void checkUnknownCode(InputReader& in, unsigned long a, unsigned short rate)
+{
+    check(TC::FramesToTC(in.u32(), rate, false) == 0, "FramesToTC gave a label for an unknown code", 0, 0,
+        rate);
+    const unsigned long frames = TC::TCToFrames(a, rate);
+    check(frames == (((a >> 24) * 3600 + ((a >> 16) & 0xFF) * 60 + ((a >> 8) & 0xFF)) * 100 + (a & 0xFF)),
+        "TCToFrames did not count hundredths for an unknown code", a, frames, rate);
+}
+
+// Labels and frame counts: every frame of the day has one label (frame `n` has `label`), and it counts back
+// to the frame; the valid label `a` counts to the frame FramesToTC labels `a`.
+void checkLabelsAndFrames(unsigned long a, unsigned long n, unsigned long label, unsigned short rate)
+{
     const unsigned long day = framesPerDay(rate);
-    const unsigned long fps = nominalFps(rate);
-
-    // A label and a duration, both valid; addition and subtraction undo each other and wrap at 24 hours.
-    const unsigned long a = validLabel(in, rate);
-    const unsigned long b = validLabel(in, rate);
-    const bool drop = rate <= kHighestRateCode && isDropCode(rate);
-    if (!drop) {
-        const unsigned long sum = TC::AddTC(a, b, rate);
-        check(sum <= 0x17FFFFFFUL, "AddTC left the day", a, b, rate);
-        check(TC::SubTC(sum, b, rate) == a, "SubTC did not undo AddTC", a, b, rate);
-        const unsigned long difference = TC::SubTC(a, b, rate);
-        check(difference <= 0x17FFFFFFUL, "SubTC left the day", a, b, rate);
-        check(TC::AddTC(difference, b, rate) == a, "AddTC did not undo SubTC", a, b, rate);
-    }
-
-    if (rate > kHighestRateCode) {
-        // FramesToTC knows no unknown code; TCToFrames counts hundredths of a second there.
-        check(TC::FramesToTC(in.u32(), rate, false) == 0, "FramesToTC gave a label for an unknown code", 0, 0,
-            rate);
-        const unsigned long frames = TC::TCToFrames(a, rate);
-        check(frames == (((a >> 24) * 3600 + ((a >> 16) & 0xFF) * 60 + ((a >> 8) & 0xFF)) * 100 + (a & 0xFF)),
-            "TCToFrames did not count hundredths for an unknown code", a, frames, rate);
-        return;
-    }
-
-    // Labels and frame counts: every frame of the day has one label, and it counts back to the frame.
-    const unsigned long n = in.u32() % day;
-    const unsigned long label = TC::FramesToTC(n, rate, false);
     check(TC::TCToFrames(label, rate) == n, "TCToFrames did not invert FramesToTC", n, label, rate);
     check(TC::FramesToTC(TC::TCToFrames(a, rate), rate, false) == a, "FramesToTC did not invert TCToFrames",
         a, 0, rate);
@@ -129,35 +123,67 @@ void checkRoundTrips(InputReader& in)
         1, rate);
     check(TC::SubTC(a, 1, rate) == TC::FramesToTC((frameA + day - 1) % day, rate, false),
         "SubTC of one frame", a, 1, rate);
+}
 
-    // Samples: at a sample rate where a frame spans more than one sample, a frame's samples map back to it.
-    unsigned long sampleRate = in.u32() % 16000000 + 1;
+// Whether a frame at this known rate code spans more than one sample at `sampleRate`.
+bool frameSpansSamples(unsigned long sampleRate, unsigned short rate)
+{
     const unsigned long long frameTimesRate = static_cast<unsigned long long>(sampleRate)
         * (rate == 0 || rate == 3 ? 1001
                 : rate == 4       ? 1000
                                   : 1);
+    const unsigned long fps = nominalFps(rate);
     const unsigned long long fpsTimesM = fps * (rate == 0 || rate == 3 ? 1000 : rate == 4 ? 999 : 1);
-    if (frameTimesRate <= fpsTimesM)
+    return frameTimesRate > fpsTimesM;
+}
+
+// The label SamplesToTC gives the samples of the frame FramesToTC labels `label`: the last two frames before
+// a dropping minute (59;28 and 59;29) like the first two of that minute (00;02 and 00;03); every other frame
+// as FramesToTC does.
+unsigned long samplesLabel(unsigned long label, bool drop)
+{
+    const unsigned long minute = (label >> 16) & 0xFF;
+    if (drop && (label & 0xFF00) == 0x3B00 && (label & 0xFF) >= 28 && (minute + 1) % 10 != 0)
+        return (label & 0xFF000000UL) | ((minute + 1) << 16) | ((label & 0xFF) - 26);
+    return label;
+}
+
+// Samples: at a sample rate where a frame spans more than one sample, the samples of frame `n` (labelled
+// `label`) map back to it.
+void checkSamples(InputReader& in, unsigned long n, unsigned long label, unsigned short rate, bool drop)
+{
+    unsigned long sampleRate = in.u32() % 16000000 + 1;
+    if (!frameSpansSamples(sampleRate, rate))
         return;
     const unsigned long samplesOfN = TC::FramesToSamples(n, sampleRate, rate);
-    if (n != 0) {
-        check(TC::SamplesToFrames(samplesOfN, sampleRate, rate) == n,
-            "SamplesToFrames did not invert FramesToSamples", n, samplesOfN, rate);
-        check(TC::TCToSamples(label, sampleRate, rate) == samplesOfN,
-            "TCToSamples and FramesToSamples differ", n, label, rate);
-        long remainder = -1;
-        const unsigned long fromSamples = TC::SamplesToTC(samplesOfN, sampleRate, rate, &remainder, false);
-        check(remainder >= 0 && static_cast<unsigned long>(remainder) <= samplesOfN, "SamplesToTC remainder",
-            n, static_cast<unsigned long>(remainder), rate);
-        // SamplesToTC labels the last two frames before a dropping minute (59;28 and 59;29) like the
-        // first two of that minute (00;02 and 00;03); every other frame as FramesToTC does.
-        unsigned long expected = label;
-        const unsigned long minute = (label >> 16) & 0xFF;
-        if (drop && (label & 0xFF00) == 0x3B00 && (label & 0xFF) >= 28 && (minute + 1) % 10 != 0)
-            expected = (label & 0xFF000000UL) | ((minute + 1) << 16) | ((label & 0xFF) - 26);
-        check(fromSamples == expected, "SamplesToTC did not label the frame of its samples", n, fromSamples,
-            rate);
-    }
+    if (n == 0)
+        return;
+    check(TC::SamplesToFrames(samplesOfN, sampleRate, rate) == n,
+        "SamplesToFrames did not invert FramesToSamples", n, samplesOfN, rate);
+    check(TC::TCToSamples(label, sampleRate, rate) == samplesOfN, "TCToSamples and FramesToSamples differ", n,
+        label, rate);
+    long remainder = -1;
+    const unsigned long fromSamples = TC::SamplesToTC(samplesOfN, sampleRate, rate, &remainder, false);
+    check(remainder >= 0 && static_cast<unsigned long>(remainder) <= samplesOfN, "SamplesToTC remainder", n,
+        static_cast<unsigned long>(remainder), rate);
+    check(fromSamples == samplesLabel(label, drop), "SamplesToTC did not label the frame of its samples", n,
+        fromSamples, rate);
+}
+
+void checkRoundTrips(InputReader& in)
+{
+    const unsigned short rate = in.u8() % 8 == 7 ? in.u16() : in.u8() % 7; // mostly the seven known codes
+    const unsigned long a = validLabel(in, rate);
+    const unsigned long b = validLabel(in, rate);
+    const bool drop = rate <= kHighestRateCode && isDropCode(rate);
+    if (!drop)
+        checkAddAndSubtract(a, b, rate);
+    if (rate > kHighestRateCode)
+        return checkUnknownCode(in, a, rate);
+    const unsigned long n = in.u32() % framesPerDay(rate);
+    const unsigned long label = TC::FramesToTC(n, rate, false);
+    checkLabelsAndFrames(a, n, label, rate);
+    checkSamples(in, n, label, rate, drop);
 }
 
 } // namespace
