@@ -17,7 +17,7 @@ install_missing_packages() {
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-BUILD_PACKAGES=(cmake g++ make qtbase5-dev qtbase5-dev-tools)
+BUILD_PACKAGES=(cmake g++ make qtbase5-dev qtbase5-dev-tools libxxhash-dev)
 TEST_PACKAGES=(ffmpeg xauth strace exfatprogs exfat-fuse fuse3 dosfstools fusefat
     gstreamer1.0-tools gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good gstreamer1.0-libav mediainfo
-    mkvtoolnix xvfb)
+    mkvtoolnix xvfb xxhash btrfs-progs)

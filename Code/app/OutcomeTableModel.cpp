@@ -130,6 +130,7 @@ QString OutcomeTableModel::outcomeText(FileOutcome::Fate fate)
     case FileOutcome::Fate::Unreadable:
     case FileOutcome::Fate::NotWritable:
     case FileOutcome::Fate::LeftForTheCard:
+    case FileOutcome::Fate::CopyExists:
         break;
     }
     // The reason column says what kept each of these from being finished; a later run can.
@@ -140,7 +141,7 @@ bool OutcomeTableModel::leftAsItIs(FileOutcome::Fate fate)
 {
     using Fate = FileOutcome::Fate;
     return fate == Fate::InUse || fate == Fate::Unreadable || fate == Fate::NotWritable
-        || fate == Fate::LeftForTheCard;
+        || fate == Fate::LeftForTheCard || fate == Fate::CopyExists;
 }
 
 QString OutcomeTableModel::summary() const

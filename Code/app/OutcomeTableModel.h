@@ -72,5 +72,5 @@ private:
 
     QVector<FileOutcome> m_outcomes;
     QString m_rootParent; // the folder holding the run's start folder
-    int m_fateCounts[int(FileOutcome::Fate::LeftForTheCard) + 1] = {};
+    int m_fateCounts[int(FileOutcome::Fate::CopyExists) + 1] = {};
 };

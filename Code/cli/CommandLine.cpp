@@ -5,6 +5,7 @@
 
 #include <QCommandLineOption>
 #include <QCommandLineParser>
+#include <QDir>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -28,6 +29,14 @@ struct CliOptions {
     const QCommandLineOption json{"json",
                                   "print one JSON object per in-progress file as it is done and a\n"
                                   "summary object to stdout (JSON Lines); the report goes to stderr"};
+    const QCommandLineOption output{"output",
+                                    "copy each recording on PATH to the same place below the folder DIR\n"
+                                    "and finish the copy there, each copy checked by hash (xxHash64);\n"
+                                    "the card is only read: nothing on it is written or renamed",
+                                    "DIR"};
+    const QCommandLineOption overwrite{"overwrite",
+                                       "with --output, replace a finished copy already in DIR (without\n"
+                                       "it such a recording is left as it is)"};
     const QCommandLineOption verify{"verify",
                                     "read every frame and sound sample of each finished movie FILE and\n"
                                     "check that each lies inside the file and its media; one line per file"};
@@ -44,7 +53,7 @@ struct CliOptions {
 
     QList<QCommandLineOption> all() const
     {
-        return {scanOnly, interchange, json, verify, restore, info, help, version};
+        return {scanOnly, interchange, json, output, overwrite, verify, restore, info, help, version};
     }
 
     void addTo(QCommandLineParser& parser) const
@@ -58,6 +67,7 @@ struct CliOptions {
 // The usage text around the options' lines.
 const char* const kUsageHead =
     "Usage: clipward-cli [--scan-only] [--interchange] [--json] PATH\n"
+    "       clipward-cli --output DIR [--overwrite] [--scan-only] [--interchange] [--json] PATH\n"
     "       clipward-cli --interchange FILE.mov...\n"
     "       clipward-cli --verify FILE...\n"
     "       clipward-cli --restore FILE...\n"
@@ -107,7 +117,8 @@ QString readArguments(const CliOptions& options, const QStringList& arguments, Q
 {
     *forParser = QStringList{arguments.value(0)};
     QStringList paths;
-    for (const QString& argument : arguments.mid(1)) {
+    for (int at = 1; at < arguments.size(); ++at) {
+        const QString& argument = arguments.at(at);
         const bool option = namesAnOption(options, argument);
         if (!option && argument.startsWith("--"))
             return "unknown option " + argument;
@@ -118,6 +129,11 @@ QString readArguments(const CliOptions& options, const QStringList& arguments, Q
         *forParser << argument;
         if (names(options.help, argument) || names(options.version, argument))
             break;
+        if (names(options.output, argument)) {
+            if (++at == arguments.size())
+                return "--output needs a folder (--output DIR)";
+            *forParser << arguments.at(at);
+        }
     }
     *forParser << "--" << paths;
     return QString();
@@ -145,6 +161,21 @@ CliCommand jobOnFiles(Mode mode, const QStringList& files, bool json = false)
     return files.isEmpty() ? usageError("no FILE given") : job(mode, files, json);
 }
 
+// A run into copies below `folder`: the folder must be given and must not lie inside the run's PATH, where
+// the walk would meet the copies.
+CliCommand withOutput(CliCommand run, const QString& folder, bool overwrite)
+{
+    if (folder.isEmpty())
+        return usageError(overwrite ? "--overwrite goes with --output DIR" : "--output needs a folder");
+    const QString path = QDir::cleanPath(QFileInfo(run.paths.first()).absoluteFilePath());
+    const QString into = QDir::cleanPath(QFileInfo(folder).absoluteFilePath());
+    if (into == path || into.startsWith(path + '/'))
+        return usageError("the output folder must not be inside PATH");
+    run.outputFolder = into;
+    run.overwrite = overwrite;
+    return run;
+}
+
 // Which job the parsed options and paths ask for, or why they do not go together.
 CliCommand jobFor(const QCommandLineParser& parser, const CliOptions& options)
 {
@@ -154,6 +185,9 @@ CliCommand jobFor(const QCommandLineParser& parser, const CliOptions& options)
     const bool verify = parser.isSet(options.verify);
     const bool restore = parser.isSet(options.restore);
     const QStringList paths = parser.positionalArguments();
+    const bool output = parser.isSet(options.output) || parser.isSet(options.overwrite);
+    if (output && (parser.isSet(options.info) || restore || verify))
+        return usageError("--output goes with a run on one PATH only");
     if (parser.isSet(options.info)) {
         if (scanOnly || verify || interchange || restore)
             return usageError("--info takes only --json");
@@ -175,6 +209,8 @@ CliCommand jobFor(const QCommandLineParser& parser, const CliOptions& options)
     if (interchange && (paths.size() > 1 || (paths.size() == 1 && QFileInfo(paths.first()).isFile()))) {
         if (scanOnly)
             return usageError("--scan-only lists recordings on a PATH; it does not take finished movies");
+        if (output)
+            return usageError("--output goes with a run on one PATH only");
         return job(Mode::RewriteForInterchange, paths);
     }
     if (paths.size() != 1)
@@ -182,6 +218,8 @@ CliCommand jobFor(const QCommandLineParser& parser, const CliOptions& options)
     CliCommand run = job(Mode::Run, paths, json);
     run.scanOnly = scanOnly;
     run.interchange = interchange;
+    if (output)
+        return withOutput(run, parser.value(options.output), parser.isSet(options.overwrite));
     return run;
 }
 
@@ -210,7 +248,9 @@ QByteArray usageText()
     QString text = kUsageHead;
     const QString indent(kHelpColumn, ' ');
     for (const QCommandLineOption& option : CliOptions().all()) {
-        const QString name = "  --" + option.names().last();
+        QString name = "  --" + option.names().last();
+        if (!option.valueName().isEmpty())
+            name += ' ' + option.valueName();
         text += name.leftJustified(kHelpColumn - 1) + ' ' + option.description().replace('\n', '\n' + indent)
             + '\n';
     }

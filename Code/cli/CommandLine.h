@@ -23,6 +23,8 @@ struct CliCommand {
     bool scanOnly = false;     // a run only lists the files that need finalizing
     bool interchange = false;  // a run finishes movies in the interchange form
     bool json = false;         // a run or --info prints JSON Lines on stdout
+    QString outputFolder;      // a run finishes copies below this folder; the card is only read
+    bool overwrite = false;    // a run into copies replaces copies already in the output folder
 };
 
 // Reads the program's arguments (the program's own name first, as QCoreApplication::arguments() gives them).

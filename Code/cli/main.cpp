@@ -2,6 +2,7 @@
 // of finished movies through the movie reader.
 
 #include "cli/CommandLine.h"
+#include "cli/CopyProgressLine.h"
 #include "cli/InfoCommand.h"
 #include "finalize/FinalizeRun.h"
 #include "finalize/LogText.h"
@@ -14,6 +15,7 @@
 #include <QStringList>
 
 #include <cstdio>
+#include <unistd.h>
 
 namespace {
 
@@ -95,7 +97,9 @@ void printSummaryJson(const CliCommand& command, const FinalizeRun::Summary& sum
 {
     const QString path = command.paths.first();
     const bool scanOnly = command.scanOnly;
-    QJsonObject options{{"path", path}, {"scan_only", scanOnly}, {"interchange", command.interchange}};
+    QJsonObject options{{"path", path}, {"scan_only", scanOnly}, {"interchange", command.interchange},
+        {"output", command.outputFolder.isEmpty() ? QJsonValue() : QJsonValue(command.outputFolder)},
+        {"overwrite", command.overwrite}};
     QJsonObject counts{{"finalized", scanOnly ? 0 : summary.goodCount},
                        {"needing_finishing", scanOnly ? summary.goodCount : 0},
                        {"unrecoverable", summary.badCount},
@@ -122,6 +126,10 @@ int runOnPath(const CliCommand& command)
     FinalizeRun run(command.scanOnly,
                     command.interchange ? Tern::FinishStyle::Interchange : Tern::FinishStyle::Recorder);
     QObject::connect(&run, &FinalizeRun::output, &printLine);
+    run.setOutput(command.outputFolder, command.overwrite);
+    CopyProgressLine progress;
+    if (!command.outputFolder.isEmpty() && isatty(fileno(stderr)))
+        QObject::connect(&run, &FinalizeRun::copyProgress, &progress, &CopyProgressLine::show);
     if (command.json) {
         run.setLearnFacts(true);
         QObject::connect(&run, &FinalizeRun::fileDone,

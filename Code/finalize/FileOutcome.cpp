@@ -21,6 +21,8 @@ QString FileOutcome::fateName(Fate fate)
         return QStringLiteral("not writable");
     case Fate::LeftForTheCard:
         return QStringLiteral("left for the card");
+    case Fate::CopyExists:
+        return QStringLiteral("copy exists");
     }
     return QString();
 }
@@ -35,6 +37,11 @@ QJsonObject FileOutcome::toJson() const
     object.insert("family", family.isEmpty() ? QJsonValue() : QJsonValue(family));
     object.insert("outcome", fateName(fate));
     object.insert("reason", reason.isEmpty() ? QJsonValue() : QJsonValue(reason));
+    QJsonValue copy;
+    if (!copyPath.isEmpty() || !mediaHash.isEmpty())
+        copy = QJsonObject{{"path", copyPath.isEmpty() ? QJsonValue() : QJsonValue(copyPath)},
+            {"method", copyMethod}, {"media_xxh64", mediaHash}};
+    object.insert("copy", copy);
     const QJsonObject learned = facts.toJson();
     object.insert("learned", learned.isEmpty() ? QJsonValue() : QJsonValue(learned));
     return object;

@@ -19,6 +19,7 @@ struct FileOutcome
         Unreadable,     // it cannot be read
         NotWritable,    // the card, the folder or the file takes no writing
         LeftForTheCard, // the card or the system stopped the finish; the file keeps its name and bytes
+        CopyExists,     // finishing into a copy: the copy's name is taken in the output folder
     };
 
     QString pathBefore;
@@ -29,6 +30,11 @@ struct FileOutcome
     // The path the report's line names for a finished or given-up file: the procedure's own name for the
     // result, which is not always a file (kept as the report has always shown it).
     QString reportedPath;
+    // Finishing into a copy: where the finished (or given-up) copy is, how it was copied ("clone",
+    // "stream") and the xxHash64 of the recording's bytes as copied (16 hex digits); empty otherwise.
+    QString copyPath;
+    QString copyMethod;
+    QString mediaHash;
     // What the file holds, read after the run when the driver is asked to learn it.
     RecordingFacts facts;
 

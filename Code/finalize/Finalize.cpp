@@ -136,10 +136,18 @@ QStringList entriesMatching(const QDir& dir, const QStringList& filters)
         names << entry.name;
     return names;
 }
-// The family code of the file at `path` by its name and its first atom's size, the file opened with
-// `mode`: any name but a movie's is the sound-recording family's.
-int familyByFirstAtom(const QString& path, QIODevice::OpenMode mode)
+
+// The line for a file or folder that cannot be read: it is passed over, as it is.
+QString cannotBeRead(const QString& path)
 {
+    return QString("     %1 cannot be read, left as it is\n").arg(path);
+}
+
+} // namespace
+
+int Finalize::familyByFirstAtom(const QString& path, QIODevice::OpenMode mode)
+{
+    // Any name but a movie's is the sound-recording family's.
     if (!path.toLower().endsWith(".zqv"))
         return Tern::soundFileFamily().fileType;
 
@@ -150,19 +158,12 @@ int familyByFirstAtom(const QString& path, QIODevice::OpenMode mode)
     return family ? family->fileType : kFamilyUnreadable;
 }
 
-// The family named for a file of code `type`; one that could not be read is named as a sound file's.
-QString familyNameOf(int type)
+// One that could not be read is named as a sound file's.
+QString Finalize::familyNameOf(int type)
 {
     const Tern::MovieFamily* family = Tern::familyOfFileType(type);
     return QLatin1String(family ? family->name : Tern::soundFileFamily().name);
 }
-// The line for a file or folder that cannot be read: it is passed over, as it is.
-QString cannotBeRead(const QString& path)
-{
-    return QString("     %1 cannot be read, left as it is\n").arg(path);
-}
-
-} // namespace
 
 Finalize::Finalize()
     : workBuffer(new unsigned short[QuickTimeFile::s_frameMapEntries])
@@ -203,8 +204,13 @@ bool Finalize::finalizeFolderTree(const QStringList& paths)
         }
         // Walk by absolute path: a relative one would resolve against the new current directory.
         dir.makeAbsolute();
+        m_startFolder = dir.absolutePath();
+        m_outputCanonical = outputFolder.isEmpty() ? QString() : QDir(outputFolder).canonicalPath();
         // Said once, before anything is tried; each file's own line repeats why it is left alone.
-        if (CardAccess::driveWriteProtected(dir.absolutePath()))
+        if (!outputFolder.isEmpty())
+            emit textOutput(QString("Finished copies go to %1; nothing on the card is written.\n")
+                                .arg(QDir(outputFolder).absolutePath()));
+        else if (CardAccess::driveWriteProtected(dir.absolutePath()))
             emit textOutput("Drive is write-protected: no file can be finalized here.\n");
         else if (CardAccess::folderListable(dir.absolutePath())
             && !CardAccess::folderWritable(dir.absolutePath()))
@@ -219,7 +225,8 @@ bool Finalize::finalizeFolderTree(const QStringList& paths)
 bool Finalize::finalizeFolderTree(QDir& dir)
 {
     const QString resolved = dir.canonicalPath();
-    if (isSkipFolder(dir) || (!resolved.isEmpty() && m_enclosingFolders.contains(resolved))) {
+    const bool output = !resolved.isEmpty() && resolved == m_outputCanonical; // copies are not walked
+    if (isSkipFolder(dir) || output || (!resolved.isEmpty() && m_enclosingFolders.contains(resolved))) {
         emit textOutput(QString("Skipping folder: %1\n").arg(dir.absolutePath()));
         return true;
     }
@@ -261,7 +268,8 @@ bool Finalize::finalizeFolder(QDir& dir)
     for (const QString& name : names) {
         FileOutcome outcome = finalizeFile(dir, name);
         if (learnFacts && outcome.fate != FileOutcome::Fate::Gone)
-            outcome.facts = RecordingFacts::of(outcome.pathAfter);
+            outcome.facts =
+                RecordingFacts::of(outcome.copyPath.isEmpty() ? outcome.pathAfter : outcome.copyPath);
         report(outcome);
     }
     return true;
@@ -306,10 +314,20 @@ FileOutcome Finalize::finalizeFile(QDir& dir, const QString& name)
         return outcome;
     }
     // Held from before the header is read until after the rename, so no other run touches the file
-    // meanwhile. A scan only reads, and shares it with other scans.
-    const RecordingLock lock(path, scanOnly ? RecordingLock::Mode::Shared : RecordingLock::Mode::Exclusive);
+    // meanwhile. A scan only reads, and shares it with other scans; so does a finish into a copy.
+    const bool onlyRead = scanOnly || !outputFolder.isEmpty();
+    const RecordingLock lock(path, onlyRead ? RecordingLock::Mode::Shared : RecordingLock::Mode::Exclusive);
     if (leftUnlocked(lock.state(), &outcome))
         return outcome;
+    if (!outputFolder.isEmpty()) {
+        if (scanOnly) {
+            outcome.family = familyNameOf(familyByFirstAtom(path, QIODevice::ReadOnly));
+            outcome.fate = FileOutcome::Fate::NeedsFinishing;
+        } else {
+            copyAndFinish(&outcome);
+        }
+        return outcome;
+    }
     const CardAccess::WriteBlock block = CardAccess::writeBlockFor(path);
     if (block != CardAccess::WriteBlock::None) {
         // Read only: the file cannot be opened for writing, which getFileType asks for.
@@ -376,6 +394,8 @@ QString Finalize::reportLine(const FileOutcome& outcome) const
         return QString("     %1 %2 Requires finalize\n").arg(path, scanTag);
     case FileOutcome::Fate::LeftForTheCard:
         return QString("     %1 not finished: %2.\n").arg(path, outcome.reason);
+    case FileOutcome::Fate::CopyExists:
+        return QString("     %1 not copied: %2.\n").arg(path, outcome.reason);
     case FileOutcome::Fate::Finalized:
         return QString("     %1 %2 Finalized\n").arg(outcome.reportedPath, tag);
     case FileOutcome::Fate::GivenUp:
@@ -393,6 +413,7 @@ int* Finalize::countFor(FileOutcome::Fate fate)
     case FileOutcome::Fate::InUse:
     case FileOutcome::Fate::Unreadable:
     case FileOutcome::Fate::LeftForTheCard:
+    case FileOutcome::Fate::CopyExists:
         return &leftCount;
     case FileOutcome::Fate::NotWritable:
         return scanOnly ? &goodCount : &leftCount;

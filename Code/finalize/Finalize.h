@@ -10,6 +10,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
+
 class AudioFile;
 class CardFile;
 class CopyOnWriteFile;
@@ -92,6 +94,14 @@ public:
     // Whether each outcome carries what its file holds (read after the file's turn; costs a read of the
     // reserved region per movie).
     bool learnFacts = false;
+    // When not empty, every recording is copied to the same place below this folder as it has below the
+    // start folder and the copy is finished there; the card's files are only read. A copy's name already
+    // taken in this folder is left alone unless `overwrite`.
+    QString outputFolder;
+    bool overwrite = false;
+    // Test use only: changes the bytes a copy is hashed by, to show that a copy which does not hash as
+    // the card's file is refused (VerifiedCopy::Options::corruptCopyHashInput).
+    std::function<void(char* data, qint64 size)> copyHashTamper;
     // The form finished movies get (and whether a repaired WAV's sound is cut to whole frames).
     Tern::FinishStyle finishStyle = Tern::FinishStyle::Recorder;
     int goodCount;
@@ -111,6 +121,8 @@ signals:
     void textOutput(const QString& text);
     // Every in-progress file the run met, with what happened to it, right after its line.
     void fileDone(const FileOutcome& outcome);
+    // Finishing into a copy: how far the copy of the recording at `path` has come.
+    void copyProgress(const QString& path, qint64 done, qint64 total);
 
 private:
     // Each family's procedure; the driver hands a file to the one of the family getFileType finds.
@@ -138,6 +150,18 @@ private:
     // The steps of restore(): the refusals by name, then the take-back of a finished movie's bytes.
     static QString restoreRefusal(const QString& path, QString* restoredPath);
     Restore takeBackFinishedMovie(const QString& path);
+
+    // The family code of the file at `path` by its name and first atom, opened with `mode`; its name.
+    static int familyByFirstAtom(const QString& path, QIODevice::OpenMode mode);
+    static QString familyNameOf(int type);
+
+    // Finishing into a copy (outputFolder): where the copy of `path` goes, and the copy, its finish and
+    // its rename there, told in `outcome`.
+    QString copyPlaceOf(const QString& path) const;
+    void copyAndFinish(FileOutcome* outcome);
+    void finishCopy(const QString& copy, const QString& folder, FileOutcome* outcome);
+    QString m_startFolder; // the start folder of the walk, absolute
+    QString m_outputCanonical; // the output folder as the walk compares folders, so it is never walked
 
     // One listed file: tried or left, and why. The report's line and the counts are made from it.
     FileOutcome finalizeFile(QDir& dir, const QString& name);

@@ -143,8 +143,11 @@ FinalizeRun::Summary FinalizeRun::run(const QString& path)
     driver.scanOnly = m_scanOnly;
     driver.finishStyle = m_style;
     driver.learnFacts = m_learnFacts;
+    driver.outputFolder = m_outputFolder;
+    driver.overwrite = m_overwrite;
     connect(&driver, &Finalize::textOutput, this, &FinalizeRun::output);
     connect(&driver, &Finalize::fileDone, this, &FinalizeRun::fileDone);
+    connect(&driver, &Finalize::copyProgress, this, &FinalizeRun::copyProgress);
 
     Summary summary;
     summary.pathExists = QDir(QDir::toNativeSeparators(path)).exists();

@@ -31,6 +31,13 @@ public:
     explicit FinalizeRun(bool scanOnly, Tern::FinishStyle style = Tern::FinishStyle::Recorder);
     // Each outcome on fileDone carries what its file holds.
     void setLearnFacts(bool learn) { m_learnFacts = learn; }
+    // Finish copies below `folder` instead of the card's files (Finalize::outputFolder); an empty folder
+    // finishes in place.
+    void setOutput(const QString& folder, bool overwrite)
+    {
+        m_outputFolder = folder;
+        m_overwrite = overwrite;
+    }
 
     // The process's current directory is the same after the run as before it: the walk makes the start
     // folder current, and a card that stays anyone's current directory cannot be ejected.
@@ -53,6 +60,8 @@ signals:
     void output(const QString& text);
     // What happened to each in-progress file, right after its line.
     void fileDone(const FileOutcome& outcome);
+    // Finishing into copies: how far the copy of the recording at `path` has come.
+    void copyProgress(const QString& path, qint64 done, qint64 total);
 
 private:
     // A command on given files: `treat` does it to each (its absolute path) and gives the file's line and
@@ -73,4 +82,6 @@ private:
     bool m_scanOnly;
     Tern::FinishStyle m_style;
     bool m_learnFacts = false;
+    QString m_outputFolder;
+    bool m_overwrite = false;
 };

@@ -15,28 +15,6 @@ namespace CardImages {
 
 namespace {
 
-// The mount tools live in sbin, which a test's PATH does not always hold.
-QString tool(const QString& name)
-{
-    const QString onPath = QStandardPaths::findExecutable(name);
-    if (!onPath.isEmpty())
-        return onPath;
-    return QStandardPaths::findExecutable(
-        name, { "/usr/local/sbin", "/usr/sbin", "/sbin", "/usr/bin", "/bin" });
-}
-
-// Runs a tool to its end; true when it exits with 0. Both output channels land in `output`.
-bool runTool(const QString& name, const QStringList& args, QString* output = nullptr)
-{
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(tool(name), args);
-    const bool done = process.waitForStarted() && process.waitForFinished(120000);
-    if (output)
-        *output = QString::fromLocal8Bit(process.readAll()).trimmed();
-    return done && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-}
-
 bool isMountPoint(const QString& path)
 {
     const QString canonical = QFileInfo(path).canonicalFilePath();
@@ -49,6 +27,28 @@ bool isMountPoint(const QString& path)
 }
 
 } // namespace
+
+// The mount tools live in sbin, which a test's PATH does not always hold.
+QString tool(const QString& name)
+{
+    const QString onPath = QStandardPaths::findExecutable(name);
+    if (!onPath.isEmpty())
+        return onPath;
+    return QStandardPaths::findExecutable(
+        name, { "/usr/local/sbin", "/usr/sbin", "/sbin", "/usr/bin", "/bin" });
+}
+
+// Runs a tool to its end; true when it exits with 0. Both output channels land in `output`.
+bool runTool(const QString& name, const QStringList& args, QString* output)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(tool(name), args);
+    const bool done = process.waitForStarted() && process.waitForFinished(120000);
+    if (output)
+        *output = QString::fromLocal8Bit(process.readAll()).trimmed();
+    return done && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+}
 
 QString kindName(Kind kind)
 {

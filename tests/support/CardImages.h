@@ -6,6 +6,7 @@
 
 #include <QProcess>
 #include <QString>
+#include <QStringList>
 
 #include <memory>
 
@@ -14,6 +15,11 @@ namespace CardImages {
 enum class Kind { Exfat, Fat32 };
 
 QString kindName(Kind kind);
+
+// A tool by name, also from the sbin folders a test's PATH does not always hold; empty when there is none.
+QString tool(const QString& name);
+// Runs a tool to its end; true when it exits with 0. Both output channels land in `output`.
+bool runTool(const QString& name, const QStringList& args, QString* output = nullptr);
 
 // What stops `kind` from being tested here, in words; empty when nothing does.
 QString missingFor(Kind kind);
