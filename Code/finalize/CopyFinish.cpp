@@ -148,17 +148,13 @@ void Finalize::copyAndFinish(FileOutcome* outcome)
 
 void Finalize::finishCopy(const QString& copy, const QString& folder, FileOutcome* outcome)
 {
-    notFinishedReason.clear();
-    const FileFinish finish = finishFile(copy);
-    outcome->family = QLatin1String((finish.family ? finish.family : m_lastFamily)->name);
+    const FileFinish finish = finishAndJudge(copy, outcome);
     // The procedure named the copy (or left it as it was, when it could not start on it).
     const QString named = !finish.outputName.isEmpty() && QFileInfo::exists(finish.outputName)
         ? finish.outputName
         : copy;
-    if (!notFinishedReason.isEmpty()) {
+    if (outcome->fate == FileOutcome::Fate::LeftForTheCard) {
         // The output folder's file system stopped the finish: nothing stays behind for it.
-        outcome->fate = FileOutcome::Fate::LeftForTheCard;
-        outcome->reason = notFinishedReason;
         QFile::remove(named);
         return;
     }
@@ -173,9 +169,6 @@ void Finalize::finishCopy(const QString& copy, const QString& folder, FileOutcom
         return;
     }
     StableStorage::syncFolder(folder);
-    outcome->fate = finish.finished() ? FileOutcome::Fate::Finalized : FileOutcome::Fate::GivenUp;
-    if (!finish.finished())
-        outcome->reason = QStringLiteral("the recording could not be finished");
     outcome->copyPath = target;
     outcome->reportedPath = target;
 }

@@ -345,9 +345,8 @@ FileOutcome Finalize::finalizeFile(QDir& dir, const QString& name)
     return outcome;
 }
 
-void Finalize::finishInto(QDir& dir, FileOutcome* outcome)
+Finalize::FileFinish Finalize::finishAndJudge(const QString& path, FileOutcome* outcome)
 {
-    const QString& path = outcome->pathBefore;
     notFinishedReason.clear();
     const FileFinish finish = finishFile(path);
     // A file no procedure ran on is told under the previous file's family and name, as the driver's
@@ -356,11 +355,21 @@ void Finalize::finishInto(QDir& dir, FileOutcome* outcome)
     if (!notFinishedReason.isEmpty()) {
         outcome->fate = FileOutcome::Fate::LeftForTheCard;
         outcome->reason = notFinishedReason;
-        return;
-    }
-    outcome->fate = finish.finished() ? FileOutcome::Fate::Finalized : FileOutcome::Fate::GivenUp;
-    if (!finish.finished())
+    } else if (finish.finished()) {
+        outcome->fate = FileOutcome::Fate::Finalized;
+    } else {
+        outcome->fate = FileOutcome::Fate::GivenUp;
         outcome->reason = QStringLiteral("the recording could not be finished");
+    }
+    return finish;
+}
+
+void Finalize::finishInto(QDir& dir, FileOutcome* outcome)
+{
+    const QString& path = outcome->pathBefore;
+    const FileFinish finish = finishAndJudge(path, outcome);
+    if (outcome->fate == FileOutcome::Fate::LeftForTheCard)
+        return;
     // The line names the file as the procedure tells it; where that name is not a file (a procedure
     // that renamed nothing), the file is still at its old path.
     const QString& named = finish.outputName.isEmpty() ? outputFileName : finish.outputName;

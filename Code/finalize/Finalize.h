@@ -165,6 +165,9 @@ private:
 
     // One listed file: tried or left, and why. The report's line and the counts are made from it.
     FileOutcome finalizeFile(QDir& dir, const QString& name);
+    // Runs the family's procedure on `path` and tells in `outcome` the family and whether it finished,
+    // gave up, or was left for the card (notFinishedReason); the procedure's result for the caller.
+    FileFinish finishAndJudge(const QString& path, FileOutcome* outcome);
     // The in-progress file's turn with its family's procedure, told in `outcome`.
     void finishInto(QDir& dir, FileOutcome* outcome);
     // The report's line for a file and the count it adds to (null: none), then both given with the outcome.
