@@ -3,6 +3,8 @@
 
 #include "cli/CommandLine.h"
 
+#include "finalize/FinalizeRun.h"
+
 #include <QCommandLineOption>
 #include <QCommandLineParser>
 #include <QDir>
@@ -167,11 +169,9 @@ CliCommand withOutput(CliCommand run, const QString& folder, bool overwrite)
 {
     if (folder.isEmpty())
         return usageError(overwrite ? "--overwrite goes with --output DIR" : "--output needs a folder");
-    const QString path = QDir::cleanPath(QFileInfo(run.paths.first()).absoluteFilePath());
-    const QString into = QDir::cleanPath(QFileInfo(folder).absoluteFilePath());
-    if (into == path || into.startsWith(path + '/'))
+    if (FinalizeRun::outputInsidePath(run.paths.first(), folder))
         return usageError("the output folder must not be inside PATH");
-    run.outputFolder = into;
+    run.outputFolder = QDir::cleanPath(QFileInfo(folder).absoluteFilePath());
     run.overwrite = overwrite;
     return run;
 }

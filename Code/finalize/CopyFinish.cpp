@@ -127,8 +127,13 @@ void Finalize::copyAndFinish(FileOutcome* outcome)
 
     const QString copy = QDir(workFolder).filePath(name);
     VerifiedCopy::Options options;
-    options.progress = [this, &path](qint64 done, qint64 total) {
-        emit copyProgress(path, done, total);
+    options.progress = [this](qint64 done, qint64 total) {
+        CopyProgress now = m_copyProgress; // as the recording's turn began
+        now.fileDone = done;
+        now.fileSize = total;
+        now.runDone += done;
+        now.runSize = qMax(now.runSize, now.runDone);
+        emit copyProgress(now);
         return true;
     };
     options.corruptCopyHashInput = copyHashTamper;

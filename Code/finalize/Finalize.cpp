@@ -137,6 +137,13 @@ QStringList entriesMatching(const QDir& dir, const QStringList& filters)
     return names;
 }
 
+// A file an earlier run gave up. Case-sensitive on purpose: "clip.NRV" is listed by the wildcard but goes
+// on to dispatch.
+bool isGivenUpName(const QString& name)
+{
+    return name.endsWith(".nra") || name.endsWith(".nrv");
+}
+
 // The line for a file or folder that cannot be read: it is passed over, as it is.
 QString cannotBeRead(const QString& path)
 {
@@ -217,6 +224,10 @@ bool Finalize::finalizeFolderTree(const QStringList& paths)
             emit textOutput(QString("No permission to write in %1: its files cannot be finalized.\n")
                                 .arg(dir.absolutePath()));
         QDir::setCurrent(dir.absolutePath());
+        if (!outputFolder.isEmpty() && !scanOnly) {
+            m_copyProgress = CopyProgress();
+            walkTree(dir, [this](QDir& folder) { countCopies(folder); }, false);
+        }
         finalizeFolderTree(dir);
     }
     return true;
@@ -224,14 +235,21 @@ bool Finalize::finalizeFolderTree(const QStringList& paths)
 
 bool Finalize::finalizeFolderTree(QDir& dir)
 {
+    walkTree(dir, [this](QDir& folder) { finalizeFolder(folder); }, true);
+    return true;
+}
+
+void Finalize::walkTree(QDir& dir, const std::function<void(QDir&)>& visit, bool tellSkips)
+{
     const QString resolved = dir.canonicalPath();
     const bool output = !resolved.isEmpty() && resolved == m_outputCanonical; // copies are not walked
     if (isSkipFolder(dir) || output || (!resolved.isEmpty() && m_enclosingFolders.contains(resolved))) {
-        emit textOutput(QString("Skipping folder: %1\n").arg(dir.absolutePath()));
-        return true;
+        if (tellSkips)
+            emit textOutput(QString("Skipping folder: %1\n").arg(dir.absolutePath()));
+        return;
     }
     m_enclosingFolders.insert(resolved);
-    finalizeFolder(dir);
+    visit(dir);
 
     QStringList subfolders = dir.entryList(QDir::AllDirs);
     subfolders.removeAll(".");
@@ -239,11 +257,10 @@ bool Finalize::finalizeFolderTree(QDir& dir)
     for (const QString& name : subfolders) {
         if (!dir.cd(name))
             continue;
-        finalizeFolderTree(dir);
+        walkTree(dir, visit, tellSkips);
         dir.cdUp();
     }
     m_enclosingFolders.remove(resolved);
-    return true;
 }
 
 bool Finalize::isSkipFolder(QDir& dir)
@@ -266,13 +283,53 @@ bool Finalize::finalizeFolder(QDir& dir)
 
     const QStringList names = entriesMatching(dir, nameFilters);
     for (const QString& name : names) {
+        const bool copyTurn = !outputFolder.isEmpty() && !scanOnly && !isGivenUpName(name);
+        if (copyTurn)
+            beginCopyTurn(dir.absoluteFilePath(name));
         FileOutcome outcome = finalizeFile(dir, name);
+        if (copyTurn)
+            endCopyTurn();
         if (learnFacts && outcome.fate != FileOutcome::Fate::Gone)
             outcome.facts =
                 RecordingFacts::of(outcome.copyPath.isEmpty() ? outcome.pathAfter : outcome.copyPath);
         report(outcome);
     }
     return true;
+}
+
+void Finalize::countCopies(QDir& dir)
+{
+    if (!CardAccess::folderListable(dir.absolutePath()))
+        return;
+    for (const QString& name : entriesMatching(dir, nameFilters)) {
+        if (isGivenUpName(name))
+            continue;
+        ++m_copyProgress.fileCount;
+        m_copyProgress.runSize += QFileInfo(dir.filePath(name)).size();
+    }
+}
+
+void Finalize::beginCopyTurn(const QString& path)
+{
+    CopyProgress& progress = m_copyProgress;
+    progress.path = path;
+    progress.fileDone = 0;
+    progress.fileSize = QFileInfo(path).size();
+    progress.fileEnded = false;
+    ++progress.fileNumber;
+    // A recording that came after the count, or grew since, widens the run.
+    progress.fileCount = qMax(progress.fileCount, progress.fileNumber);
+    progress.runSize = qMax(progress.runSize, progress.runDone + progress.fileSize);
+    emit copyProgress(progress);
+}
+
+void Finalize::endCopyTurn()
+{
+    CopyProgress& progress = m_copyProgress;
+    progress.runDone += progress.fileSize;
+    progress.fileDone = progress.fileSize;
+    progress.fileEnded = true;
+    emit copyProgress(progress);
 }
 
 namespace {
@@ -307,8 +364,7 @@ FileOutcome Finalize::finalizeFile(QDir& dir, const QString& name)
     outcome.pathBefore = dir.absoluteFilePath(name);
     outcome.pathAfter = outcome.pathBefore;
     const QString& path = outcome.pathBefore;
-    // Case-sensitive on purpose: "clip.NRV" is listed by the wildcard but goes on to dispatch.
-    if (name.endsWith(".nra") || name.endsWith(".nrv")) {
+    if (isGivenUpName(name)) {
         outcome.fate = FileOutcome::Fate::GivenUpEarlier;
         outcome.reason = QStringLiteral("given up by an earlier run");
         return outcome;

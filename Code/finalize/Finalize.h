@@ -1,5 +1,6 @@
 #pragma once
 
+#include "finalize/CopyProgress.h"
 #include "finalize/FileOutcome.h"
 #include "finalize/RecordingLock.h"
 #include "movie/HeronQuickTimeFile.h"
@@ -30,6 +31,9 @@ public:
     bool finalizeFolders(const QStringList& paths);
     bool finalizeFolderTree(const QStringList& paths);
     bool finalizeFolderTree(QDir& dir);
+    // The walk: `visit` is called for `dir` and each folder below it, depth-first; skip folders, the
+    // output folder and links back into the walk are passed over (with a line, when `tellSkips`).
+    void walkTree(QDir& dir, const std::function<void(QDir&)>& visit, bool tellSkips);
     bool isSkipFolder(QDir& dir);
     bool finalizeFolder(QDir& dir);
     int getFileType(QString path);
@@ -121,8 +125,8 @@ signals:
     void textOutput(const QString& text);
     // Every in-progress file the run met, with what happened to it, right after its line.
     void fileDone(const FileOutcome& outcome);
-    // Finishing into a copy: how far the copy of the recording at `path` has come.
-    void copyProgress(const QString& path, qint64 done, qint64 total);
+    // Finishing into copies: how far the copy under way and the whole run have come.
+    void copyProgress(const CopyProgress& progress);
 
 private:
     // Each family's procedure; the driver hands a file to the one of the family getFileType finds.
@@ -160,6 +164,12 @@ private:
     QString copyPlaceOf(const QString& path) const;
     void copyAndFinish(FileOutcome* outcome);
     void finishCopy(const QString& copy, const QString& folder, FileOutcome* outcome);
+    // The recordings below `dir` a run into copies will copy, counted into m_copyProgress before the first.
+    void countCopies(QDir& dir);
+    // A recording's turn in a run into copies begins, and ends with its bytes counted as done.
+    void beginCopyTurn(const QString& path);
+    void endCopyTurn();
+    CopyProgress m_copyProgress;
     QString m_startFolder; // the start folder of the walk, absolute
     QString m_outputCanonical; // the output folder as the walk compares folders, so it is never walked
 

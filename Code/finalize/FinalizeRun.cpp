@@ -162,3 +162,10 @@ FinalizeRun::Summary FinalizeRun::run(const QString& path)
     closeRun(summary);
     return summary;
 }
+
+bool FinalizeRun::outputInsidePath(const QString& path, const QString& folder)
+{
+    const QString start = QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+    const QString into = QDir::cleanPath(QFileInfo(folder).absoluteFilePath());
+    return into == start || into.startsWith(start + '/');
+}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "finalize/CopyProgress.h"
 #include "finalize/FileOutcome.h"
 #include "movie/QuickTimeFile.h"
 
@@ -53,6 +54,10 @@ public:
     // the files restored, badCount those refused, leftCount those the card or another run kept from it.
     Summary restore(const QStringList& files);
 
+    // Whether `folder`, as an output folder for copies, is `path` or lies below it, where the walk would
+    // meet the copies.
+    static bool outputInsidePath(const QString& path, const QString& folder);
+
     // First two characters of the absolute path of the folder holding `path` ("/V" for /Volumes/CARD).
     static QString driveOf(const QString& path);
 
@@ -60,8 +65,8 @@ signals:
     void output(const QString& text);
     // What happened to each in-progress file, right after its line.
     void fileDone(const FileOutcome& outcome);
-    // Finishing into copies: how far the copy of the recording at `path` has come.
-    void copyProgress(const QString& path, qint64 done, qint64 total);
+    // Finishing into copies: how far the copy under way and the whole run have come.
+    void copyProgress(const CopyProgress& progress);
 
 private:
     // A command on given files: `treat` does it to each (its absolute path) and gives the file's line and
