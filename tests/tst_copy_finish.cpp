@@ -46,17 +46,6 @@ QMap<QString, QByteArray> finishedInPlace(const QString& scratch)
     return finished;
 }
 
-// The files below `out` outside the work folder a run keeps its unfinished copies in.
-QMap<QString, QByteArray> placedCopies(const QString& out)
-{
-    QMap<QString, QByteArray> placed = snapshotTree(out);
-    for (const QString& key : placed.keys()) {
-        if (key.startsWith(".clipward-partial/"))
-            placed.remove(key);
-    }
-    return placed;
-}
-
 bool isRoot()
 {
     return ::geteuid() == 0;

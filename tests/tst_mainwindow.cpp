@@ -113,7 +113,9 @@ void TestMainWindow::formTree()
              QString("QVBoxLayout verticalLayout_2("
                      "QHBoxLayout horizontalLayout_2(QLabel descriptionLabel, QGroupBox scanModeGroup), "
                      "QVBoxLayout verticalLayout(QLabel label, "
-                     "QHBoxLayout horizontalLayout(QLineEdit drivePathEdit, QPushButton browseButton)), "
+                     "QHBoxLayout horizontalLayout(QLineEdit drivePathEdit, QPushButton browseButton), "
+                     "QHBoxLayout outputLayout("
+                     "QCheckBox copyToFolder, QLineEdit outputPathEdit, QPushButton outputBrowseButton)), "
                      "QTabWidget runViews, "
                      "QHBoxLayout horizontalLayout_3("
                      "QProgressBar progressBar, QPushButton startButton, QPushButton exitButton))"));
@@ -145,7 +147,10 @@ void TestMainWindow::formTextsAndGeometry()
     QCOMPARE(window.sizePolicy().verticalPolicy(), QSizePolicy::Preferred);
 
     QLabel* description = child<QLabel>(&window, "descriptionLabel");
-    QCOMPARE(description->minimumSize(), QSize(0, 50));
+    // The form's minimum; at run time the description is as wide as its lines need to fit beside the
+    // scan modes.
+    QCOMPARE(formProperties("descriptionLabel").value("minimumSize").simplified(), QString("0 50"));
+    QCOMPARE(description->minimumHeight(), 50);
     QCOMPARE(description->alignment(), Qt::AlignLeft | Qt::AlignTop);
     QVERIFY(description->wordWrap());
 
@@ -153,6 +158,7 @@ void TestMainWindow::formTextsAndGeometry()
     // The form's minimum; at run time the group is at least as tall as its choices need.
     QCOMPARE(formProperties("scanModeGroup").value("minimumSize").simplified(), QString("0 70"));
     QVERIFY(group->minimumHeight() >= 70 && group->minimumWidth() == 0);
+    QVERIFY(description->heightForWidth(description->minimumWidth()) <= group->minimumHeight());
     QCOMPARE(group->title(), QString("Scan Mode"));
 
     // The form places the choices at fixed places; the window lays them out by their size at run

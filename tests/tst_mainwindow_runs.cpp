@@ -38,7 +38,7 @@ QList<QWidget*> runControls(QWidget* window)
 {
     QList<QWidget*> controls;
     for (const char* name : {"scanModeGroup", "interchangeFinish", "drivePathEdit", "browseButton",
-                             "startButton", "exitButton"})
+                             "copyToFolder", "startButton", "exitButton"})
         controls << child<QWidget>(window, name);
     return controls;
 }

@@ -123,14 +123,15 @@ private slots:
     {
         auto window = makeWindow();
         QTest::keyClicks(QApplication::focusWidget(), "/somewhere"); // Start is enabled with a path
-        const QStringList forward{"browseButton", "scanAndFinalize", "interchangeFinish", "startButton",
-                                  "exitButton", "drivePathEdit"};
+        // The copies' folder and its Browse are off (and passed over) until copies are chosen.
+        const QStringList forward{"browseButton", "copyToFolder", "scanAndFinalize", "interchangeFinish",
+                                  "startButton", "exitButton", "drivePathEdit"};
         for (const QString& expected : forward) {
             QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
             QCOMPARE(QApplication::focusWidget()->objectName(), expected);
         }
         const QStringList backward{"exitButton", "startButton", "interchangeFinish", "scanAndFinalize",
-                                   "browseButton", "drivePathEdit"};
+                                   "copyToFolder", "browseButton", "drivePathEdit"};
         for (const QString& expected : backward) {
             QTest::keyClick(QApplication::focusWidget(), Qt::Key_Backtab, Qt::ShiftModifier);
             QCOMPARE(QApplication::focusWidget()->objectName(), expected);
@@ -219,7 +220,7 @@ private slots:
         QCOMPARE(path->text(), QString("/card"));
         const QMap<QString, QChar> letters { { "scanAndFinalize", 'f' }, { "scanOnly", 'o' },
             { "interchangeFinish", 'p' }, { "browseButton", 'b' }, { "startButton", 's' },
-            { "exitButton", 'x' } };
+            { "exitButton", 'x' }, { "copyToFolder", 'c' }, { "outputBrowseButton", 'w' } };
         for (auto it = letters.begin(); it != letters.end(); ++it) {
             const QString text = child<QAbstractButton>(window.get(), qPrintable(it.key()))->text();
             QCOMPARE(text.at(text.indexOf('&') + 1).toLower(), it.value());

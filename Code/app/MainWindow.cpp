@@ -32,6 +32,11 @@ QtMessageHandler previousHandler = nullptr;
 
 // The scan-mode group's minimum height in the form.
 const int kScanModeGroupMinimumHeight = 70;
+// The scan-mode group's margins around its choices, beside them and above and below.
+const int kChoiceIndent = 9;
+const int kChoiceMargin = 0;
+// How far the description's width is widened at a time until its lines fit beside the scan modes.
+const int kDescriptionWidthStep = 8;
 
 // Whether Start finishes in the interchange form; remembered from one session to the next.
 const char* const kInterchangeKey = "finish/interchange";
@@ -65,6 +70,7 @@ MainWindow::MainWindow(QWidget* parent)
     layOutScanModes();
     showProgramName();
     connectPathAndChoices();
+    setUpCopyChoice();
     setUpFilesTab();
     setUpKeyboard();
     routeMessagesToLog();
@@ -104,6 +110,10 @@ void MainWindow::layOutScanModes()
 {
     auto* modes = new QVBoxLayout(ui->scanModeGroup);
     modes->setObjectName("scanModeLayout");
+    // Set close, as a list of choices: the window stays short enough for a small screen with the row of
+    // the copies' folder below the path.
+    modes->setSpacing(0);
+    modes->setContentsMargins(kChoiceIndent, kChoiceMargin, kChoiceIndent, kChoiceMargin);
     for (QWidget* choice : {static_cast<QWidget*>(ui->scanAndFinalize), static_cast<QWidget*>(ui->scanOnly),
                             static_cast<QWidget*>(ui->interchangeFinish)})
         modes->addWidget(choice);
@@ -123,6 +133,19 @@ void MainWindow::keepScanModesWhole()
         group->setMinimumHeight(needed);
 }
 
+void MainWindow::keepDescriptionWhole()
+{
+    // The description wraps beside the scan modes: it is never narrower than its lines need to fit in the
+    // modes' height, so the window's minimum height is what its layouts say.
+    QLabel* label = ui->descriptionLabel;
+    const int height = ui->scanModeGroup->minimumHeight();
+    int width = label->minimumSizeHint().width();
+    while (label->heightForWidth(width) > height && width < label->sizeHint().width())
+        width += kDescriptionWidthStep;
+    if (label->minimumWidth() != width)
+        label->setMinimumWidth(width);
+}
+
 void MainWindow::showProgramName()
 {
     setWindowTitle(QString("%1 version %2")
@@ -130,6 +153,7 @@ void MainWindow::showProgramName()
     ui->descriptionLabel->setText(
         QString("%1 will scan through a drive/path, rebuilding files that did not properly close.")
             .arg(QCoreApplication::applicationName()));
+    keepDescriptionWhole();
 }
 
 void MainWindow::connectPathAndChoices()
@@ -163,6 +187,7 @@ void MainWindow::changeEvent(QEvent* event)
     QMainWindow::changeEvent(event);
     if (event->type() == QEvent::FontChange || event->type() == QEvent::StyleChange) {
         keepScanModesWhole();
+        keepDescriptionWhole();
         if (m_outcomeView) // the Files tab sizes its rows itself when it is set up
             m_outcomeView->fitRows();
     }
@@ -194,9 +219,9 @@ void MainWindow::fitIntoScreenArea(const QRect& available)
         move(left, top);
 }
 
-void MainWindow::drivePathTextChanged(const QString& text)
+void MainWindow::drivePathTextChanged(const QString&)
 {
-    ui->startButton->setEnabled(!text.isEmpty());
+    updateStartButton();
     ui->outputWindow->clear();
 }
 
@@ -217,9 +242,11 @@ void MainWindow::on_exitButton_clicked()
 
 void MainWindow::on_startButton_clicked()
 {
+    const QString path = typedPath();
+    if (refuseCopiesFolder(path))
+        return;
     startRunReport();
     // The Files tab lists this run's files only, each as soon as its turn is over.
-    const QString path = typedPath();
     m_outcomeView->clear(path);
 
     // output() pumps events during the run, so every control that could start another handler is off.
@@ -230,7 +257,9 @@ void MainWindow::on_startButton_clicked()
     FinalizeRun run(!ui->scanAndFinalize->isChecked(), style);
     // The table shows what each file holds: one read of its settings after its turn.
     run.setLearnFacts(true);
+    run.setOutput(copiesFolder(), false);
     connect(&run, &FinalizeRun::output, this, &MainWindow::output);
+    connect(&run, &FinalizeRun::copyProgress, this, &MainWindow::showCopyProgress);
     connect(&run, &FinalizeRun::fileDone, m_outcomeView, &OutcomeView::fileDone);
     m_runInProgress = true;
     m_outcomeView->runStarted();
@@ -251,10 +280,14 @@ void MainWindow::showRunning(bool running)
     ui->scanModeGroup->setEnabled(!running); // the interchange box with it
     ui->drivePathEdit->setEnabled(!running);
     ui->browseButton->setEnabled(!running);
+    ui->copyToFolder->setEnabled(!running);
+    showCopyChoice(running);
     ui->startButton->setEnabled(!running);
     ui->exitButton->setEnabled(!running);
     m_saveOutcomesAction->setEnabled(!running && m_outcomeView->runEnded());
+    // Busy until a copy tells how far the run is; without copies, busy throughout.
     ui->progressBar->setRange(0, running ? 0 : 100);
+    ui->progressBar->setFormat(QString());
     ui->progressBar->setVisible(running);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "OutcomeTableModel.h"
+#include "finalize/CopyProgress.h"
 
 #include <QElapsedTimer>
 #include <QMainWindow>
@@ -20,12 +21,13 @@ namespace Ui {
 class MainWindow;
 }
 
-// The one window: path, scan mode, finish style, Start and the log box that shows one run of FinalizeRun,
+// The one window: path, scan mode, finish style, copies, Start and the log box that shows one run of FinalizeRun,
 // together with every message logged through the framework while the window exists.
 //
 // Its member definitions are kept by concern: MainWindow.cpp sets the window up and runs; MainWindowLog.cpp
 // is the log box; MainWindowSaving.cpp is Save Log... and Save Outcomes...; MainWindowKeyboard.cpp is the
-// keyboard's way around. The Files tab is an OutcomeView of its own.
+// keyboard's way around; MainWindowCopies.cpp is finishing copies into a folder. The Files tab is an
+// OutcomeView of its own.
 class MainWindow : public QMainWindow
 {
     Q_OBJECT
@@ -76,7 +78,7 @@ protected:
     void showEvent(QShowEvent* event) override;
     // A new font or style lays the scan modes out anew.
     void changeEvent(QEvent* event) override;
-    // Alt with a letter that is no mnemonic would type the letter into the path field: it is eaten.
+    // Alt with a letter that is no mnemonic would type the letter into a text field: it is eaten.
     bool eventFilter(QObject* watched, QEvent* event) override;
 
 public slots:
@@ -111,6 +113,8 @@ private:
     void connectPathAndChoices();
     // The Files tab: the outcome of each file of the last run.
     void setUpFilesTab();
+    // Finish copies: the check box and the folder, as the last session left them.
+    void setUpCopyChoice();
     // The keyboard: mnemonics, the tab order, Enter to start, the path field focused.
     void setUpKeyboard();
     // Every message logged from now on goes to the log box.
@@ -118,8 +122,26 @@ private:
 
     // The scan modes: at least as tall as the form has them, and as their choices need.
     void keepScanModesWhole();
+    // The description: wide enough that its wrapped lines are no taller than the scan modes.
+    void keepDescriptionWhole();
     // Whether the busy bar and the controls show a run.
     void showRunning(bool running);
+
+    // Start is on when there is a path, and a folder when copies are chosen.
+    void updateStartButton();
+
+    // Finishing copies (MainWindowCopies.cpp).
+    // The folder field and its Browse are on while copies are chosen and no run is going.
+    void showCopyChoice(bool running);
+    // The folder the run finishes copies in, taken from the program's start folder like the path; empty
+    // when the card's files are finished in place.
+    QString copiesFolder() const;
+    // True, with the reason in the status bar, when copies are chosen but no folder is given, or the folder
+    // lies inside `path`, where the run would meet the copies: the run does not start.
+    bool refuseCopiesFolder(const QString& path);
+    void browseForCopiesFolder();
+    // The bar shows the share of the run's bytes copied, and which copy of how many is under way.
+    void showCopyProgress(const CopyProgress& progress);
 
     // The log box (MainWindowLog.cpp).
     // Like a terminal: the box follows the end until the user scrolls away from it, and again once back.

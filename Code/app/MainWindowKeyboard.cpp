@@ -17,10 +17,12 @@ void MainWindow::setUpKeyboard()
     markMnemonics();
     chainTabOrder();
 
-    // Enter in the path field, or on Start when it has the focus, starts a run.
+    // Enter in the path or the copies' folder field, or on Start when it has the focus, starts a run.
     ui->startButton->setAutoDefault(true);
-    connect(ui->drivePathEdit, &QLineEdit::returnPressed, this, &MainWindow::startIfEnabled);
-    ui->drivePathEdit->installEventFilter(this);
+    for (QLineEdit* field : {ui->drivePathEdit, ui->outputPathEdit}) {
+        connect(field, &QLineEdit::returnPressed, this, &MainWindow::startIfEnabled);
+        field->installEventFilter(this);
+    }
     ui->drivePathEdit->setFocus();
 }
 
@@ -34,6 +36,8 @@ void MainWindow::markMnemonics()
     ui->label->setText(tr("&Drive/ path to scan:"));
     ui->label->setBuddy(ui->drivePathEdit);
     ui->browseButton->setText(tr("&Browse..."));
+    ui->copyToFolder->setText(tr("Finish &copies in:"));
+    ui->outputBrowseButton->setText(tr("Bro&wse..."));
     ui->startButton->setText(tr("&Start"));
     ui->exitButton->setText(tr("E&xit"));
 }
@@ -42,7 +46,8 @@ void MainWindow::chainTabOrder()
 {
     // The Files tab's table and button follow Exit while the tab is shown. The tabs themselves take no
     // focus, so the chain is the same as without them while the report shows; Alt+R and Alt+I choose them.
-    QWidget* const chain[] = {ui->drivePathEdit, ui->browseButton, ui->scanAndFinalize, ui->scanOnly,
+    QWidget* const chain[] = {ui->drivePathEdit, ui->browseButton, ui->copyToFolder, ui->outputPathEdit,
+                              ui->outputBrowseButton, ui->scanAndFinalize, ui->scanOnly,
                               ui->interchangeFinish, ui->startButton, ui->exitButton, ui->outcomeTable,
                               m_outcomeView->saveButton()};
     for (size_t next = 1; next < std::size(chain); ++next)
@@ -53,7 +58,8 @@ void MainWindow::chainTabOrder()
 
 bool MainWindow::eventFilter(QObject* watched, QEvent* event)
 {
-    if (watched == ui->drivePathEdit && event->type() == QEvent::KeyPress) {
+    const bool field = watched == ui->drivePathEdit || watched == ui->outputPathEdit;
+    if (field && event->type() == QEvent::KeyPress) {
         const auto* key = static_cast<QKeyEvent*>(event);
         if ((key->modifiers() & Qt::AltModifier) && !(key->modifiers() & Qt::ControlModifier)
             && !key->text().isEmpty())

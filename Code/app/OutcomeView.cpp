@@ -10,6 +10,7 @@
 #include <QLabel>
 #include <QMenu>
 #include <QSortFilterProxyModel>
+#include <QStyle>
 #include <QTabWidget>
 #include <QTableView>
 #include <QToolButton>
@@ -113,13 +114,16 @@ void OutcomeView::followTab(int index)
 
 void OutcomeView::fitRows()
 {
-    // Rows a line of text high. The table asks no more height than its header and one row, so the Files
-    // tab asks about what the report does and the window's minimum stays where the report puts it.
+    // Rows a line of text high. The table asks no more height than its header, one row and the scroll bar,
+    // so the Files tab asks about what the report does and the window's minimum stays where the report puts it.
     QTableView* table = m_widgets.table;
     const int row = QFontMetrics(m_window->font()).lineSpacing() + kRowPadding;
     table->verticalHeader()->setMinimumSectionSize(row);
     table->verticalHeader()->setDefaultSectionSize(row);
-    table->setMinimumHeight(table->horizontalHeader()->sizeHint().height() + row + 2 * table->frameWidth());
+    // At small widths the columns overflow, and the scroll bar below them takes its height from the row.
+    const int scrollBar = table->style()->pixelMetric(QStyle::PM_ScrollBarExtent, nullptr, table);
+    table->setMinimumHeight(
+        table->horizontalHeader()->sizeHint().height() + row + scrollBar + 2 * table->frameWidth());
 }
 
 void OutcomeView::fitColumns()

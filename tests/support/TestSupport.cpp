@@ -84,6 +84,16 @@ QMap<QString, QByteArray> snapshotTree(const QString& root)
     return files;
 }
 
+QMap<QString, QByteArray> placedCopies(const QString& out)
+{
+    QMap<QString, QByteArray> placed = snapshotTree(out);
+    for (const QString& key : placed.keys()) {
+        if (key.startsWith(".clipward-partial/"))
+            placed.remove(key);
+    }
+    return placed;
+}
+
 int runCli(const QStringList& args, QStringList* stdoutLines, QString* stderrText)
 {
     QProcess process;

@@ -31,6 +31,8 @@ QByteArray readFile(const QString& path);
 
 // Every file below `root` (relative path -> content), to prove a run changed nothing.
 QMap<QString, QByteArray> snapshotTree(const QString& root);
+// The same below the output folder of a run into copies, without the work folder of unfinished copies.
+QMap<QString, QByteArray> placedCopies(const QString& out);
 
 // Runs clipward-cli with `args`; returns its exit code and fills stdout lines and stderr text.
 int runCli(const QStringList& args, QStringList* stdoutLines, QString* stderrText = nullptr);
