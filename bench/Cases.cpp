@@ -28,6 +28,8 @@ int quickReps(const BenchOptions& o)
     return 3 * o.reps;
 }
 
+} // namespace
+
 void progress(const QString& text)
 {
     std::fprintf(stderr, "[%6.1f s] %s\n", g_clock.elapsed() / 1000.0, qPrintable(text));
@@ -49,19 +51,26 @@ Usage runCli(const QStringList& args, const QString& log)
     return measureChild(command);
 }
 
+void fail(Measured* m, const QString& note)
+{
+    m->failed = true;
+    m->note = note;
+    progress("FAILED: " + m->label + ": " + note);
+}
+
+bool firstRunsAt(int r)
+{
+    return (r + r / 2) % 2 == 0;
+}
+
+namespace {
+
 // One finalize of the recording in `folder` by clipward-cli, in the interchange form when asked; false
 // unless it reports the file finished.
 bool finalizeOnce(const QString& folder, const QString& log, Usage* usage, bool interchange = false)
 {
     *usage = runCli(interchange ? QStringList { "--interchange", folder } : QStringList { folder }, log);
     return usage->ok && logSays(log, "Finalized") && !logSays(log, "Unrecoverable");
-}
-
-void fail(Measured* m, const QString& note)
-{
-    m->failed = true;
-    m->note = note;
-    progress("FAILED: " + m->label + ": " + note);
 }
 
 // Captures the recording at `zqv` and finalizes it once, untimed, in the interchange form when asked: the
@@ -86,13 +95,6 @@ bool captureAndWarmUp(const QString& zqv, const QString& log, bool interchange,
         return false;
     }
     return true;
-}
-
-// Two measurements that take turns going first (first, second; second, first; ...), so neither always
-// runs on the other's page cache and write-back: whether the first of them runs at step `r`.
-bool firstRunsAt(int r)
-{
-    return (r + r / 2) % 2 == 0;
 }
 
 // Cases 1 and 2: the finalize of a near-capacity recording, then the floor writing as many bytes.
@@ -293,6 +295,10 @@ void labelMeasurements(BenchResults* r)
     r->scanWindow.label = "window (offscreen), scan only";
     r->interchangeFinalize.label = "clipward-cli --interchange finalize";
     r->defaultFinalize.label = "clipward-cli finalize";
+    r->copyToTmpfs.label = "clipward-cli --output TMPFS FOLDER";
+    r->cpToTmpfs.label = "cp RECORDING TMPFS";
+    r->copyWithinBtrfs.label = "clipward-cli --output DIR FOLDER, one btrfs";
+    r->inPlaceOnBtrfs.label = "clipward-cli FOLDER (in place), same btrfs";
 }
 
 // Cases 1, 7 and 2, in that order: case 7 runs while case 1's recording is at hand and in the page cache.
@@ -361,12 +367,15 @@ void runCardCases(const BenchOptions& o, BenchResults* r)
     }
 }
 
-// Case 3, run last: it needs ffmpeg and 4 GB of disk for as long as it runs, and removes its recording.
-void runDenseCase(const BenchOptions& o, BenchResults* r)
+// Cases 3 and 8, run last: they need ffmpeg and 4 GB of disk for the recording as long as they run (case 8
+// more, see runCopyCases), and the recording is removed afterwards.
+void runDenseCases(const BenchOptions& o, BenchResults* r)
 {
     const QString dense = o.work + "/dense/C001.zqv";
     if (QStandardPaths::findExecutable("ffmpeg").isEmpty()) {
         fail(&r->denseFinalize, "ffmpeg is not installed");
+        fail(&r->copyToTmpfs, "no input: ffmpeg is not installed");
+        fail(&r->copyWithinBtrfs, "no input: ffmpeg is not installed");
         return;
     }
     QDir().mkpath(o.work + "/dense");
@@ -383,6 +392,7 @@ void runDenseCase(const BenchOptions& o, BenchResults* r)
         progress(QString("case 3: dense recording of %1 bytes").arg(r->denseBytes));
         finalizeAgainstRemux(o, dense, &r->denseFinalize, &r->remux);
     }
+    runCopyCases(o, dense, r);
     QDir(o.work + "/dense").removeRecursively();
     QFile::remove(o.work + "/frames.prores");
 }
@@ -400,9 +410,9 @@ void removeInputs(const BenchOptions& o)
 bool everyCaseRan(const BenchResults& r)
 {
     bool allRan = true;
-    for (const Measured* m :
-        { &r.ternFinalize, &r.ternFloor, &r.heronFinalize, &r.heronFloor, &r.denseFinalize, &r.remux, &r.find,
-            &r.scanCli, &r.scanWindow, &r.interchangeFinalize, &r.defaultFinalize })
+    for (const Measured* m : { &r.ternFinalize, &r.ternFloor, &r.heronFinalize, &r.heronFloor,
+             &r.denseFinalize, &r.remux, &r.find, &r.scanCli, &r.scanWindow, &r.interchangeFinalize,
+             &r.defaultFinalize, &r.copyToTmpfs, &r.cpToTmpfs, &r.copyWithinBtrfs, &r.inPlaceOnBtrfs })
         allRan = allRan && !m->failed;
     for (const ScalePoint& p : qAsConst(r.scaling))
         allRan = allRan && !p.finalize.failed;
@@ -426,7 +436,7 @@ int runBenchmarks(const BenchOptions& o)
     runNearCapacityCases(o, &r);
     runScalingCase(o, &r);
     runCardCases(o, &r);
-    runDenseCase(o, &r);
+    runDenseCases(o, &r);
 
     removeInputs(o);
     progress("done");

@@ -52,7 +52,28 @@ struct BenchResults
     // 7: case 1's recording finished in the interchange form against the default finish.
     qint64 interchangeIndexBytes = 0;
     Measured interchangeFinalize, defaultFinalize;
+    // 8: case 3's recording finished into a copy on a tmpfs against cp of it there; and within one btrfs
+    // into a copy there against the finish in place there. The methods are those --json gave the copies.
+    Measured copyToTmpfs, cpToTmpfs, copyWithinBtrfs, inPlaceOnBtrfs;
+    QString tmpfsCopyMethod, btrfsCopyMethod;
 };
+
+// Steps the cases share.
+// A line on stderr, with the seconds since the benchmark started.
+void progress(const QString& text);
+// Whether the file at `log` holds `text`.
+bool logSays(const QString& log, const QString& text);
+// clipward-cli with `args`, its stdout in `log`, measured.
+Usage runCli(const QStringList& args, const QString& log);
+// Marks `m` failed, with why, and says so.
+void fail(Measured* m, const QString& note);
+// Two measurements that take turns going first (first, second; second, first; ...), so neither always
+// runs on the other's page cache and write-back: whether the first of them runs at step `r`.
+bool firstRunsAt(int r);
+
+// Case 8: the unfinished 4 GB recording at `recording` (case 3's) finished into copies, each against its
+// baseline. Needs root and btrfs for its second half; says why where a half cannot run.
+void runCopyCases(const BenchOptions& o, const QString& recording, BenchResults* r);
 
 // Makes the inputs, runs every case and prints the tables. Returns 0 when every case ran, whether or
 // not its target was met.

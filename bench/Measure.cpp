@@ -82,6 +82,7 @@ Usage measureChild(const ChildCommand& command)
         envp.push_back(&e[0]);
     envp.push_back(nullptr);
     const std::string out = command.stdoutPath.toStdString();
+    const std::string err = command.stderrPath.toStdString();
 
     const double start = nowMs();
     const pid_t pid = fork();
@@ -92,6 +93,11 @@ Usage measureChild(const ChildCommand& command)
         if (fd >= 0) {
             dup2(fd, STDOUT_FILENO);
             close(fd);
+        }
+        const int errFd = err.empty() ? -1 : open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (errFd >= 0) {
+            dup2(errFd, STDERR_FILENO);
+            close(errFd);
         }
         execve(argv[0], argv.data(), envp.data());
         _exit(127);

@@ -22,6 +22,7 @@ struct ChildCommand
     QString program; // a path, or a name looked up in PATH
     QStringList arguments;
     QString stdoutPath = "/dev/null";
+    QString stderrPath; // empty: the benchmark's own stderr
     QStringList environment; // extra NAME=value entries
 };
 

@@ -15,6 +15,8 @@ const double kRemuxRatioTarget = 100;
 const double kScanRatioTarget = 3;
 const double kWindowRatioTarget = 2;
 const double kInterchangeRatioTarget = 1.1;
+const double kCopyToTmpfsRatioTarget = 1.1;
+const double kCopyWithinBtrfsRatioTarget = 2;
 // The per-entry cost between the two largest sizes may exceed the one below it by this much before
 // it counts as growing (the difference of two medians is noisier than either).
 const double kSlopeGrowthAllowed = 1.25;
@@ -131,6 +133,25 @@ void interchangeRatios(const Measured& interchange, const Measured& standard)
     referenceRatio("7 interchange / default finish, CPU (for reference)", i.cpuMs / d.cpuMs);
 }
 
+// Case 8: a finish into a copy against its baseline, with the CPU ratio beside it for reference.
+void copyRatio(
+    const QString& name, const Measured& copy, const Measured& baseline, const QString& target, double limit)
+{
+    if (!copy.usable() || !baseline.usable())
+        return notMeasured(name, copy.note + baseline.note);
+    const Usage c = copy.median();
+    const Usage b = baseline.median();
+    const double wall = c.wallMs / b.wallMs;
+    ratio(name + ", wall", wall, "x", target, wall <= limit);
+    referenceRatio(name + ", CPU (for reference)", c.cpuMs / b.cpuMs);
+}
+
+// The way the copies of case 8 were made, as --json gave it in the warm-up run.
+QString copyMethod(const QString& method)
+{
+    return "  copy method: " + (method.isEmpty() ? QString("unknown") : method);
+}
+
 // The marginal costs of the scaling table, one a measured size after the first, in microseconds an entry.
 struct MarginalCosts
 {
@@ -216,8 +237,8 @@ void introduction(const BenchResults& r)
 {
     line("");
     line(QString(
-        "Clipward benchmarks: medians of %1 runs (%2 for case 3) after one untimed warm-up, each case "
-        "side by side with its baseline.")
+        "Clipward benchmarks: medians of %1 runs (%2 for cases 3 and 8) after one untimed warm-up, each "
+        "case side by side with its baseline.")
              .arg(r.quickReps)
              .arg(r.reps));
     line("Wall: fork to exit. CPU: user + system. Peak RSS: ru_maxrss. Written: /proc/<pid>/io write_bytes.");
@@ -245,6 +266,10 @@ void mediansTable(const BenchResults& r)
     row(QString("5 same card, %1 in progress").arg(grouped(r.cardInProgress)), r.scanWindow);
     row("7 case 1's recording", r.interchangeFinalize);
     row(QString("  index %1 bytes").arg(grouped(r.interchangeIndexBytes)), r.defaultFinalize);
+    row(QString("8 case 3's, into a tmpfs"), r.copyToTmpfs);
+    row(copyMethod(r.tmpfsCopyMethod), r.cpToTmpfs);
+    row(QString("8 case 3's, within btrfs"), r.copyWithinBtrfs);
+    row(copyMethod(r.btrfsCopyMethod), r.inPlaceOnBtrfs);
 }
 
 void ratiosTable(const BenchResults& r)
@@ -256,6 +281,9 @@ void ratiosTable(const BenchResults& r)
     remuxRatio(r.denseFinalize, r.remux);
     scanRatios(r);
     interchangeRatios(r.interchangeFinalize, r.defaultFinalize);
+    copyRatio("8 copy on a tmpfs / cp", r.copyToTmpfs, r.cpToTmpfs, "<= 1.1x", kCopyToTmpfsRatioTarget);
+    copyRatio("8 copy within btrfs / in place", r.copyWithinBtrfs, r.inPlaceOnBtrfs, "<= 2x",
+        kCopyWithinBtrfsRatioTarget);
 }
 
 } // namespace

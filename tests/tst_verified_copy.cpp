@@ -7,6 +7,7 @@
 
 #include "finalize/VerifiedCopy.h"
 #include "support/CardImages.h"
+#include "support/ScratchMount.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -23,7 +24,6 @@
 #include <vector>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 using namespace TestSupport;
 
@@ -118,78 +118,6 @@ bool somethingAt(const QString& path)
     return ::lstat(QFile::encodeName(path).constData(), &status) == 0;
 }
 
-// A file system mounted at `folder`/mnt for one case: a small tmpfs or a btrfs image on a loop device.
-// Unmounted, and the loop device detached, whichever way the case leaves.
-class Mount
-{
-public:
-    explicit Mount(const QString& folder)
-        : m_image(folder + "/fs.img")
-        , m_point(folder + "/mnt")
-    {
-        QDir().mkpath(m_point);
-    }
-    ~Mount()
-    {
-        if (m_mounted && !runTool("umount", { m_point }))
-            runTool("umount", { "-l", m_point });
-        if (!m_loop.isEmpty())
-            runTool("losetup", { "-d", m_loop });
-    }
-    Mount(const Mount&) = delete;
-    Mount& operator=(const Mount&) = delete;
-
-    QString point() const { return m_point; }
-
-    // Each returns why the file system could not be mounted; empty when it was.
-    QString mountTmpfs(const QString& size)
-    {
-        if (geteuid() != 0)
-            return "not running as root: mounting a tmpfs needs root";
-        QString output;
-        if (!runTool("mount", { "-t", "tmpfs", "-o", "size=" + size, "tmpfs", m_point }, &output))
-            return "cannot mount a tmpfs: " + output;
-        m_mounted = true;
-        return QString();
-    }
-
-    QString mountBtrfs(qint64 bytes)
-    {
-        if (geteuid() != 0)
-            return "not running as root: attaching loop devices and mounting images needs root";
-        for (const QString& name : { "mkfs.btrfs", "losetup", "mount", "umount" }) {
-            if (tool(name).isEmpty())
-                return name + " is missing (Debian packages: btrfs-progs, util-linux, mount)";
-        }
-        QFile image(m_image);
-        if (!image.open(QIODevice::WriteOnly | QIODevice::Truncate) || !image.resize(bytes))
-            return "cannot create the image file " + m_image;
-        image.close();
-        QString output;
-        if (!runTool("mkfs.btrfs", { "-q", m_image }, &output))
-            return "mkfs.btrfs failed: " + output;
-        if (!runTool("losetup", { "-f", "--show", m_image }, &output))
-            return "cannot attach a loop device to the image: " + output;
-        m_loop = output.split('\n').last().trimmed();
-        if (!runTool("mount", { "-t", "btrfs", m_loop, m_point }, &output))
-            return "cannot mount the btrfs image (is btrfs in this kernel?): " + output;
-        m_mounted = true;
-        return QString();
-    }
-
-    QString remountReadOnly()
-    {
-        QString output;
-        return runTool("mount", { "-o", "remount,ro", m_point }, &output) ? QString() : output;
-    }
-
-private:
-    QString m_image;
-    QString m_point;
-    QString m_loop;
-    bool m_mounted = false;
-};
-
 } // namespace
 
 class TestVerifiedCopy : public QObject
@@ -276,7 +204,7 @@ void TestVerifiedCopy::clonesWithinBtrfs()
 {
     QTemporaryDir folder;
     QVERIFY(folder.isValid());
-    Mount mount(folder.path());
+    ScratchMount mount(folder.path());
     const QString why = mount.mountBtrfs(160 * kMiB);
     if (!why.isEmpty())
         QSKIP(qPrintable("btrfs cannot be tested: " + why));
@@ -373,7 +301,7 @@ void TestVerifiedCopy::stopsWhenTheDestinationIsFull()
 {
     QTemporaryDir folder;
     QVERIFY(folder.isValid());
-    Mount mount(folder.path());
+    ScratchMount mount(folder.path());
     const QString why = mount.mountTmpfs("1m");
     if (!why.isEmpty())
         QSKIP(qPrintable("a full destination cannot be tested: " + why));
@@ -527,7 +455,7 @@ void TestVerifiedCopy::leavesTheSourceAsItWas()
         QStringList { "A001C003.mov" });
 
     // Root writes past permissions; a file system mounted read-only refuses everyone.
-    Mount mount(folder.path());
+    ScratchMount mount(folder.path());
     const QString why = mount.mountTmpfs("16m");
     if (!why.isEmpty())
         QSKIP(qPrintable("copying off a read-only file system cannot be tested: " + why));
