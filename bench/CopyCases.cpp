@@ -7,7 +7,8 @@
 
 #include "Cases.h"
 
-#include "Mounts.h"
+#include "HeldSignals.h"
+#include "scratch/ScratchMount.h"
 
 #include <QDir>
 #include <QFile>
@@ -20,6 +21,9 @@
 #include <sys/statvfs.h>
 
 namespace {
+
+// Below the work folder: the btrfs image and its mount, found again by a run after an interrupted one.
+const char* const kBtrfsFolder = "copy-btrfs";
 
 const qint64 kGiB = 1024LL * 1024 * 1024;
 const long kTmpfsMagic = 0x01021994;
@@ -181,27 +185,28 @@ void copyWithinBtrfsAgainstInPlace(const BenchOptions& o, const QString& recordi
         return fail(copy,
             QString("could not run: %1 free in %2, the btrfs image needs %3")
                 .arg(gigabytes(freeBytes(o.work)), o.work, gigabytes(needed)));
-    BtrfsImage btrfs(o.work + "/copy-btrfs");
-    const QString why = btrfs.mount(2 * size + kGiB);
+    ScratchMount btrfs(QDir(o.work).filePath(kBtrfsFolder));
+    const QString why = btrfs.mountBtrfs(2 * size + kGiB);
     if (!why.isEmpty())
         return fail(copy, "could not run: " + why);
-    const QString card = btrfs.mountPoint() + "/card";
+    const QString card = btrfs.point() + "/card";
     const QString original = card + "/" + QFileInfo(recording).fileName();
-    const QString inPlaceFolder = btrfs.mountPoint() + "/in-place";
+    const QString inPlaceFolder = btrfs.point() + "/in-place";
     const QString fresh = inPlaceFolder + "/" + QFileInfo(recording).fileName();
-    const QString out = btrfs.mountPoint() + "/out";
+    const QString out = btrfs.point() + "/out";
     const QString copied = out + "/" + QFileInfo(recording).completeBaseName() + ".mov";
     const QString log = o.work + "/copy.log";
     QString output;
     progress("case 8: the recording onto a btrfs image");
-    if (!QDir().mkpath(card) || !runTool("cp", { recording, original }, &output))
+    if (!QDir().mkpath(card) || !Scratch::runTool("cp", { recording, original }, &output))
         return fail(copy, "cannot put the recording on the btrfs image: " + output);
     // A fresh unfinished recording to finish in place: a clone of the one on the card.
     const auto cloneToFinish = [&] {
-        return emptyFolder(inPlaceFolder) && runTool("cp", { "--reflink=always", original, fresh }, &output);
+        return emptyFolder(inPlaceFolder)
+            && Scratch::runTool("cp", { "--reflink=always", original, fresh }, &output);
     };
     // Each run starts with the file system's and the image's writes done, not with those of the last.
-    const auto settle = [&] { return runTool("sync", {}, &output); };
+    const auto settle = [&] { return Scratch::runTool("sync", {}, &output); };
 
     QString failure;
     if (!emptyFolder(out) || !settle())
@@ -246,6 +251,7 @@ void runCopyCases(const BenchOptions& o, const QString& recording, BenchResults*
         progress("case 8: into a copy within one btrfs, against the finish in place");
         copyWithinBtrfsAgainstInPlace(o, recording, r);
     }
+    QDir(o.work).rmdir(kBtrfsFolder); // emptied by the case's mount as it ended
     QFile::remove(o.work + "/copy.log");
     QFile::remove(o.work + "/copy.log.err");
 }

@@ -7,10 +7,9 @@
 // tmpfs for that needs root, and those cases skip, saying why, where it cannot be done.
 
 #include "finalize/Finalize.h"
+#include "scratch/ScratchMount.h"
 #include "support/MessageCapture.h"
-#include "support/CardImages.h"
 #include "support/MixedCard.h"
-#include "support/ScratchMount.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -73,7 +72,7 @@ bool isRoot()
 // Runs the tool `name` (mount, umount) and says whether it ended with status 0.
 bool run(const QString& name, const QStringList& args)
 {
-    return CardImages::runTool(name, args);
+    return Scratch::runTool(name, args);
 }
 
 } // namespace

@@ -6,8 +6,7 @@
 // tools: without them those cases report themselves skipped and say why.
 
 #include "finalize/VerifiedCopy.h"
-#include "support/CardImages.h"
-#include "support/ScratchMount.h"
+#include "scratch/ScratchMount.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -27,8 +26,8 @@
 
 using namespace TestSupport;
 
-using CardImages::runTool;
-using CardImages::tool;
+using Scratch::runTool;
+using Scratch::toolPath;
 
 namespace {
 
@@ -65,7 +64,7 @@ bool writeLargeFile(const QString& path, int mebibytes)
 QString xxhsum(const QString& path)
 {
     QString output;
-    if (tool("xxhsum").isEmpty() || !runTool("xxhsum", { "-H64", path }, &output))
+    if (toolPath("xxhsum").isEmpty() || !runTool("xxhsum", { "-H64", path }, &output))
         return QString();
     // "<hash>  <name>", or "XXH64 (<name>) = <hash>" in the BSD style.
     const QRegularExpressionMatch match

@@ -1,5 +1,6 @@
 #include "support/CardImages.h"
 
+#include "scratch/ScratchMount.h"
 #include "support/TestSupport.h"
 
 #include <QDir>
@@ -13,42 +14,8 @@
 
 namespace CardImages {
 
-namespace {
-
-bool isMountPoint(const QString& path)
-{
-    const QString canonical = QFileInfo(path).canonicalFilePath();
-    for (const QByteArray& line : TestSupport::readFile("/proc/self/mountinfo").split('\n')) {
-        const QList<QByteArray> fields = line.split(' ');
-        if (fields.size() > 4 && QString::fromUtf8(fields[4]) == canonical)
-            return true;
-    }
-    return false;
-}
-
-} // namespace
-
-// The mount tools live in sbin, which a test's PATH does not always hold.
-QString tool(const QString& name)
-{
-    const QString onPath = QStandardPaths::findExecutable(name);
-    if (!onPath.isEmpty())
-        return onPath;
-    return QStandardPaths::findExecutable(
-        name, { "/usr/local/sbin", "/usr/sbin", "/sbin", "/usr/bin", "/bin" });
-}
-
-// Runs a tool to its end; true when it exits with 0. Both output channels land in `output`.
-bool runTool(const QString& name, const QStringList& args, QString* output)
-{
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(tool(name), args);
-    const bool done = process.waitForStarted() && process.waitForFinished(120000);
-    if (output)
-        *output = QString::fromLocal8Bit(process.readAll()).trimmed();
-    return done && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-}
+using Scratch::isMountPoint;
+using Scratch::runTool;
 
 QString kindName(Kind kind)
 {
@@ -66,7 +33,7 @@ QString missingFor(Kind kind)
         : QStringList { "mkfs.vfat", "fusefat", "umount" };
     QStringList missing;
     for (const QString& name : needed) {
-        if (tool(name).isEmpty())
+        if (Scratch::toolPath(name).isEmpty())
             missing << name;
     }
     if (missing.isEmpty())
@@ -114,7 +81,7 @@ QString MountedImage::mount()
         m_daemon.reset(new QProcess);
         m_daemon->setProcessChannelMode(QProcess::MergedChannels);
         m_daemon->setStandardOutputFile(m_image + ".log");
-        m_daemon->start(tool("fusefat"), { "-f", "-o", "rw+", m_image, m_mountPoint });
+        m_daemon->start(Scratch::toolPath("fusefat"), { "-f", "-o", "rw+", m_image, m_mountPoint });
         QElapsedTimer clock;
         clock.start();
         while (!isMountPoint(m_mountPoint) && m_daemon->state() != QProcess::NotRunning

@@ -2,7 +2,8 @@
 
 // Real file-system images for the tests that finish cards on the file systems cards carry: an exFAT or
 // FAT32 image in a file, formatted, mounted through FUSE and unmounted again. Loop devices and mounting
-// need root, /dev/fuse and the tools; missingFor says what stops a kind from being tested.
+// need root, /dev/fuse and the tools (run through Scratch::runTool); missingFor says what stops a kind from
+// being tested.
 
 #include <QProcess>
 #include <QString>
@@ -15,11 +16,6 @@ namespace CardImages {
 enum class Kind { Exfat, Fat32 };
 
 QString kindName(Kind kind);
-
-// A tool by name, also from the sbin folders a test's PATH does not always hold; empty when there is none.
-QString tool(const QString& name);
-// Runs a tool to its end; true when it exits with 0. Both output channels land in `output`.
-bool runTool(const QString& name, const QStringList& args, QString* output = nullptr);
 
 // What stops `kind` from being tested here, in words; empty when nothing does.
 QString missingFor(Kind kind);
