@@ -49,8 +49,8 @@ QMap<QString, QByteArray> finishedInPlace(const QString& scratch)
     return finished;
 }
 
-// The copy method ("clone", "stream") of every copy the run placed, by the copy's path below `out`, from
-// the "copy" objects of its JSON file records.
+// How every copy the run placed was made and checked ("clone, shared blocks", "stream, hashed as written"),
+// by the copy's path below `out`, from the "copy" objects of its JSON file records.
 QMap<QString, QString> copyMethods(const QList<QJsonObject>& files, const QString& out)
 {
     QMap<QString, QString> methods;
@@ -59,7 +59,7 @@ QMap<QString, QString> copyMethods(const QList<QJsonObject>& files, const QStrin
         if (!copy.value("path").isString())
             continue;
         methods.insert(QDir(out).relativeFilePath(copy.value("path").toString()),
-                       copy.value("method").toString());
+                       copy.value("method").toString() + ", " + copy.value("check").toString());
     }
     return methods;
 }
@@ -286,7 +286,10 @@ void TestCopyFinish::jsonCarriesTheCopyAndItsHash()
         QCOMPARE(copy.value("path").toString(), QDir(out).filePath("DCIM/100CLIPS/A001C001.mov"));
         // Which method a temporary folder gets depends on its file system; the two cases above pin each.
         const QString method = copy.value("method").toString();
-        QVERIFY2(method == "stream" || method == "clone", qPrintable(method));
+        const QString check = copy.value("check").toString();
+        QVERIFY2((method == "stream" && check == "hashed as written")
+                     || (method == "clone" && (check == "shared blocks" || check == "read back")),
+                 qPrintable(method + ", " + check));
         QCOMPARE(copy.value("media_xxh64").toString().size(), 16);
         if (!QStandardPaths::findExecutable("xxhsum").isEmpty()) {
             QProcess xxhsum;
@@ -342,7 +345,7 @@ void TestCopyFinish::copiesWithinOneBtrfsAreClones()
         QSKIP(qPrintable("btrfs cannot be tested: " + why));
     const QString card = QDir(mount.point()).filePath("card");
     const QString out = QDir(mount.point()).filePath("out");
-    checkCopiesMadeBy("clone", card, out, tmp.path());
+    checkCopiesMadeBy("clone, shared blocks", card, out, tmp.path());
 }
 
 void TestCopyFinish::copiesToAnotherFileSystemAreStreamed()
@@ -354,7 +357,7 @@ void TestCopyFinish::copiesToAnotherFileSystemAreStreamed()
     if (!why.isEmpty())
         QSKIP(qPrintable("a tmpfs destination cannot be tested: " + why));
     const QString out = QDir(mount.point()).filePath("out");
-    checkCopiesMadeBy("stream", tmp.filePath("card"), out, tmp.path());
+    checkCopiesMadeBy("stream, hashed as written", tmp.filePath("card"), out, tmp.path());
 }
 
 QTEST_GUILESS_MAIN(TestCopyFinish)

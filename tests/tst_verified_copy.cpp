@@ -5,6 +5,7 @@
 // they were, also when it can only be read. Mounting images and tmpfs needs root, the loop devices and the
 // tools: without them those cases report themselves skipped and say why.
 
+#include "finalize/SharedBlocks.h"
 #include "finalize/VerifiedCopy.h"
 #include "scratch/ScratchMount.h"
 #include "support/TestSupport.h"
@@ -128,6 +129,7 @@ private slots:
     void streamsToAnotherFileSystem();
     void streamsWhenCloningIsNotAllowed();
     void clonesWithinBtrfs();
+    void separateFilesShareNoBlocks();
     void leavesAnExistingDestinationAlone();
     void refusesACopyThatHashesDifferently();
     void stopsWhenTheDestinationIsFull();
@@ -159,6 +161,9 @@ void TestVerifiedCopy::checkCopy(const QByteArray& bytes, const QString& from, c
     QCOMPARE(result.bytes, qint64(bytes.size()));
     QVERIFY(readFile(destination) == bytes);
     QCOMPARE(result.copyHash, result.sourceHash);
+    // A clone shares every block with the source and is not read back; a streamed copy shares none.
+    QCOMPARE(result.sharedBlocks, expected == VerifiedCopy::Method::Clone);
+    QCOMPARE(SharedBlocks::everyBlockShared(source, destination), expected == VerifiedCopy::Method::Clone);
     const QString independent = xxhsum(source);
     if (independent.isEmpty())
         qInfo("xxhsum is not installed (Debian package xxhash): the hash is not checked against it");
@@ -222,8 +227,9 @@ void TestVerifiedCopy::clonesWithinBtrfs()
     if (QTest::currentTestFailed())
         return;
 
-    // A clone is read back to be hashed: a copy read back differently fails and goes.
+    // A clone asked to be read back is hashed as read: a copy read back differently fails and goes.
     VerifiedCopy::Options options;
+    options.readBackClones = true;
     options.corruptCopyHashInput = [](char* data, qint64 size) {
         if (size > 0)
             data[0] = char(data[0] ^ 0x01);
@@ -234,6 +240,44 @@ void TestVerifiedCopy::clonesWithinBtrfs()
     QCOMPARE(int(result.method), int(VerifiedCopy::Method::Clone));
     QVERIFY(!somethingAt(tampered + "/A001C002.mov"));
     QVERIFY(readFile(card + "/A001C002.mov") == bytes);
+
+    // A clone with one byte of its own no longer shares every block: it would be read back.
+    const QString clone = cloned + "/A001C002-again.mov";
+    const VerifiedCopy::Result again = VerifiedCopy::copy(card + "/A001C002.mov", clone, {});
+    QVERIFY(again.ok() && again.sharedBlocks);
+    QVERIFY(SharedBlocks::everyBlockShared(card + "/A001C002.mov", clone));
+    QFile changed(clone);
+    QVERIFY(changed.open(QIODevice::ReadWrite) && changed.seek(kBufferBytes) && changed.write("x", 1) == 1);
+    changed.close();
+    QVERIFY(!SharedBlocks::everyBlockShared(card + "/A001C002.mov", clone));
+    QVERIFY(readFile(card + "/A001C002.mov") == bytes);
+
+    // A clone of another file of the same bytes, laid out alike, shares blocks, but that file's, not the
+    // card's.
+    const QByteArray small = randomBytes(kMiB, 12);
+    QVERIFY(writeFile(card + "/A001C003.mov", small));
+    QVERIFY(writeFile(card + "/A001C004.mov", small));
+    const QString other = cloned + "/A001C004.mov";
+    QVERIFY(VerifiedCopy::copy(card + "/A001C004.mov", other, {}).sharedBlocks);
+    QVERIFY(!SharedBlocks::everyBlockShared(card + "/A001C003.mov", other));
+}
+
+void TestVerifiedCopy::separateFilesShareNoBlocks()
+{
+    // Two files of the same bytes, written each on its own, in the temporary folder and in /dev/shm: the
+    // same bytes, but not the same blocks.
+    QTemporaryDir folder;
+    QVERIFY(folder.isValid());
+    const QByteArray bytes = randomBytes(kMiB, 21);
+    QVERIFY(writeFile(folder.path() + "/a.mov", bytes));
+    QVERIFY(writeFile(folder.path() + "/b.mov", bytes));
+    QVERIFY(!SharedBlocks::everyBlockShared(folder.path() + "/a.mov", folder.path() + "/b.mov"));
+    QVERIFY(!SharedBlocks::everyBlockShared(folder.path() + "/a.mov", folder.path() + "/missing.mov"));
+    if (QFileInfo("/dev/shm").isDir()) {
+        QTemporaryDir shm(QDir("/dev/shm").filePath("tst_verified_copy-XXXXXX"));
+        QVERIFY(writeFile(shm.path() + "/a.mov", bytes));
+        QVERIFY(!SharedBlocks::everyBlockShared(folder.path() + "/a.mov", shm.path() + "/a.mov"));
+    }
 }
 
 void TestVerifiedCopy::leavesAnExistingDestinationAlone()

@@ -139,8 +139,11 @@ void Finalize::copyAndFinish(FileOutcome* outcome)
     options.corruptCopyHashInput = copyHashTamper;
     const VerifiedCopy::Result copied = VerifiedCopy::copy(path, copy, options);
     if (copied.ok()) {
-        outcome->copyMethod = copied.method == VerifiedCopy::Method::Clone ? QStringLiteral("clone")
-                                                                           : QStringLiteral("stream");
+        const bool cloned = copied.method == VerifiedCopy::Method::Clone;
+        outcome->copyMethod = cloned ? QStringLiteral("clone") : QStringLiteral("stream");
+        outcome->copyCheck = !cloned          ? QStringLiteral("hashed as written")
+            : copied.sharedBlocks ? QStringLiteral("shared blocks")
+                                  : QStringLiteral("read back");
         outcome->mediaHash = VerifiedCopy::hashText(copied.sourceHash);
         finishCopy(copy, folder, outcome);
     } else {

@@ -40,7 +40,7 @@ QJsonObject FileOutcome::toJson() const
     QJsonValue copy;
     if (!copyPath.isEmpty() || !mediaHash.isEmpty())
         copy = QJsonObject{{"path", copyPath.isEmpty() ? QJsonValue() : QJsonValue(copyPath)},
-            {"method", copyMethod}, {"media_xxh64", mediaHash}};
+            {"method", copyMethod}, {"check", copyCheck}, {"media_xxh64", mediaHash}};
     object.insert("copy", copy);
     const QJsonObject learned = facts.toJson();
     object.insert("learned", learned.isEmpty() ? QJsonValue() : QJsonValue(learned));

@@ -31,9 +31,12 @@ struct FileOutcome
     // result, which is not always a file (kept as the report has always shown it).
     QString reportedPath;
     // Finishing into a copy: where the finished (or given-up) copy is, how it was copied ("clone",
-    // "stream") and the xxHash64 of the recording's bytes as copied (16 hex digits); empty otherwise.
+    // "stream"), how its bytes were shown to be the card's ("hashed as written", "shared blocks": a clone
+    // whose every block is the card's, "read back") and the xxHash64 of the recording's bytes as copied
+    // (16 hex digits); empty otherwise.
     QString copyPath;
     QString copyMethod;
+    QString copyCheck;
     QString mediaHash;
     // What the file holds, read after the run when the driver is asked to learn it.
     RecordingFacts facts;

@@ -1,5 +1,7 @@
 #include "finalize/VerifiedCopy.h"
 
+#include "finalize/SharedBlocks.h"
+
 #include <QFile>
 
 #include <xxhash.h>
@@ -363,14 +365,19 @@ bool CopyRun::clone(bool* cloned)
 #endif
 }
 
-// A clone holds no bytes of its own to hash as they are written: the source and the copy are both read,
-// piece by piece, and hashed.
+// A clone holds no bytes of its own to hash as they are written. Where the file system shows every block
+// of it shared with the source, its bytes are the source's: only the source is read and hashed. Otherwise
+// the source and the copy are both read, piece by piece, and hashed.
 bool CopyRun::hashClone()
 {
+    const bool readBack
+        = m_options.readBackClones || !SharedBlocks::everyBlockShared(m_sourceFd, m_destinationFd);
+    m_result.sharedBlocks = !readBack;
     adviseSequential(m_sourceFd);
-    adviseSequential(m_destinationFd);
+    if (readBack)
+        adviseSequential(m_destinationFd);
     std::unique_ptr<char[]> sourceBytes(new char[kBufferBytes]);
-    std::unique_ptr<char[]> copyBytes(new char[kBufferBytes]);
+    std::unique_ptr<char[]> copyBytes(readBack ? new char[kBufferBytes] : nullptr);
     Hash sourceHash;
     Hash copyHash;
     for (;;) {
@@ -379,13 +386,16 @@ bool CopyRun::hashClone()
         if (got < 0)
             return failRead(error);
         sourceHash.add(sourceBytes.get(), got);
-        const qint64 back = readFull(m_destinationFd, copyBytes.get(), kBufferBytes, &error);
-        if (back < 0)
-            return failWrite(error, "read back");
-        addCopyBytes(&copyHash, copyBytes.get(), back);
+        qint64 back = 0;
+        if (readBack) {
+            back = readFull(m_destinationFd, copyBytes.get(), kBufferBytes, &error);
+            if (back < 0)
+                return failWrite(error, "read back");
+            addCopyBytes(&copyHash, copyBytes.get(), back);
+        }
         m_result.bytes += got;
         m_result.sourceHash = sourceHash.value();
-        m_result.copyHash = copyHash.value();
+        m_result.copyHash = readBack ? copyHash.value() : m_result.sourceHash;
         if (got == 0 && back == 0)
             return true;
         if (!reportProgress(m_result.bytes, false))

@@ -9,8 +9,10 @@
 // is created new (never over an existing file) and synced before copy() returns. Where the destination's
 // file system can share the source's blocks (a clone: FICLONE on Linux, clonefile on macOS) the copy is a
 // clone; otherwise the bytes are streamed through large buffers. Either way the source is hashed as it is
-// read and the copy as it is written (a clone, sharing the source's blocks, is read back), with xxHash64;
-// the copy stands only when both hashes agree. A streamed copy reads on a second thread while it writes.
+// read, with xxHash64, and the copy stands only when its bytes are shown to be the same: a streamed copy
+// is hashed as it is written (reading on a second thread while it writes); a clone whose every block the
+// file system shows shared with the source's is those very bytes (SharedBlocks), and any other clone is
+// read back and hashed.
 class VerifiedCopy
 {
 public:
@@ -36,7 +38,8 @@ public:
         Method method = Method::Stream;
         qint64 bytes = 0;        // the source's size
         quint64 sourceHash = 0;  // xxHash64 (seed 0) of the source's bytes as read
-        quint64 copyHash = 0;    // the same of the copy's bytes
+        quint64 copyHash = 0;    // the same of the copy's bytes (a clone sharing every block: the source's)
+        bool sharedBlocks = false; // a clone shown to share every block with the source, so not read back
         bool ok() const { return failure == Failure::None; }
     };
 
@@ -47,6 +50,7 @@ public:
     struct Options
     {
         bool allowClone = true; // false: always stream (the same bytes, slower)
+        bool readBackClones = false; // true: read a clone back even where it shares every block
         Progress progress;
         // For tests: changes the bytes hashed as the copy's before they are hashed, to show that a copy
         // which does not hash as its source fails.
