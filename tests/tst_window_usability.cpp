@@ -463,7 +463,10 @@ int main(int argc, char* argv[])
         QApplication app(argc, argv);
         MainWindow window;
         window.show();
-        QTest::qWaitForWindowExposed(&window);
+        if (!QTest::qWaitForWindowExposed(&window)) {
+            std::fprintf(stderr, "the window was never shown\n");
+            return 2;
+        }
         QTest::qWait(300);
         const QRect frame = window.frameGeometry();
         const QRect available = window.screen()->availableGeometry();

@@ -21,8 +21,8 @@ namespace Ui {
 class MainWindow;
 }
 
-// The one window: path, scan mode, finish style, copies, Start and the log box that shows one run of FinalizeRun,
-// together with every message logged through the framework while the window exists.
+// The one window: path, scan mode, finish style, copies, Start and the log box that shows one run of
+// FinalizeRun, together with every message logged through the framework while the window exists.
 //
 // Its member definitions are kept by concern: MainWindow.cpp sets the window up and runs; MainWindowLog.cpp
 // is the log box; MainWindowSaving.cpp is Save Log... and Save Outcomes...; MainWindowKeyboard.cpp is the

@@ -115,7 +115,8 @@ void OutcomeView::followTab(int index)
 void OutcomeView::fitRows()
 {
     // Rows a line of text high. The table asks no more height than its header, one row and the scroll bar,
-    // so the Files tab asks about what the report does and the window's minimum stays where the report puts it.
+    // so the Files tab asks about what the report does and the window's minimum stays where the report
+    // puts it.
     QTableView* table = m_widgets.table;
     const int row = QFontMetrics(m_window->font()).lineSpacing() + kRowPadding;
     table->verticalHeader()->setMinimumSectionSize(row);

@@ -81,6 +81,20 @@ bool renameInto(const QString& from, const QString& to, bool replace, QString* f
     return result == 0;
 }
 
+// How the copy was made and shown to hold the card's bytes, and the hash of those bytes, for the outcome.
+void keepHowCopied(const VerifiedCopy::Result& copied, FileOutcome* outcome)
+{
+    const bool cloned = copied.method == VerifiedCopy::Method::Clone;
+    outcome->copyMethod = cloned ? QStringLiteral("clone") : QStringLiteral("stream");
+    if (!cloned)
+        outcome->copyCheck = QStringLiteral("hashed as written");
+    else if (copied.sharedBlocks)
+        outcome->copyCheck = QStringLiteral("shared blocks");
+    else
+        outcome->copyCheck = QStringLiteral("read back");
+    outcome->mediaHash = VerifiedCopy::hashText(copied.sourceHash);
+}
+
 // Removes what an earlier run of the same recording may have left in the work folder.
 void clearLeftovers(const QString& workFolder, const QString& workName)
 {
@@ -108,16 +122,8 @@ void Finalize::copyAndFinish(FileOutcome* outcome)
         QDir::cleanPath(QDir(QDir(outputFolder).filePath(kWorkFolder)).filePath(relativeFolder));
     const QString name = workName(place.fileName());
     outcome->family = familyNameOf(familyByFirstAtom(path, QIODevice::ReadOnly));
-
-    // A finished or given-up name already taken in the output folder is never replaced unasked.
-    for (const bool finished : {true, false}) {
-        const QString taken = QDir(folder).filePath(copyName(name, finished));
-        if (!overwrite && QFileInfo::exists(taken)) {
-            outcome->fate = FileOutcome::Fate::CopyExists;
-            outcome->reason = QString("%1 already exists").arg(taken);
-            return;
-        }
-    }
+    if (copyNameTaken(folder, name, outcome))
+        return;
     if (!QDir().mkpath(folder) || !QDir().mkpath(workFolder)) {
         outcome->fate = FileOutcome::Fate::LeftForTheCard;
         outcome->reason = QString("the output folder %1 cannot be made").arg(folder);
@@ -126,6 +132,34 @@ void Finalize::copyAndFinish(FileOutcome* outcome)
     clearLeftovers(workFolder, name);
 
     const QString copy = QDir(workFolder).filePath(name);
+    const VerifiedCopy::Result copied = verifiedCopy(path, copy);
+    if (copied.ok()) {
+        keepHowCopied(copied, outcome);
+        finishCopy(copy, folder, outcome);
+    } else {
+        outcome->fate = FileOutcome::Fate::LeftForTheCard;
+        outcome->reason = copied.reason;
+    }
+    // The work folder goes as soon as nothing is left in it.
+    QDir(outputFolder).rmpath(QDir::cleanPath(QString(kWorkFolder) + '/' + relativeFolder));
+}
+
+bool Finalize::copyNameTaken(const QString& folder, const QString& workName, FileOutcome* outcome) const
+{
+    // A finished or given-up name already taken in the output folder is never replaced unasked.
+    for (const bool finished : {true, false}) {
+        const QString taken = QDir(folder).filePath(copyName(workName, finished));
+        if (!overwrite && QFileInfo::exists(taken)) {
+            outcome->fate = FileOutcome::Fate::CopyExists;
+            outcome->reason = QString("%1 already exists").arg(taken);
+            return true;
+        }
+    }
+    return false;
+}
+
+VerifiedCopy::Result Finalize::verifiedCopy(const QString& path, const QString& copy)
+{
     VerifiedCopy::Options options;
     options.progress = [this](qint64 done, qint64 total) {
         CopyProgress now = m_copyProgress; // as the recording's turn began
@@ -137,21 +171,7 @@ void Finalize::copyAndFinish(FileOutcome* outcome)
         return true;
     };
     options.corruptCopyHashInput = copyHashTamper;
-    const VerifiedCopy::Result copied = VerifiedCopy::copy(path, copy, options);
-    if (copied.ok()) {
-        const bool cloned = copied.method == VerifiedCopy::Method::Clone;
-        outcome->copyMethod = cloned ? QStringLiteral("clone") : QStringLiteral("stream");
-        outcome->copyCheck = !cloned          ? QStringLiteral("hashed as written")
-            : copied.sharedBlocks ? QStringLiteral("shared blocks")
-                                  : QStringLiteral("read back");
-        outcome->mediaHash = VerifiedCopy::hashText(copied.sourceHash);
-        finishCopy(copy, folder, outcome);
-    } else {
-        outcome->fate = FileOutcome::Fate::LeftForTheCard;
-        outcome->reason = copied.reason;
-    }
-    // The work folder goes as soon as nothing is left in it.
-    QDir(outputFolder).rmpath(QDir::cleanPath(QString(kWorkFolder) + '/' + relativeFolder));
+    return VerifiedCopy::copy(path, copy, options);
 }
 
 void Finalize::finishCopy(const QString& copy, const QString& folder, FileOutcome* outcome)

@@ -3,6 +3,7 @@
 #include "finalize/CopyProgress.h"
 #include "finalize/FileOutcome.h"
 #include "finalize/RecordingLock.h"
+#include "finalize/VerifiedCopy.h"
 #include "movie/HeronQuickTimeFile.h"
 
 #include <QDir>
@@ -163,6 +164,10 @@ private:
     // its rename there, told in `outcome`.
     QString copyPlaceOf(const QString& path) const;
     void copyAndFinish(FileOutcome* outcome);
+    // True, with the outcome, when the copy's finished or given-up name is taken and not to be replaced.
+    bool copyNameTaken(const QString& folder, const QString& workName, FileOutcome* outcome) const;
+    // The verified copy of `path` at `copy`, its progress told on copyProgress.
+    VerifiedCopy::Result verifiedCopy(const QString& path, const QString& copy);
     void finishCopy(const QString& copy, const QString& folder, FileOutcome* outcome);
     // The recordings below `dir` a run into copies will copy, counted into m_copyProgress before the first.
     void countCopies(QDir& dir);

@@ -15,7 +15,8 @@ QString toolPath(const QString& name)
     const QString onPath = QStandardPaths::findExecutable(name);
     if (!onPath.isEmpty())
         return onPath;
-    return QStandardPaths::findExecutable(name, {"/usr/local/sbin", "/usr/sbin", "/sbin", "/usr/bin", "/bin"});
+    const QStringList folders{"/usr/local/sbin", "/usr/sbin", "/sbin", "/usr/bin", "/bin"};
+    return QStandardPaths::findExecutable(name, folders);
 }
 
 bool runTool(const QString& name, const QStringList& args, QString* output, int msecs)
