@@ -38,6 +38,12 @@ const int kChoiceMargin = 0;
 // How far the description's width is widened at a time until its lines fit beside the scan modes.
 const int kDescriptionWidthStep = 8;
 
+// `path` when it is a folder, cleaned, where a folder picker can open; else empty (the picker's own).
+QString existingFolderOrNone(const QString& path)
+{
+    return !path.isEmpty() && QFileInfo(path).isDir() ? QDir::cleanPath(path) : QString();
+}
+
 // Whether Start finishes in the interchange form; remembered from one session to the next.
 const char* const kInterchangeKey = "finish/interchange";
 
@@ -293,22 +299,30 @@ void MainWindow::showRunning(bool running)
 
 void MainWindow::on_browseButton_clicked()
 {
+    askForFolder(ui->drivePathEdit, tr("Drive/path to scan."));
+}
+
+void MainWindow::askForFolder(QLineEdit* field, const QString& title)
+{
     const QString folder = QFileDialog::getExistingDirectory(
-        this, tr("Drive/path to scan."), browseStartFolder(), QFileDialog::ShowDirsOnly);
+        this, title, existingFolderOrNone(fromStartFolder(field->text())), QFileDialog::ShowDirsOnly);
     if (!folder.isEmpty())
-        ui->drivePathEdit->setText(folder);
+        field->setText(folder);
+}
+
+QString MainWindow::fromStartFolder(const QString& text) const
+{
+    return text.isEmpty() ? text : QDir(m_startFolder).filePath(text);
 }
 
 QString MainWindow::typedPath() const
 {
-    const QString text = ui->drivePathEdit->text();
-    return text.isEmpty() ? text : QDir(m_startFolder).filePath(text);
+    return fromStartFolder(ui->drivePathEdit->text());
 }
 
 QString MainWindow::browseStartFolder() const
 {
-    const QString path = typedPath();
-    return !path.isEmpty() && QFileInfo(path).isDir() ? QDir::cleanPath(path) : QString();
+    return existingFolderOrNone(typedPath());
 }
 
 void MainWindow::closeEvent(QCloseEvent* event)

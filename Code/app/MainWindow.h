@@ -14,6 +14,7 @@ class OutcomeView;
 class QAction;
 class QIODevice;
 class QKeySequence;
+class QLineEdit;
 class QMenu;
 class QTemporaryFile;
 
@@ -140,6 +141,11 @@ private:
     // lies inside `path`, where the run would meet the copies: the run does not start.
     bool refuseCopiesFolder(const QString& path);
     void browseForCopiesFolder();
+    // Asks for a folder with a picker titled `title`, opening at the folder typed in `field` when there is
+    // one, and puts the choice into `field`.
+    void askForFolder(QLineEdit* field, const QString& title);
+    // A typed path as the run and the pickers take it: relative to the folder the program started in.
+    QString fromStartFolder(const QString& text) const;
     // The bar shows the share of the run's bytes copied, and which copy of how many is under way.
     void showCopyProgress(const CopyProgress& progress);
 
@@ -154,6 +160,8 @@ private:
     void appendDuringRun(const QString& line);
     // Repaints the box with everything appended so far, following the end unless the user scrolled away.
     void showLog();
+    // Shows the lines held back for the next showing, if any, now.
+    void showHeldLines();
     // Keeps a copy of a run's line outside the box, which holds only the last 4000.
     void recordLine(const QString& line);
     // The whole report of the last run, or before any run what the box shows, into `out`.

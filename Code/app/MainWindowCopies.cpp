@@ -8,8 +8,6 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFileDialog>
-#include <QFileInfo>
 #include <QSettings>
 #include <QStatusBar>
 
@@ -64,10 +62,8 @@ void MainWindow::updateStartButton()
 
 QString MainWindow::copiesFolder() const
 {
-    const QString text = ui->outputPathEdit->text();
-    if (!ui->copyToFolder->isChecked() || text.isEmpty())
-        return QString();
-    return QDir::cleanPath(QDir(m_startFolder).filePath(text));
+    const QString folder = fromStartFolder(ui->outputPathEdit->text());
+    return ui->copyToFolder->isChecked() && !folder.isEmpty() ? QDir::cleanPath(folder) : QString();
 }
 
 bool MainWindow::refuseCopiesFolder(const QString& path)
@@ -87,19 +83,13 @@ bool MainWindow::refuseCopiesFolder(const QString& path)
 
 void MainWindow::browseForCopiesFolder()
 {
-    const QString typed = copiesFolder();
-    const QString start = !typed.isEmpty() && QFileInfo(typed).isDir() ? typed : QString();
-    const QString folder = QFileDialog::getExistingDirectory(
-        this, tr("Folder for the finished copies."), start, QFileDialog::ShowDirsOnly);
-    if (!folder.isEmpty())
-        ui->outputPathEdit->setText(folder);
+    askForFolder(ui->outputPathEdit, tr("Folder for the finished copies."));
 }
 
 void MainWindow::showCopyProgress(const CopyProgress& progress)
 {
-    // Lines held back for the next showing are shown now: a copy can take minutes with no line logged.
-    if (!ui->outputWindow->updatesEnabled())
-        showLog();
+    // A copy can take minutes with no line logged: the lines before it show now.
+    showHeldLines();
     QProgressBar* bar = ui->progressBar;
     bar->setFormat(tr("Copying %1 of %2: %p%").arg(progress.fileNumber).arg(progress.fileCount));
     bar->setRange(0, kBarSteps);

@@ -123,6 +123,13 @@ void MainWindow::appendDuringRun(const QString& line)
         ui->outputWindow->setUpdatesEnabled(false);
 }
 
+void MainWindow::showHeldLines()
+{
+    // Between showings the box's updates are off (appendDuringRun).
+    if (!ui->outputWindow->updatesEnabled())
+        showLog();
+}
+
 void MainWindow::showLog()
 {
     // The box sizes its scroll bar from the last lines' layout whenever the document grows; between

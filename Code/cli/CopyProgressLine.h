@@ -13,14 +13,13 @@ class CopyProgressLine : public QObject
 {
     Q_OBJECT
 
-public:
-    // The line's text for `progress`, `seconds` after the copy under way began.
-    static QString text(const CopyProgress& progress, double seconds);
-
 public slots:
     void show(const CopyProgress& progress);
 
 private:
+    // The line's text for `progress`, `seconds` after the copy under way began.
+    static QString text(const CopyProgress& progress, double seconds);
+
     QString m_path; // of the copy under way
     QElapsedTimer m_sinceCopyBegan;
     bool m_shown = false; // a line is on the terminal

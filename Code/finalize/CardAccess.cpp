@@ -4,10 +4,11 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cerrno>
+
 #ifdef _WIN32
 #include <windows.h>
 #else
-#include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -99,6 +100,15 @@ WriteBlock writeBlockFor(const QString& path)
 }
 
 #endif
+
+bool isFullError(int error)
+{
+#ifdef EDQUOT
+    if (error == EDQUOT)
+        return true;
+#endif
+    return error == ENOSPC;
+}
 
 QString reasonText(WriteBlock block)
 {

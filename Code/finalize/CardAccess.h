@@ -27,6 +27,9 @@ bool folderWritable(const QString& folder);
 // Whether the entries of `folder` can be listed.
 bool folderListable(const QString& folder);
 
+// Whether the system's error `error` says the file system (or the user's share of it) is full.
+bool isFullError(int error);
+
 // The reason as the per-file lines give it ("the drive is write-protected", ...); empty for None.
 QString reasonText(WriteBlock block);
 

@@ -33,13 +33,11 @@ void CardFile::noteFailure(int systemError, const QString& what)
     // to an offset no file reaches, EINVAL) stays the recording's failure. A write that would grow the
     // file past the largest the file system or the process may hold (EFBIG: a FAT32 card's 4 GiB, a
     // size limit) is the card's: the same take finishes where it fits.
-    switch (systemError) {
-    case ENOSPC:
-#ifdef EDQUOT
-    case EDQUOT:
-#endif
+    if (CardAccess::isFullError(systemError)) {
         m_mediumFailure = QStringLiteral("the card is full");
-        break;
+        return;
+    }
+    switch (systemError) {
     case EFBIG:
         m_mediumFailure = tooLargeReason();
         break;

@@ -224,7 +224,7 @@ bool Finalize::finalizeFolderTree(const QStringList& paths)
             emit textOutput(QString("No permission to write in %1: its files cannot be finalized.\n")
                                 .arg(dir.absolutePath()));
         QDir::setCurrent(dir.absolutePath());
-        if (!outputFolder.isEmpty() && !scanOnly) {
+        if (copiesRecordings()) {
             m_copyProgress = CopyProgress();
             walkTree(dir, [this](QDir& folder) { countCopies(folder); }, false);
         }
@@ -283,7 +283,7 @@ bool Finalize::finalizeFolder(QDir& dir)
 
     const QStringList names = entriesMatching(dir, nameFilters);
     for (const QString& name : names) {
-        const bool copyTurn = !outputFolder.isEmpty() && !scanOnly && !isGivenUpName(name);
+        const bool copyTurn = copiesRecordings() && !isGivenUpName(name);
         if (copyTurn)
             beginCopyTurn(dir.absoluteFilePath(name));
         FileOutcome outcome = finalizeFile(dir, name);

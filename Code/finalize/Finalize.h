@@ -169,6 +169,8 @@ private:
     // The verified copy of `path` at `copy`, its progress told on copyProgress.
     VerifiedCopy::Result verifiedCopy(const QString& path, const QString& copy);
     void finishCopy(const QString& copy, const QString& folder, FileOutcome* outcome);
+    // Whether the run copies recordings: a finish into copies, not a scan.
+    bool copiesRecordings() const { return !outputFolder.isEmpty() && !scanOnly; }
     // The recordings below `dir` a run into copies will copy, counted into m_copyProgress before the first.
     void countCopies(QDir& dir);
     // A recording's turn in a run into copies begins, and ends with its bytes counted as done.

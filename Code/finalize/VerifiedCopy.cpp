@@ -1,6 +1,8 @@
 #include "finalize/VerifiedCopy.h"
 
+#include "finalize/CardAccess.h"
 #include "finalize/SharedBlocks.h"
+#include "movie/StableStorage.h"
 
 #include <QFile>
 
@@ -47,15 +49,6 @@ constexpr qint64 kProgressStep = 64 * 1024 * 1024;
 QString systemText(int error)
 {
     return QString::fromLocal8Bit(std::strerror(error));
-}
-
-bool isFullError(int error)
-{
-#ifdef EDQUOT
-    if (error == EDQUOT)
-        return true;
-#endif
-    return error == ENOSPC;
 }
 
 // xxHash64 with seed 0, fed piece by piece: the pieces' hash is the whole's.
@@ -285,7 +278,7 @@ bool CopyRun::failRead(int error)
 
 bool CopyRun::failWrite(int error, const char* what)
 {
-    if (isFullError(error))
+    if (CardAccess::isFullError(error))
         return fail(Failure::DestinationFull, QStringLiteral("the destination is full"));
     return fail(Failure::DestinationFailed,
         QString("the copy could not be %1 (%2)").arg(QLatin1String(what), systemText(error)));
@@ -339,14 +332,14 @@ bool CopyRun::clone(bool* cloned)
         *cloned = true;
         return true;
     }
-    if (isFullError(errno))
+    if (CardAccess::isFullError(errno))
         return failWrite(errno, "written");
     return true;
 #elif defined(__APPLE__)
     if (::fclonefileat(m_sourceFd, AT_FDCWD, m_destinationName.constData(), 0) != 0) {
         if (errno == EEXIST)
             return fail(Failure::DestinationExists, QString("%1 already exists").arg(m_destination));
-        if (isFullError(errno))
+        if (CardAccess::isFullError(errno))
             return failWrite(errno, "written");
         return true;
     }
@@ -508,18 +501,7 @@ bool CopyRun::compareHashes()
 
 bool CopyRun::syncDestination()
 {
-    int synced;
-#ifdef __APPLE__
-    // fsync leaves the bytes in the drive's cache on macOS; F_FULLFSYNC asks the drive to store them.
-    synced = ::fcntl(m_destinationFd, F_FULLFSYNC);
-    if (synced != 0)
-        synced = ::fsync(m_destinationFd);
-#else
-    do
-        synced = ::fsync(m_destinationFd);
-    while (synced != 0 && errno == EINTR);
-#endif
-    if (synced != 0)
+    if (!StableStorage::syncHandle(m_destinationFd))
         return failWrite(errno, "synced");
     // Some file systems (network ones) report a failed write only when the file is closed.
     if (closeDestination() != 0 && errno != EINTR)

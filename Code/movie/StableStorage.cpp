@@ -30,11 +30,7 @@ bool sync(QIODevice& device, QString* failure)
     const int handle = file->handle();
     if (handle < 0)
         return false;
-#ifdef Q_OS_WIN
-    const bool synced = _commit(handle) == 0;
-#else
-    const bool synced = ::fsync(handle) == 0;
-#endif
+    const bool synced = syncHandle(handle);
     if (!synced && failure)
         *failure = QString::fromLocal8Bit(std::strerror(errno));
     return synced;
@@ -58,9 +54,27 @@ bool syncFolder(const QString& folder)
     const int handle = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY);
     if (handle < 0)
         return false;
-    const bool ok = ::fsync(handle) == 0;
+    const bool ok = syncHandle(handle);
     ::close(handle);
     return ok;
+#endif
+}
+
+bool syncHandle(int handle)
+{
+#if defined(Q_OS_WIN)
+    return _commit(handle) == 0;
+#else
+#ifdef F_FULLFSYNC
+    // fsync leaves the bytes in the drive's cache on macOS; F_FULLFSYNC asks the drive to store them.
+    if (::fcntl(handle, F_FULLFSYNC) == 0)
+        return true;
+#endif
+    int synced;
+    do
+        synced = ::fsync(handle);
+    while (synced != 0 && errno == EINTR);
+    return synced == 0;
 #endif
 }
 

@@ -20,4 +20,8 @@ qint64 bytesAvailable(QIODevice& device);
 // Makes a rename inside `folder` durable by syncing the folder itself (a no-op where unsupported).
 bool syncFolder(const QString& folder);
 
+// Asks the system to write what the open file `handle` holds to the disk, through interruptions (on
+// macOS to the drive itself, past its cache). False with errno set when it could not.
+bool syncHandle(int handle);
+
 } // namespace StableStorage
