@@ -42,13 +42,19 @@ bool logSays(const QString& log, const QString& text)
     return file.open(QIODevice::ReadOnly) && file.readAll().contains(text.toUtf8());
 }
 
-Usage runCli(const QStringList& args, const QString& log)
+Usage runCli(const QStringList& args, const QString& log, const QString& errorLog)
 {
     ChildCommand command;
     command.program = CLIPWARD_CLI_PATH;
     command.arguments = args;
     command.stdoutPath = log;
+    command.stderrPath = errorLog;
     return measureChild(command);
+}
+
+bool finalizedIn(const QString& log)
+{
+    return logSays(log, "Finalized") && !logSays(log, "Unrecoverable");
 }
 
 void fail(Measured* m, const QString& note)
@@ -70,7 +76,7 @@ namespace {
 bool finalizeOnce(const QString& folder, const QString& log, Usage* usage, bool interchange = false)
 {
     *usage = runCli(interchange ? QStringList { "--interchange", folder } : QStringList { folder }, log);
-    return usage->ok && logSays(log, "Finalized") && !logSays(log, "Unrecoverable");
+    return usage->ok && finalizedIn(log);
 }
 
 // Captures the recording at `zqv` and finalizes it once, untimed, in the interchange form when asked: the

@@ -63,8 +63,11 @@ struct BenchResults
 void progress(const QString& text);
 // Whether the file at `log` holds `text`.
 bool logSays(const QString& log, const QString& text);
-// clipward-cli with `args`, its stdout in `log`, measured.
-Usage runCli(const QStringList& args, const QString& log);
+// clipward-cli with `args`, its stdout in `log` (and its stderr in `errorLog` when given: a copy then draws
+// no progress line on a terminal), measured.
+Usage runCli(const QStringList& args, const QString& log, const QString& errorLog = QString());
+// Whether the report at `log` finalized its file and gave none up.
+bool finalizedIn(const QString& log);
 // Marks `m` failed, with why, and says so.
 void fail(Measured* m, const QString& note);
 // Two measurements that take turns going first (first, second; second, first; ...), so neither always

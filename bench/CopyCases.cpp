@@ -67,21 +67,10 @@ bool emptyFolder(const QString& path)
     return QDir().mkpath(path);
 }
 
-// clipward-cli with `args`, its report in `log` and its stderr in `log`.err (so that a copy draws no
-// progress line on a terminal), measured.
+// clipward-cli with `args`, its report in `log` and its stderr in `log`.err, measured.
 Usage runCliQuietly(const QStringList& args, const QString& log)
 {
-    ChildCommand command;
-    command.program = CLIPWARD_CLI_PATH;
-    command.arguments = args;
-    command.stdoutPath = log;
-    command.stderrPath = log + ".err";
-    return measureChild(command);
-}
-
-bool finalizedIn(const QString& log)
-{
-    return logSays(log, "Finalized") && !logSays(log, "Unrecoverable");
+    return runCli(args, log, log + ".err");
 }
 
 // Finishes `folder` into `out` with --json, untimed: the method its file record gives the copy ("clone",

@@ -13,10 +13,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
 #include <QRandomGenerator>
-#include <QRegularExpression>
-#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -26,9 +23,6 @@
 #include <sys/stat.h>
 
 using namespace TestSupport;
-
-using Scratch::runTool;
-using Scratch::toolPath;
 
 namespace {
 
@@ -58,21 +52,6 @@ bool writeLargeFile(const QString& path, int mebibytes)
             return false;
     }
     return true;
-}
-
-// The xxHash64 of a file as the xxhsum tool gives it, in the form of VerifiedCopy::hashText; empty when
-// xxhsum is not installed.
-QString xxhsum(const QString& path)
-{
-    QString output;
-    if (toolPath("xxhsum").isEmpty() || !runTool("xxhsum", { "-H64", path }, &output))
-        return QString();
-    // "<hash>  <name>", or "XXH64 (<name>) = <hash>" in the BSD style.
-    const QRegularExpressionMatch match
-        = QRegularExpression("^([0-9a-f]{16})\\s|= ([0-9a-f]{16})$").match(output);
-    if (!match.hasMatch())
-        return QString("unreadable xxhsum output: ") + output;
-    return match.captured(1).isEmpty() ? match.captured(2) : match.captured(1);
 }
 
 bool sameFileSystem(const QString& a, const QString& b)

@@ -1,5 +1,7 @@
 #include "support/TestSupport.h"
 
+#include "scratch/ScratchMount.h"
+
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -7,6 +9,7 @@
 #include <QJsonDocument>
 #include <QMap>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QtEndian>
 #include <QtTest>
@@ -82,6 +85,19 @@ QMap<QString, QByteArray> snapshotTree(const QString& root)
         files.insert(base.relativeFilePath(path), readFile(path));
     }
     return files;
+}
+
+QString xxhsum(const QString& path)
+{
+    QString output;
+    if (Scratch::toolPath("xxhsum").isEmpty() || !Scratch::runTool("xxhsum", {"-H64", path}, &output))
+        return QString();
+    // "<hash>  <name>", or "XXH64 (<name>) = <hash>" in the BSD style.
+    const QRegularExpressionMatch match
+        = QRegularExpression("^([0-9a-f]{16})\\s|= ([0-9a-f]{16})$").match(output);
+    if (!match.hasMatch())
+        return QString("unreadable xxhsum output: ") + output;
+    return match.captured(1).isEmpty() ? match.captured(2) : match.captured(1);
 }
 
 QMap<QString, QByteArray> placedCopies(const QString& out)

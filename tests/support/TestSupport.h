@@ -31,6 +31,10 @@ QByteArray readFile(const QString& path);
 
 // Every file below `root` (relative path -> content), to prove a run changed nothing.
 QMap<QString, QByteArray> snapshotTree(const QString& root);
+// The xxHash64 of a file as the xxhsum tool gives it, 16 lower-case hexadecimal digits; empty when
+// xxhsum is not installed (Debian package xxhash).
+QString xxhsum(const QString& path);
+
 // The same below the output folder of a run into copies, without the work folder of unfinished copies.
 QMap<QString, QByteArray> placedCopies(const QString& out);
 
