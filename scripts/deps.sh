@@ -20,4 +20,4 @@ install_missing_packages() {
 BUILD_PACKAGES=(cmake g++ make qtbase5-dev qtbase5-dev-tools libxxhash-dev)
 TEST_PACKAGES=(ffmpeg xauth strace exfatprogs exfat-fuse fuse3 dosfstools fusefat
     gstreamer1.0-tools gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good gstreamer1.0-libav mediainfo
-    mkvtoolnix xvfb xxhash btrfs-progs)
+    mkvtoolnix xvfb xxhash btrfs-progs mount)
